@@ -1,0 +1,76 @@
+#pragma once
+
+#include <QIODevice>
+#include <QString>
+#include <QStringList>
+#include <QTextStream>
+#include <optional>
+
+#include "Error.h"
+#include "NoteRepository.h"
+
+namespace mossly::agent {
+
+// The streams a command talks through; tests pass buffers.
+struct AgentIo {
+    QTextStream& out;
+    QTextStream& err;
+    QIODevice& in;
+};
+
+enum ExitCode : int { success = 0, failure = 1, usageError = 2 };
+
+// Raised by option parsing: printed on stderr with exit code 2.
+struct UsageError {
+    QString message;
+};
+
+// Options every subcommand understands, parsed from its arguments.
+class CommandOptions {
+public:
+    // `valueOptions` take a value ("--limit 5" or "--limit=5"); `repeatable` may appear many times.
+    static std::expected<CommandOptions, UsageError> parse(const QStringList& arguments,
+                                                           const QStringList& valueOptions,
+                                                           const QStringList& repeatable = {});
+
+    std::optional<QString> value(const QString& name) const;
+    QStringList values(const QString& name) const;
+    const QStringList& positional() const { return positional_; }
+
+private:
+    QList<std::pair<QString, QString>> values_;
+    QStringList positional_;
+};
+
+// The repository for --notes-dir, or the folder from the notes-location configuration.
+Result<NoteRepository> repositoryFor(const CommandOptions& options, AgentIo& io);
+// The catalog file for --catalog, or the default one in the caches folder.
+QString catalogPathFor(const CommandOptions& options);
+// The note body from --body, --body-file FILE or --body-file - (stdin); none when neither is given.
+std::expected<std::optional<QString>, UsageError> bodyFrom(const CommandOptions& options, AgentIo& io);
+// --field KEY=VALUE pairs, typed with the front-matter value grammar.
+std::expected<NoteFrontMatterFields, UsageError> fieldsFrom(const CommandOptions& options);
+// --agent NAME, required by every write.
+std::expected<NoteEditor, UsageError> editorFrom(const CommandOptions& options);
+
+// A note as agents see it: identifier, title, type, revision, editors, date, body, front matter.
+QString noteJson(const StoredNote& note);
+
+// Writes one JSON document (and a newline) to stdout; returns `success`.
+int printJson(AgentIo& io, const QString& json);
+// Writes the error's exact description to stderr; returns `failure`.
+int printError(AgentIo& io, const Error& error);
+int printUsage(AgentIo& io, const UsageError& error);
+
+int runList(const QStringList& arguments, AgentIo& io);
+int runRead(const QStringList& arguments, AgentIo& io);
+int runCreate(const QStringList& arguments, AgentIo& io);
+int runUpdate(const QStringList& arguments, AgentIo& io);
+int runSearch(const QStringList& arguments, AgentIo& io);
+int runTrash(const QStringList& arguments, AgentIo& io);
+int runSync(const QStringList& arguments, AgentIo& io);
+
+// Dispatches "mossly-agent <subcommand> …" (arguments exclude the program name).
+int runAgent(const QStringList& arguments, AgentIo& io);
+
+}  // namespace mossly::agent

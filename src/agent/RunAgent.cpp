@@ -1,0 +1,48 @@
+#include "AgentCommand.h"
+
+namespace mossly::agent {
+
+namespace {
+
+const char* const usage = R"(mossly-agent: read, search and edit Mossly notes safely while the app runs.
+
+Usage: mossly-agent COMMAND [ARGUMENTS] [--notes-dir DIR] [--catalog FILE]
+
+Commands:
+  list                                   every note: identifier, type, date, size
+  read ID                                one note with its revision
+  create --title T [--body TEXT | --body-file F|-] [--type markdown|html|sketch]
+         [--field KEY=VALUE]... --agent NAME
+  update ID --expected-revision R [--body TEXT | --body-file F|-]
+         [--field KEY=VALUE]... --agent NAME
+  search QUERY [--limit N]               ranked keyword search (indexes first)
+  trash ID                               move a note to the Trash
+  sync                                   bring the search catalog up to date
+
+Output is one JSON document on stdout. Errors go to stderr; exit code 1 for a
+failed operation, 2 for a usage error.
+)";
+
+}  // namespace
+
+int runAgent(const QStringList& arguments, AgentIo& io) {
+    if (arguments.isEmpty()) return printUsage(io, {QStringLiteral("Missing command")});
+    const QString command = arguments.front();
+    const QStringList rest = arguments.mid(1);
+    if (command == u"help" || command == u"--help" || command == u"-h") {
+        io.out << usage;
+        io.out.flush();
+        return success;
+    }
+    using Runner = int (*)(const QStringList&, AgentIo&);
+    const std::pair<const char16_t*, Runner> commands[] = {
+        {u"list", runList},     {u"read", runRead},   {u"create", runCreate}, {u"update", runUpdate},
+        {u"search", runSearch}, {u"trash", runTrash}, {u"sync", runSync},
+    };
+    for (const auto& [name, run] : commands) {
+        if (command == QStringView(name)) return run(rest, io);
+    }
+    return printUsage(io, {QStringLiteral("Unknown command: ") + command});
+}
+
+}  // namespace mossly::agent

@@ -1,0 +1,28 @@
+#include "AgentCommand.h"
+
+namespace mossly::agent {
+
+int runUpdate(const QStringList& arguments, AgentIo& io) {
+    auto options = CommandOptions::parse(arguments, {"expected-revision", "body", "body-file", "field", "agent"},
+                                         {"field"});
+    if (!options) return printUsage(io, options.error());
+    const auto revision = options->value(QStringLiteral("expected-revision"));
+    if (!revision || options->positional().size() != 1) {
+        return printUsage(io, {QStringLiteral("Usage: mossly-agent update ID --expected-revision R "
+                                              "[--body TEXT | --body-file F] [--field KEY=VALUE]… --agent NAME")});
+    }
+    auto editor = editorFrom(*options);
+    if (!editor) return printUsage(io, editor.error());
+    auto fields = fieldsFrom(*options);
+    if (!fields) return printUsage(io, fields.error());
+    auto body = bodyFrom(*options, io);
+    if (!body) return printUsage(io, body.error());
+
+    auto repository = repositoryFor(*options, io);
+    if (!repository) return printError(io, repository.error());
+    auto note = repository->update(options->positional().front(), *revision, *body, *editor, std::nullopt, *fields);
+    if (!note) return printError(io, note.error());
+    return printJson(io, noteJson(*note));
+}
+
+}  // namespace mossly::agent

@@ -1,0 +1,88 @@
+#pragma once
+
+#include <QString>
+#include <expected>
+
+namespace mossly {
+
+// One error type for the whole storage layer. Each case carries the exact
+// user-facing text, so callers (the app, the agent command) show
+// `description()` as it stands and branch on `code()` when they need to.
+class Error {
+public:
+    enum class Code {
+        // Path policy and library lock
+        invalidIdentifier,
+        busy,
+        // Repository
+        alreadyExists,
+        notFound,
+        notRegularFile,
+        unsupportedContentType,
+        contentTypeMismatch,
+        invalidFrontMatterKey,
+        invalidEncoding,
+        trashFailed,
+        stale,
+        // Notes location
+        unsupportedLocationVersion,
+        malformedLocation,
+        locationUnresolved,
+        // Search catalog
+        catalogUnavailable,
+        cancelled,
+        // An operating-system call failed; `systemErrno()` holds errno.
+        system,
+    };
+
+    static Error invalidIdentifier(const QString& identifier);
+    static Error busy();
+    static Error alreadyExists(const QString& identifier);
+    static Error notFound(const QString& identifier);
+    static Error notRegularFile(const QString& identifier);
+    static Error unsupportedContentType(const QString& value);
+    static Error contentTypeMismatch(const QString& identifier, const QString& expected, const QString& actual);
+    static Error invalidFrontMatterKey(const QString& key);
+    static Error invalidEncoding(const QString& identifier);
+    static Error trashFailed(const QString& identifier);
+    static Error stale(const QString& expectedRevision, const QString& actualRevision);
+    static Error unsupportedLocationVersion(qint64 version);
+    static Error malformedLocation(const QString& detail);
+    static Error locationUnresolved(const QString& description);
+    static Error catalogUnavailable(const QString& detail);
+    static Error cancelled();
+    // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
+    static Error system(int errnoValue, const QString& path);
+
+    Code code() const { return code_; }
+    const QString& description() const { return description_; }
+    // The identifier, key, path or revision the error is about, when it has one.
+    const QString& subject() const { return subject_; }
+    // For `stale`: the revision actually on disk.
+    const QString& actualRevision() const { return detail_; }
+    int systemErrno() const { return errno_; }
+
+    bool operator==(const Error&) const = default;
+
+private:
+    Error(Code code, QString description, QString subject = {}, QString detail = {}, int errnoValue = 0)
+        : code_(code),
+          description_(std::move(description)),
+          subject_(std::move(subject)),
+          detail_(std::move(detail)),
+          errno_(errnoValue) {}
+
+    Code code_;
+    QString description_;
+    QString subject_;
+    QString detail_;
+    int errno_;
+};
+
+template <typename T>
+using Result = std::expected<T, Error>;
+
+// Shorthand for returning a failure from a function that yields Result<T>.
+inline std::unexpected<Error> fail(Error error) { return std::unexpected<Error>(std::move(error)); }
+
+}  // namespace mossly

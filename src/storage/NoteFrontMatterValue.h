@@ -1,0 +1,39 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <variant>
+
+namespace mossly {
+
+// One typed front-matter value. The alternatives keep the order of the
+// value grammar: string, list of strings, boolean, 64-bit integer, double.
+class NoteFrontMatterValue {
+public:
+    using Storage = std::variant<QString, QStringList, bool, qint64, double>;
+
+    NoteFrontMatterValue(QString value) : value_(std::move(value)) {}
+    NoteFrontMatterValue(const char* value) : value_(QString::fromUtf8(value)) {}
+    NoteFrontMatterValue(QStringList value) : value_(std::move(value)) {}
+    NoteFrontMatterValue(bool value) : value_(value) {}
+    NoteFrontMatterValue(qint64 value) : value_(value) {}
+    NoteFrontMatterValue(int value) : value_(qint64{value}) {}
+    NoteFrontMatterValue(double value) : value_(value) {}
+
+    const Storage& storage() const { return value_; }
+    template <typename T>
+    bool holds() const {
+        return std::holds_alternative<T>(value_);
+    }
+    template <typename T>
+    const T& get() const {
+        return std::get<T>(value_);
+    }
+
+    bool operator==(const NoteFrontMatterValue&) const = default;
+
+private:
+    Storage value_;
+};
+
+}  // namespace mossly

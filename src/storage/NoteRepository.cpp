@@ -1,0 +1,273 @@
+#include "NoteRepository.h"
+
+#include <QDir>
+#include <QFile>
+#include <QRegularExpression>
+#include <QStringDecoder>
+#include <QTextBoundaryFinder>
+#include <algorithm>
+#include <cerrno>
+#include <sys/stat.h>
+
+#include "AtomicFile.h"
+#include "NoteFileLock.h"
+#include "NoteFolderScan.h"
+
+namespace mossly {
+
+namespace {
+
+constexpr qsizetype maximumBaseNameCharacters = 160;
+// ext4 and most Linux file systems allow 255 bytes per name; leave room for " 10000.markdown".
+constexpr qsizetype maximumBaseNameBytes = 240;
+
+QByteArray encoded(const QString& path) { return QFile::encodeName(path); }
+
+// Decodes strictly, keeping a leading byte-order mark so the text re-encodes to the same bytes.
+std::optional<QString> decodeUtf8(const QByteArray& bytes) {
+    QStringDecoder decoder(QStringDecoder::Utf8,
+                           QStringDecoder::Flag::Stateless | QStringDecoder::Flag::ConvertInitialBom);
+    QString text = decoder(bytes);
+    if (decoder.hasError()) return std::nullopt;
+    return text;
+}
+
+// The first `count` user-perceived characters, never splitting an emoji or accent.
+QString leadingGraphemes(const QString& text, qsizetype count) {
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    qsizetype taken = 0;
+    qsizetype end = 0;
+    while (taken < count) {
+        const qsizetype next = finder.toNextBoundary();
+        if (next < 0) return text;
+        end = next;
+        ++taken;
+    }
+    return text.left(end);
+}
+
+QString trimmedToBytes(QString text, qsizetype maximumBytes) {
+    while (text.toUtf8().size() > maximumBytes) {
+        QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+        finder.toEnd();
+        text.truncate(std::max<qsizetype>(finder.toPreviousBoundary(), 0));
+    }
+    return text;
+}
+
+}  // namespace
+
+NoteRepository::NoteRepository(QString directory) : fixedDirectory_(std::move(directory)) {}
+
+NoteRepository::NoteRepository(NotesLocationConfigurationStore store, NotesDirectoryResolver resolver)
+    : store_(std::move(store)), resolver_(std::move(resolver)) {}
+
+Result<QString> NoteRepository::directoryURL() const {
+    if (fixedDirectory_) return QDir::cleanPath(*fixedDirectory_);
+    auto configuration = store_->load();
+    if (!configuration) return fail(configuration.error());
+    auto resolution = resolver_->resolveWithFallback(*configuration);
+    if (!resolution) return fail(resolution.error());
+    return resolution->directory;
+}
+
+Result<std::vector<NoteFileMetadata>> NoteRepository::enumerateMetadata() const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto notes = scanNoteFiles(*directory);
+    if (!notes) return notes;
+    std::stable_sort(notes->begin(), notes->end(),
+                     [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
+    return notes;
+}
+
+Result<std::vector<StoredNote>> NoteRepository::enumerate(const QStringList& matchingAnyRawTerms) const {
+    QStringList terms;
+    for (const QString& term : matchingAnyRawTerms) {
+        if (!term.isEmpty()) terms.append(term);
+    }
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto listing = enumerateMetadata();
+    if (!listing) return fail(listing.error());
+    std::vector<StoredNote> matches;
+    for (const NoteFileMetadata& entry : *listing) {
+        auto note = readAt(*directory, entry.identifier);
+        if (!note) {
+            // A note removed or replaced mid-scan, or one that is not text, simply does not match.
+            const Error::Code code = note.error().code();
+            if (code == Error::Code::notFound || code == Error::Code::notRegularFile ||
+                code == Error::Code::invalidEncoding) {
+                continue;
+            }
+            return fail(note.error());
+        }
+        const bool matched = std::any_of(terms.begin(), terms.end(), [&](const QString& term) {
+            return note->persistedContent.contains(term, Qt::CaseInsensitive);
+        });
+        if (matched) matches.push_back(std::move(*note));
+    }
+    return matches;
+}
+
+Result<StoredNote> NoteRepository::read(const QString& identifier) const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    return readAt(*directory, identifier);
+}
+
+Result<StoredNote> NoteRepository::readAt(const QString& directory, const QString& identifier) const {
+    auto path = pathPolicy_.url(identifier, directory);
+    if (!path) return fail(path.error());
+    struct stat info {};
+    if (::lstat(encoded(*path).constData(), &info) != 0) {
+        if (errno == ENOENT || errno == ENOTDIR) return fail(Error::notFound(identifier));
+        return fail(Error::system(errno, identifier));
+    }
+    if (!S_ISREG(info.st_mode)) return fail(Error::notRegularFile(identifier));
+
+    auto bytes = AtomicFile::readAll(*path, /*followSymlinks=*/false, &info);
+    if (!bytes) {
+        const int error = bytes.error().systemErrno();
+        if (error == ENOENT) return fail(Error::notFound(identifier));
+        if (error == ELOOP) return fail(Error::notRegularFile(identifier));  // replaced by a link
+        return fail(Error::system(error, identifier));
+    }
+    std::optional<QString> text = decodeUtf8(*bytes);
+    if (!text) return fail(Error::invalidEncoding(identifier));
+    const NoteContentType type = *noteContentTypeForFileName(identifier);
+    return StoredNote{identifier, *path, *text, NoteDocument(*text, *bytes, type), type, fileTime(info.st_mtim)};
+}
+
+Result<StoredNote> NoteRepository::create(const QString& title, const QString& body, const NoteEditor& createdBy,
+                                          NoteContentType contentType,
+                                          const NoteFrontMatterFields& frontMatterFields) const {
+    if (auto keys = validateFrontMatterKeys(frontMatterFields); !keys) return fail(keys.error());
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    if (!QDir().mkpath(*directory)) return fail(Error::system(EACCES, *directory));
+
+    const NoteDocument document(body, createdBy, contentType, frontMatterFields);
+    const QString text = document.serialized();
+    const QByteArray bytes = text.toUtf8();
+    const QString baseName = safeBaseName(title);
+    const QString extension = u'.' + preferredExtension(contentType);
+
+    return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
+        auto staged = AtomicFile::stage(*directory + u'/' + baseName + extension, bytes);
+        if (!staged) return fail(staged.error());
+        for (int n = 1; n <= maximumNameAttempts; ++n) {
+            const QString identifier =
+                (n == 1 ? baseName : baseName + u' ' + QString::number(n)) + extension;
+            const QString path = *directory + u'/' + identifier;
+            auto created = staged->commitIfAbsent(path);
+            if (!created) return fail(created.error());
+            if (!*created) continue;
+            struct stat info {};
+            if (::lstat(encoded(path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
+            return StoredNote{identifier,
+                              path,
+                              text,
+                              NoteDocument(text, bytes, contentType),
+                              contentType,
+                              fileTime(info.st_mtim)};
+        }
+        return fail(Error::alreadyExists(baseName + extension));
+    });
+}
+
+Result<StoredNote> NoteRepository::update(const QString& identifier, const QString& expectedRevision,
+                                          const std::optional<QString>& body, const NoteEditor& editedBy,
+                                          std::optional<NoteContentType> contentType,
+                                          const NoteFrontMatterFields& frontMatterUpdates) const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto path = pathPolicy_.url(identifier, *directory);
+    if (!path) return fail(path.error());
+    if (auto keys = validateFrontMatterKeys(frontMatterUpdates); !keys) return fail(keys.error());
+
+    return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
+        auto current = readAt(*directory, identifier);
+        if (!current) return fail(current.error());
+        if (contentType && *contentType != current->contentType) {
+            return fail(Error::contentTypeMismatch(identifier, rawValue(*contentType), rawValue(current->contentType)));
+        }
+        if (current->document.revision() != expectedRevision) {
+            return fail(Error::stale(expectedRevision, current->document.revision()));
+        }
+        const QString text = current->document.serialized(body, editedBy, frontMatterUpdates);
+        const QByteArray bytes = text.toUtf8();
+        struct stat info {};
+        if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
+        auto staged = AtomicFile::stage(*path, bytes, info.st_mode & 07777);
+        if (!staged) return fail(staged.error());
+        if (auto committed = staged->commitReplacing(); !committed) return fail(committed.error());
+        if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
+        return StoredNote{identifier,   *path, text, NoteDocument(text, bytes, current->contentType),
+                          current->contentType, fileTime(info.st_mtim)};
+    });
+}
+
+Result<void> NoteRepository::moveToTrash(const QString& identifier) const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto path = pathPolicy_.url(identifier, *directory);
+    if (!path) return fail(path.error());
+    return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<void> {
+        struct stat info {};
+        if (::lstat(encoded(*path).constData(), &info) != 0) {
+            if (errno == ENOENT || errno == ENOTDIR) return fail(Error::notFound(identifier));
+            return fail(Error::system(errno, identifier));
+        }
+        if (!S_ISREG(info.st_mode)) return fail(Error::notRegularFile(identifier));
+        // The freedesktop.org Trash: the user can restore the note from the file manager.
+        if (!QFile::moveToTrash(*path)) return fail(Error::trashFailed(identifier));
+        return {};
+    });
+}
+
+QString NoteRepository::safeBaseName(const QString& title) {
+    static const QRegularExpression headingMarker(QStringLiteral("^#{1,6}\\s*"));
+    QString text = title;
+    text.replace(headingMarker, QString());
+
+    // Separators and control characters become "-". Invisible format characters
+    // (zero-width joiners in emoji, direction marks) are dropped: identifiers
+    // may not contain them, and they carry nothing visible.
+    QString joined;
+    joined.reserve(text.size());
+    for (const char32_t codePoint : text.toUcs4()) {
+        const QChar::Category category = QChar::category(codePoint);
+        if (category == QChar::Other_Format) continue;
+        if (codePoint == U'/' || codePoint == U'\\' || codePoint == U':' || category == QChar::Other_Control) {
+            joined += u'-';
+        } else {
+            joined += QString::fromUcs4(&codePoint, 1);
+        }
+    }
+
+    text = joined.trimmed();
+    qsizetype start = 0;
+    qsizetype end = text.size();
+    while (start < end && text[start] == u'.') ++start;
+    while (end > start && text[end - 1] == u'.') --end;
+    text = text.mid(start, end - start);
+    if (text.isEmpty()) text = QStringLiteral("Untitled");
+    return trimmedToBytes(leadingGraphemes(text, maximumBaseNameCharacters), maximumBaseNameBytes);
+}
+
+Result<void> NoteRepository::validateFrontMatterKeys(const NoteFrontMatterFields& fields) {
+    // Anchored to the whole text: "$" alone would also accept a trailing newline.
+    static const QRegularExpression keyPattern(
+        QRegularExpression::anchoredPattern(QStringLiteral("[A-Za-z0-9][A-Za-z0-9_-]*")));
+    for (const auto& entry : fields) {
+        const QString& key = entry.first;
+        if (!keyPattern.match(key).hasMatch() || key == NoteDocument::createdByKey ||
+            key == NoteDocument::lastEditedByKey) {
+            return fail(Error::invalidFrontMatterKey(key));
+        }
+    }
+    return {};
+}
+
+}  // namespace mossly

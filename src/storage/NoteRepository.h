@@ -1,0 +1,71 @@
+#pragma once
+
+#include <QString>
+#include <QStringList>
+#include <optional>
+#include <vector>
+
+#include "Error.h"
+#include "NoteDocument.h"
+#include "NotePathPolicy.h"
+#include "NotesLocation.h"
+#include "StoredNote.h"
+
+namespace mossly {
+
+// The only component that reads and writes note files. Every writer (the
+// app, the meeting recorder, mossly-agent) goes through it, so its rules hold
+// for all of them: identifiers are validated, writes run under the library
+// lock, updates are revision-checked, replacements are atomic, deletes go to
+// the Trash. Stateless: every call goes to the disk; safe to use from any thread.
+class NoteRepository {
+public:
+    // A repository over a fixed notes folder.
+    explicit NoteRepository(QString directory);
+    // A repository that finds its folder through the notes-location configuration.
+    NoteRepository(NotesLocationConfigurationStore store, NotesDirectoryResolver resolver);
+
+    Result<QString> directoryURL() const;
+
+    // Every note file of the folder tree, sorted by identifier. Regular files
+    // only (symbolic links are not followed); hidden files and folders are
+    // never notes. A folder that does not exist yet holds no notes.
+    Result<std::vector<NoteFileMetadata>> enumerateMetadata() const;
+    // Notes whose text contains any of `terms` (case-insensitively), sorted
+    // like `enumerateMetadata`. A fallback search when the catalog is absent.
+    Result<std::vector<StoredNote>> enumerate(const QStringList& matchingAnyRawTerms) const;
+
+    Result<StoredNote> read(const QString& identifier) const;
+
+    // Creates "<title>.<ext>", or "<title> 2.<ext>" … when taken; never replaces a file.
+    Result<StoredNote> create(const QString& title, const QString& body, const NoteEditor& createdBy,
+                              NoteContentType contentType = NoteContentType::markdown,
+                              const NoteFrontMatterFields& frontMatterFields = {}) const;
+
+    // Writes a new version only if the file still has `expectedRevision`;
+    // otherwise fails with `stale` and writes nothing. Returns the note as written.
+    Result<StoredNote> update(const QString& identifier, const QString& expectedRevision,
+                              const std::optional<QString>& body, const NoteEditor& editedBy,
+                              std::optional<NoteContentType> contentType = std::nullopt,
+                              const NoteFrontMatterFields& frontMatterUpdates = {}) const;
+
+    // Moves the note file to the user's Trash. Never deletes.
+    Result<void> moveToTrash(const QString& identifier) const;
+
+    // The file name (without extension) for a note title.
+    static QString safeBaseName(const QString& title);
+    // Keys callers may set: "^[A-Za-z0-9][A-Za-z0-9_-]*$", minus the two editor keys.
+    static Result<void> validateFrontMatterKeys(const NoteFrontMatterFields& fields);
+
+    static constexpr int maximumNameAttempts = 10000;
+
+private:
+    Result<StoredNote> readAt(const QString& directory, const QString& identifier) const;
+
+    std::optional<QString> fixedDirectory_;
+    std::optional<NotesLocationConfigurationStore> store_;
+    std::optional<NotesDirectoryResolver> resolver_;
+    NotePathPolicy pathPolicy_;
+};
+
+}  // namespace mossly

@@ -1,0 +1,223 @@
+#include "NoteSearch.h"
+
+#include <QUrl>
+#include <algorithm>
+#include <cstring>
+
+#include "JsonWriter.h"
+#include "NoteSearchCatalog.h"
+#include "NoteSearchCatalogStatements.h"
+
+namespace mossly {
+
+QStringList NoteSearch::normalizedTerms(const QString& query) {
+    // Fold diacritics by decomposing and dropping the combining marks, then fold case.
+    QString folded;
+    const QString decomposed = query.normalized(QString::NormalizationForm_D);
+    folded.reserve(decomposed.size());
+    for (const QChar c : decomposed) {
+        if (c.category() != QChar::Mark_NonSpacing) folded += c;
+    }
+    folded = folded.normalized(QString::NormalizationForm_C).toLower();
+
+    QStringList terms;
+    QString current;
+    for (const char32_t codePoint : folded.toUcs4()) {
+        if (QChar::isLetterOrNumber(codePoint)) {
+            current += QString::fromUcs4(&codePoint, 1);
+        } else if (!current.isEmpty()) {
+            terms.append(current);
+            current.clear();
+        }
+    }
+    if (!current.isEmpty()) terms.append(current);
+    return terms;
+}
+
+QString NoteSearch::ftsExpression(const QStringList& terms) {
+    QStringList quoted;
+    for (QString term : terms) quoted.append(u'"' + term.replace(u'"', QStringLiteral("\"\"")) + u'"');
+    return quoted.join(QStringLiteral(" OR "));
+}
+
+QString NoteSearch::clippedExcerpt(const QString& snippet) {
+    if (snippet.size() <= maximumExcerptLength) return snippet;
+    return snippet.left(maximumExcerptLength - 3) + QStringLiteral("…");
+}
+
+QString NoteSearch::openURL(const QString& identifier) {
+    return QStringLiteral("mossly://note/") + QString::fromLatin1(QUrl::toPercentEncoding(identifier, "/"));
+}
+
+QString NoteSearch::toJson(const NoteSearchResult& result) {
+    JsonObjectWriter json;
+    json.add(QStringLiteral("identifier"), result.identifier)
+        .add(QStringLiteral("title"), result.title)
+        .add(QStringLiteral("excerpt"), result.excerpt)
+        .add(QStringLiteral("score"), result.score)
+        .add(QStringLiteral("keywordScore"), result.keywordScore);
+    if (result.meaningScore) json.add(QStringLiteral("meaningScore"), *result.meaningScore);
+    json.add(QStringLiteral("revision"), result.revision).add(QStringLiteral("createdBy"), result.createdBy);
+    if (result.lastEditedBy) json.add(QStringLiteral("lastEditedBy"), *result.lastEditedBy);
+    json.add(QStringLiteral("semanticAvailable"), result.semanticAvailable)
+        .add(QStringLiteral("openURL"), openURL(result.identifier));
+    return json.text();
+}
+
+QString NoteSearch::toJson(const NoteSearchResponse& response) {
+    QStringList results;
+    for (const NoteSearchResult& result : response.results) results.append(toJson(result));
+    JsonObjectWriter json;
+    json.addRaw(QStringLiteral("results"), jsonArray(results))
+        .add(QStringLiteral("semanticAvailable"), response.semanticAvailable);
+    if (response.warning) json.add(QStringLiteral("warning"), *response.warning);
+    return json.text();
+}
+
+namespace {
+
+struct PreparedQuery {
+    QString trimmed;
+    QByteArray loweredUtf8;  // SQLite's lower(): ASCII letters only
+    QString expression;
+    qint64 limit;
+};
+
+std::optional<PreparedQuery> prepareQuery(const QString& query, qint64 limit) {
+    const QStringList terms = NoteSearch::normalizedTerms(query);
+    limit = std::clamp<qint64>(limit, 0, NoteSearch::maximumLimit);
+    if (terms.isEmpty() || limit == 0) return std::nullopt;
+    const QString trimmed = query.trimmed();
+    return PreparedQuery{trimmed, trimmed.toUtf8().toLower(), NoteSearch::ftsExpression(terms), limit};
+}
+
+// The bonus the ranking adds for hits of the whole query in the title and body.
+double bonus(const QByteArray& title, const QByteArray& body, const QByteArray& loweredQuery) {
+    const QByteArray lowerTitle = title.toLower();
+    double value = 0.0;
+    if (lowerTitle == loweredQuery) {
+        value = 5.0;
+    } else if (lowerTitle.contains(loweredQuery)) {
+        value = 2.0;
+    }
+    if (body.toLower().contains(loweredQuery)) value += 1.0;
+    return value;
+}
+
+double keywordScore(double bm25, double bonusValue) { return std::max(-bm25, 0.000001) + bonusValue; }
+
+struct Candidate {
+    qint64 rowid;
+    double bm25;
+    double bonus;
+    double key;
+    QByteArray identifier;  // UTF-8, ordered like SQLite's BINARY collation
+    NoteSearchResult result;
+};
+
+// The reference order: sort key, then identifier bytes (QByteArray compares like memcmp).
+bool ranksBefore(const Candidate& a, const Candidate& b) {
+    if (a.key != b.key) return a.key < b.key;
+    return a.identifier < b.identifier;
+}
+
+}  // namespace
+
+Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint64 limit) {
+    const std::optional<PreparedQuery> prepared = prepareQuery(query, limit);
+    if (!prepared) return NoteSearchResponse{};
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+
+    // Walk the matches in BM25 order. A row's sort key is its BM25 minus a
+    // bonus of at most 6, so once the worst of the best `limit` rows sorts
+    // before (next BM25 − 6), no later row can enter the top.
+    constexpr double maximumBonus = 6.0;
+    std::vector<Candidate> top;  // a max-heap on ranking: the front is the worst kept row
+    const auto worseFirst = [](const Candidate& a, const Candidate& b) { return ranksBefore(a, b); };
+    auto matches = statements_->matchesByBm25->use();
+    if (auto bound = matches.bind(1, prepared->expression); !bound) return fail(bound.error());
+    for (;;) {
+        auto row = matches.step();
+        if (!row) return fail(row.error());
+        if (!*row) break;
+        const qint64 rowid = matches.integer(0);
+        const double bm25 = matches.real(1);
+        if (static_cast<qint64>(top.size()) == prepared->limit && top.front().key < bm25 - maximumBonus) break;
+
+        auto details = statements_->matchDetails->use();
+        if (auto bound = details.bind(1, rowid); !bound) return fail(bound.error());
+        auto found = details.step();
+        if (!found) return fail(found.error());
+        if (!*found) continue;  // no metadata row: not a listed note
+        Candidate candidate{rowid, bm25, 0.0, 0.0, details.utf8(0), {}};
+        candidate.bonus = bonus(details.utf8(1), details.utf8(2), prepared->loweredUtf8);
+        candidate.key = bm25 - candidate.bonus;
+        candidate.result.identifier = details.text(0);
+        candidate.result.title = details.text(1);
+        candidate.result.revision = details.text(3);
+        candidate.result.createdBy = details.text(4);
+        candidate.result.lastEditedBy = details.optionalText(5);
+
+        if (static_cast<qint64>(top.size()) < prepared->limit) {
+            top.push_back(std::move(candidate));
+            std::push_heap(top.begin(), top.end(), worseFirst);
+        } else if (ranksBefore(candidate, top.front())) {
+            std::pop_heap(top.begin(), top.end(), worseFirst);
+            top.back() = std::move(candidate);
+            std::push_heap(top.begin(), top.end(), worseFirst);
+        }
+    }
+    std::sort_heap(top.begin(), top.end(), worseFirst);
+
+    NoteSearchResponse response;
+    for (Candidate& candidate : top) {
+        auto snippet = statements_->matchSnippet->use();
+        Result<void> bound = snippet.bind(1, prepared->expression);
+        if (bound) bound = snippet.bind(2, candidate.rowid);
+        if (!bound) return fail(bound.error());
+        auto row = snippet.step();
+        if (!row) return fail(row.error());
+        candidate.result.excerpt = *row ? NoteSearch::clippedExcerpt(snippet.text(0)) : QString();
+        candidate.result.keywordScore = keywordScore(candidate.bm25, candidate.bonus);
+        candidate.result.score = candidate.result.keywordScore;
+        response.results.push_back(std::move(candidate.result));
+    }
+    return response;
+}
+
+Result<NoteSearchResponse> NoteSearchCatalog::searchWithReferenceStatement(const QString& query, qint64 limit) {
+    const std::optional<PreparedQuery> prepared = prepareQuery(query, limit);
+    if (!prepared) return NoteSearchResponse{};
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+
+    auto use = statements_->keywordSearch->use();
+    Result<void> bound;
+    for (int index : {1, 2, 3, 5, 6, 7}) {
+        if (bound) bound = use.bind(index, prepared->trimmed);
+    }
+    if (bound) bound = use.bind(4, prepared->expression);
+    if (bound) bound = use.bind(8, prepared->limit);
+    if (!bound) return fail(bound.error());
+
+    NoteSearchResponse response;
+    for (;;) {
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        if (!*row) break;
+        NoteSearchResult result;
+        result.identifier = use.text(0);
+        result.title = use.text(1);
+        result.excerpt = NoteSearch::clippedExcerpt(use.text(2));
+        result.keywordScore = keywordScore(use.real(3), use.real(4));
+        result.score = result.keywordScore;
+        result.revision = use.text(5);
+        result.createdBy = use.text(6);
+        result.lastEditedBy = use.optionalText(7);
+        response.results.push_back(std::move(result));
+    }
+    return response;
+}
+
+}  // namespace mossly

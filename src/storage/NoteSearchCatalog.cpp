@@ -1,0 +1,313 @@
+#include "NoteSearchCatalog.h"
+
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QHash>
+#include <QStandardPaths>
+#include <QtEndian>
+#include <cerrno>
+#include <cstring>
+#include <unistd.h>
+
+#include "NoteRepository.h"
+#include "NoteSearchCatalogStatements.h"
+#include "NoteTitle.h"
+
+namespace mossly {
+
+namespace {
+
+struct Fingerprint {
+    double modificationTime;
+    qint64 fileSize;
+    bool operator==(const Fingerprint&) const = default;
+};
+
+QByteArray vectorBlob(const std::vector<double>& vector) {
+    QByteArray blob(static_cast<qsizetype>(vector.size() * sizeof(double)), Qt::Uninitialized);
+    for (size_t i = 0; i < vector.size(); ++i) {
+        qToLittleEndian(vector[i], blob.data() + i * sizeof(double));
+    }
+    return blob;
+}
+
+std::vector<double> vectorFromBlob(const QByteArray& blob) {
+    std::vector<double> vector(static_cast<size_t>(blob.size()) / sizeof(double));
+    for (size_t i = 0; i < vector.size(); ++i) vector[i] = qFromLittleEndian<double>(blob.constData() + i * sizeof(double));
+    return vector;
+}
+
+// Notes that cannot be indexed as text are left out (and retried next time)
+// rather than making search unavailable for the whole library.
+bool isSkippableReadFailure(const Error& error) {
+    return error.code() == Error::Code::notFound || error.code() == Error::Code::notRegularFile ||
+           error.code() == Error::Code::invalidEncoding;
+}
+
+Result<std::unique_ptr<SqliteStatement>> prepare(SqliteDatabase& db, const char* sql) {
+    return db.prepare(QString::fromUtf8(sql));
+}
+
+}  // namespace
+
+QString NoteSearchCatalog::defaultUrl() {
+    const QString caches = QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation);
+    return caches + QStringLiteral("/com.bellam.notes/agent-search.sqlite");
+}
+
+Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString& url) {
+    const QString folder = QFileInfo(url).path();
+    if (!QDir().mkpath(folder)) return fail(Error::catalogUnavailable(QStringLiteral("Could not open ") + url));
+    auto db = SqliteDatabase::open(url);
+    if (!db) return fail(db.error());
+    for (const char* sql : CatalogSql::settings) {
+        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) return fail(done.error());
+    }
+    for (const char* sql : CatalogSql::schema) {
+        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) return fail(done.error());
+    }
+
+    auto statements = std::make_unique<Statements>();
+    const std::pair<std::unique_ptr<SqliteStatement>*, const char*> all[] = {
+        {&statements->begin, "BEGIN IMMEDIATE"},
+        {&statements->commit, "COMMIT"},
+        {&statements->rollback, "ROLLBACK"},
+        {&statements->count, CatalogSql::count},
+        {&statements->fingerprints, CatalogSql::fingerprints},
+        {&statements->deleteMetadata, CatalogSql::deleteMetadata},
+        {&statements->deleteFts, CatalogSql::deleteFts},
+        {&statements->deleteSemantic, CatalogSql::deleteSemantic},
+        {&statements->insertMetadata, CatalogSql::insertMetadata},
+        {&statements->insertFts, CatalogSql::insertFts},
+        {&statements->missingSemantic, CatalogSql::missingSemantic},
+        {&statements->insertSemantic, CatalogSql::insertSemantic},
+        {&statements->semanticEntries, CatalogSql::semanticEntries},
+        {&statements->keywordSearch, CatalogSql::keywordSearch},
+        {&statements->matchesByBm25, CatalogSql::matchesByBm25},
+        {&statements->matchDetails, CatalogSql::matchDetails},
+        {&statements->matchSnippet, CatalogSql::matchSnippet},
+    };
+    for (const auto& [slot, sql] : all) {
+        auto prepared = prepare(**db, sql);
+        if (!prepared) return fail(prepared.error());
+        *slot = std::move(*prepared);
+    }
+    return std::unique_ptr<NoteSearchCatalog>(new NoteSearchCatalog(url, std::move(*db), std::move(statements)));
+}
+
+NoteSearchCatalog::NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db,
+                                     std::unique_ptr<Statements> statements)
+    : url_(std::move(url)), db_(std::move(db)), statements_(std::move(statements)) {}
+
+// Statements must be finalised before their connection closes.
+NoteSearchCatalog::~NoteSearchCatalog() {
+    statements_.reset();
+    db_.reset();
+}
+
+Result<void> NoteSearchCatalog::requireOpen() const {
+    if (!db_) return fail(Error::catalogUnavailable(QStringLiteral("Database is closed.")));
+    return {};
+}
+
+template <typename Body>
+auto NoteSearchCatalog::inTransaction(Body&& body) -> decltype(body()) {
+    if (auto begun = statements_->begin->use().run(); !begun) return fail(begun.error());
+    auto result = body();
+    if (result) {
+        if (auto committed = statements_->commit->use().run(); !committed) {
+            (void)statements_->rollback->use().run();
+            return fail(committed.error());
+        }
+    } else {
+        (void)statements_->rollback->use().run();
+    }
+    return result;
+}
+
+Result<void> NoteSearchCatalog::deleteRows(const QString& identifier) {
+    for (SqliteStatement* statement :
+         {statements_->deleteMetadata.get(), statements_->deleteFts.get(), statements_->deleteSemantic.get()}) {
+        auto use = statement->use();
+        if (auto bound = use.bind(1, identifier); !bound) return bound;
+        if (auto done = use.run(); !done) return done;
+    }
+    return {};
+}
+
+Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic,
+                                           std::stop_token stop) {
+    std::lock_guard synchronizing(synchronizationLock_);
+    auto indexed = synchronizeKeywords(repository, stop);
+    if (!indexed) return indexed;
+    if (semantic) {
+        if (auto done = synchronizeSemantic(repository, *semantic, stop); !done) return fail(done.error());
+    }
+    return indexed;
+}
+
+Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {
+    auto listing = repository.enumerateMetadata();
+    if (!listing) return fail(listing.error());
+
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    return inTransaction([&]() -> Result<int> {
+        QHash<QString, Fingerprint> known;
+        {
+            auto use = statements_->fingerprints->use();
+            for (;;) {
+                auto row = use.step();
+                if (!row) return fail(row.error());
+                if (!*row) break;
+                known.insert(use.text(0), Fingerprint{use.real(1), use.integer(2)});
+            }
+        }
+
+        QHash<QString, bool> listed;
+        listed.reserve(static_cast<qsizetype>(listing->size()));
+        for (const NoteFileMetadata& entry : *listing) listed.insert(entry.identifier, true);
+        for (auto it = known.cbegin(); it != known.cend(); ++it) {
+            if (listed.contains(it.key())) continue;
+            if (auto removed = deleteRows(it.key()); !removed) return fail(removed.error());
+        }
+
+        int indexed = 0;
+        for (const NoteFileMetadata& entry : *listing) {
+            if (stop.stop_requested()) return fail(Error::cancelled());
+            const Fingerprint fingerprint{secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize};
+            const auto previous = known.constFind(entry.identifier);
+            if (previous != known.cend() && *previous == fingerprint) continue;
+
+            auto note = repository.read(entry.identifier);
+            if (!note && !isSkippableReadFailure(note.error())) return fail(note.error());
+            if (auto removed = deleteRows(entry.identifier); !removed) return fail(removed.error());
+            if (!note) continue;
+
+            const QString visibleText = note->document.visibleText();
+            const QString title = noteTitle(visibleText, entry.identifier);
+            {
+                auto use = statements_->insertMetadata->use();
+                const std::optional<QString> lastEditor =
+                    note->document.lastEditedBy ? std::optional(note->document.lastEditedBy->storedValue())
+                                                : std::nullopt;
+                // The fingerprint recorded is the one listed, so a file that
+                // changes while being read is read again next time.
+                Result<void> bound = use.bind(1, entry.identifier);
+                if (bound) bound = use.bind(2, fingerprint.modificationTime);
+                if (bound) bound = use.bind(3, fingerprint.fileSize);
+                if (bound) bound = use.bind(4, note->document.revision());
+                if (bound) bound = use.bind(5, title);
+                if (bound) bound = use.bind(6, note->document.createdBy.storedValue());
+                if (bound) bound = use.bind(7, lastEditor);
+                if (bound) bound = use.run();
+                if (!bound) return fail(bound.error());
+            }
+            {
+                auto use = statements_->insertFts->use();
+                Result<void> bound = use.bind(1, entry.identifier);
+                if (bound) bound = use.bind(2, title);
+                if (bound) bound = use.bind(3, visibleText);
+                if (bound) bound = use.run();
+                if (!bound) return fail(bound.error());
+            }
+            ++indexed;
+        }
+        return indexed;
+    });
+}
+
+Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& repository,
+                                                    const NoteSemanticProvider& semantic, std::stop_token stop) {
+    QStringList missing;
+    {
+        std::lock_guard guard(lock_);
+        if (auto open = requireOpen(); !open) return open;
+        auto use = statements_->missingSemantic->use();
+        for (;;) {
+            auto row = use.step();
+            if (!row) return fail(row.error());
+            if (!*row) break;
+            missing.append(use.text(0));
+        }
+    }
+    for (const QString& identifier : missing) {
+        if (stop.stop_requested()) return fail(Error::cancelled());
+        auto note = repository.read(identifier);
+        if (!note) {
+            if (isSkippableReadFailure(note.error())) continue;
+            return fail(note.error());
+        }
+        // The embedding runs outside the database lock: it may be slow.
+        auto chunks = semantic.chunks(note->document.visibleText());
+        if (!chunks) return fail(chunks.error());
+
+        std::lock_guard guard(lock_);
+        if (auto open = requireOpen(); !open) return open;
+        auto stored = inTransaction([&]() -> Result<void> {
+            auto use = statements_->deleteSemantic->use();
+            if (auto bound = use.bind(1, identifier); !bound) return bound;
+            if (auto done = use.run(); !done) return done;
+            for (size_t index = 0; index < chunks->size(); ++index) {
+                const SemanticIndexedChunk& chunk = (*chunks)[index];
+                auto insert = statements_->insertSemantic->use();
+                Result<void> bound = insert.bind(1, identifier);
+                if (bound) bound = insert.bind(2, note->document.revision());
+                if (bound) bound = insert.bind(3, static_cast<qint64>(index));
+                if (bound) bound = insert.bind(4, chunk.text);
+                if (bound) bound = insert.bindBlob(5, vectorBlob(chunk.vector));
+                if (bound) bound = insert.run();
+                if (!bound) return bound;
+            }
+            return {};
+        });
+        if (!stored) return stored;
+    }
+    return {};
+}
+
+Result<qint64> NoteSearchCatalog::count() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    auto use = statements_->count->use();
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    return *row ? use.integer(0) : 0;
+}
+
+Result<std::vector<SemanticSearchCatalogEntry>> NoteSearchCatalog::semanticEntries() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    std::vector<SemanticSearchCatalogEntry> entries;
+    auto use = statements_->semanticEntries->use();
+    for (;;) {
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        if (!*row) break;
+        const QString identifier = use.text(0);
+        if (entries.empty() || entries.back().identifier != identifier) {
+            entries.push_back({identifier, use.text(1), use.text(2), use.text(3), use.optionalText(4), {}});
+        }
+        entries.back().chunks.push_back({use.text(5), vectorFromBlob(use.blob(6))});
+    }
+    return entries;
+}
+
+Result<void> NoteSearchCatalog::deleteCatalog() {
+    std::scoped_lock guard(synchronizationLock_, lock_);
+    statements_.reset();
+    db_.reset();
+    return deleteCache(url_);
+}
+
+Result<void> NoteSearchCatalog::deleteCache(const QString& url) {
+    for (const QString& path : {url, url + QStringLiteral("-wal"), url + QStringLiteral("-shm")}) {
+        if (::unlink(QFile::encodeName(path).constData()) != 0 && errno != ENOENT) {
+            return fail(Error::catalogUnavailable(QString::fromLocal8Bit(std::strerror(errno)) + QStringLiteral(": ") + path));
+        }
+    }
+    return {};
+}
+
+}  // namespace mossly

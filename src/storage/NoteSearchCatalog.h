@@ -1,0 +1,100 @@
+#pragma once
+
+#include <QByteArray>
+#include <QString>
+#include <memory>
+#include <mutex>
+#include <stop_token>
+#include <vector>
+
+#include "Error.h"
+#include "NoteSearch.h"
+
+namespace mossly {
+
+class NoteRepository;
+class SqliteDatabase;
+class SqliteStatement;
+
+struct SemanticIndexedChunk {
+    QString text;
+    std::vector<double> vector;
+};
+
+struct SemanticSearchCatalogEntry {
+    QString identifier;
+    QString title;
+    QString revision;
+    QString createdBy;
+    std::optional<QString> lastEditedBy;
+    std::vector<SemanticIndexedChunk> chunks;
+};
+
+// Turns a note's visible text into chunks with embedding vectors.
+class NoteSemanticProvider {
+public:
+    virtual ~NoteSemanticProvider() = default;
+    virtual Result<std::vector<SemanticIndexedChunk>> chunks(const QString& visibleText) const = 0;
+};
+
+// The SQLite search catalog that mirrors a notes folder: one metadata row and
+// one full-text row per note, plus semantic chunks. It is a cache: deleting
+// it loses nothing, and `synchronize` rebuilds it. Several processes may open
+// the same file (WAL and a busy timeout arbitrate); within a process one
+// object may be shared between threads.
+class NoteSearchCatalog {
+public:
+    // $XDG_CACHE_HOME/com.bellam.notes/agent-search.sqlite
+    static QString defaultUrl();
+    // The app keeps its own catalog inside the notes folder.
+    static inline const QString notesFolderCatalogName = QStringLiteral(".mossly-search.sqlite");
+
+    // Opens or creates the catalog (and its folder), applies the connection
+    // settings and the schema.
+    static Result<std::unique_ptr<NoteSearchCatalog>> open(const QString& url);
+    ~NoteSearchCatalog();
+
+    // Brings the catalog up to date with the folder; re-reads only notes whose
+    // modification time or size changed. Returns the number of notes indexed.
+    // `stop` is checked between notes; a stopped run rolls back and fails with `cancelled`.
+    Result<int> synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic = nullptr,
+                            std::stop_token stop = {});
+
+    // Ranked keyword search; `limit` is clamped to 0…500.
+    Result<NoteSearchResponse> search(const QString& query, qint64 limit);
+    // The same search run as one SQL statement over every matching row. Slower;
+    // kept as the reference that `search` must agree with exactly.
+    Result<NoteSearchResponse> searchWithReferenceStatement(const QString& query, qint64 limit);
+
+    Result<qint64> count();
+    Result<std::vector<SemanticSearchCatalogEntry>> semanticEntries();
+
+    // Closes the database and removes its files; later calls fail with "Database is closed.".
+    Result<void> deleteCatalog();
+    // Removes a catalog file and its "-wal" and "-shm" companions.
+    static Result<void> deleteCache(const QString& url);
+
+    const QString& url() const { return url_; }
+
+    struct Statements;
+
+private:
+    NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db, std::unique_ptr<Statements> statements);
+    Result<void> requireOpen() const;
+    Result<int> synchronizeKeywords(const NoteRepository& repository, std::stop_token stop);
+    Result<void> synchronizeSemantic(const NoteRepository& repository, const NoteSemanticProvider& semantic,
+                                     std::stop_token stop);
+    Result<void> deleteRows(const QString& identifier);
+    template <typename Body>
+    auto inTransaction(Body&& body) -> decltype(body());
+
+    QString url_;
+    std::unique_ptr<SqliteDatabase> db_;
+    std::unique_ptr<Statements> statements_;
+    // Guards the handle and its statements.
+    std::recursive_mutex lock_;
+    // One synchronisation at a time.
+    std::mutex synchronizationLock_;
+};
+
+}  // namespace mossly

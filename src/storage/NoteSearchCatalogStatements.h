@@ -1,0 +1,87 @@
+#pragma once
+
+// Internal to the catalog: its SQL and prepared statements.
+
+#include <memory>
+
+#include "SqliteDatabase.h"
+
+namespace mossly::CatalogSql {
+
+inline const char* const settings[] = {
+    "PRAGMA journal_mode=WAL",
+    "PRAGMA synchronous=NORMAL",
+    "PRAGMA busy_timeout=5000",
+};
+
+inline const char* const schema[] = {
+    "CREATE TABLE IF NOT EXISTS note_metadata (\n    identifier TEXT PRIMARY KEY NOT NULL,\n"
+    "    modification_time REAL NOT NULL,\n    file_size INTEGER NOT NULL,\n    revision TEXT NOT NULL,\n"
+    "    title TEXT NOT NULL,\n    created_by TEXT NOT NULL,\n    last_edited_by TEXT\n)",
+    "CREATE VIRTUAL TABLE IF NOT EXISTS note_fts USING fts5(\n    identifier UNINDEXED,\n    title,\n    body,\n"
+    "    tokenize = 'unicode61 remove_diacritics 2'\n)",
+    "CREATE TABLE IF NOT EXISTS note_semantic (\n    identifier TEXT NOT NULL,\n    revision TEXT NOT NULL,\n"
+    "    chunk_index INTEGER NOT NULL,\n    chunk_text TEXT NOT NULL,\n    vector BLOB NOT NULL,\n"
+    "    PRIMARY KEY (identifier, chunk_index)\n)",
+    "CREATE INDEX IF NOT EXISTS note_semantic_revision ON note_semantic(identifier, revision)",
+};
+
+inline const char* const count = "SELECT COUNT(*) FROM note_metadata";
+inline const char* const fingerprints = "SELECT identifier, modification_time, file_size FROM note_metadata";
+inline const char* const deleteMetadata = "DELETE FROM note_metadata WHERE identifier = ?";
+inline const char* const deleteFts = "DELETE FROM note_fts WHERE identifier = ?";
+inline const char* const deleteSemantic = "DELETE FROM note_semantic WHERE identifier = ?";
+inline const char* const insertMetadata =
+    "INSERT INTO note_metadata (\n    identifier, modification_time, file_size, revision,\n"
+    "    title, created_by, last_edited_by\n) VALUES (?, ?, ?, ?, ?, ?, ?)";
+inline const char* const insertFts = "INSERT INTO note_fts (identifier, title, body) VALUES (?, ?, ?)";
+inline const char* const missingSemantic =
+    "SELECT m.identifier\nFROM note_metadata AS m\nLEFT JOIN note_semantic AS s\n"
+    "  ON s.identifier = m.identifier AND s.revision = m.revision\nWHERE s.identifier IS NULL";
+inline const char* const insertSemantic =
+    "INSERT INTO note_semantic (\n    identifier, revision, chunk_index, chunk_text, vector\n) VALUES (?, ?, ?, ?, ?)";
+inline const char* const semanticEntries =
+    "SELECT m.identifier, m.title, m.revision, m.created_by,\n       m.last_edited_by, s.chunk_text, s.vector\n"
+    "FROM note_metadata AS m\nJOIN note_semantic AS s\n  ON s.identifier = m.identifier AND s.revision = m.revision\n"
+    "ORDER BY m.identifier, s.chunk_index";
+
+// The ranking statement, as the reference for the search.
+inline const char* const keywordSearch =
+    "SELECT m.identifier, m.title,\n       snippet(note_fts, 2, '', '', ' … ', 40),\n"
+    "       bm25(note_fts, 0.0, 8.0, 1.0),\n       CASE\n"
+    "           WHEN lower(m.title) = lower(?) THEN 5.0\n"
+    "           WHEN instr(lower(m.title), lower(?)) > 0 THEN 2.0\n           ELSE 0.0\n       END + CASE\n"
+    "           WHEN instr(lower(note_fts.body), lower(?)) > 0 THEN 1.0\n           ELSE 0.0\n       END,\n"
+    "       m.revision, m.created_by, m.last_edited_by\nFROM note_fts\n"
+    "JOIN note_metadata AS m ON m.identifier = note_fts.identifier\nWHERE note_fts MATCH ?\n"
+    "ORDER BY bm25(note_fts, 0.0, 8.0, 1.0) - (\n    CASE\n        WHEN lower(m.title) = lower(?) THEN 5.0\n"
+    "        WHEN instr(lower(m.title), lower(?)) > 0 THEN 2.0\n        ELSE 0.0\n    END + CASE\n"
+    "        WHEN instr(lower(note_fts.body), lower(?)) > 0 THEN 1.0\n        ELSE 0.0\n    END\n"
+    "), m.identifier\nLIMIT ?";
+
+// The same ranking in two steps: matches in BM25 order (cheap: no join, no
+// text functions), then the bonuses and details only for the rows that can
+// still reach the top.
+inline const char* const matchesByBm25 =
+    "SELECT rowid, bm25(note_fts, 0.0, 8.0, 1.0) FROM note_fts WHERE note_fts MATCH ?\n"
+    "ORDER BY bm25(note_fts, 0.0, 8.0, 1.0)";
+inline const char* const matchDetails =
+    "SELECT m.identifier, m.title, note_fts.body, m.revision, m.created_by, m.last_edited_by\n"
+    "FROM note_fts JOIN note_metadata AS m ON m.identifier = note_fts.identifier\nWHERE note_fts.rowid = ?";
+inline const char* const matchSnippet =
+    "SELECT snippet(note_fts, 2, '', '', ' … ', 40) FROM note_fts WHERE note_fts MATCH ? AND rowid = ?";
+
+}  // namespace mossly::CatalogSql
+
+namespace mossly {
+
+struct NoteSearchCatalog::Statements {
+    std::unique_ptr<SqliteStatement> begin, commit, rollback;
+    std::unique_ptr<SqliteStatement> count, fingerprints;
+    std::unique_ptr<SqliteStatement> deleteMetadata, deleteFts, deleteSemantic;
+    std::unique_ptr<SqliteStatement> insertMetadata, insertFts;
+    std::unique_ptr<SqliteStatement> missingSemantic, insertSemantic, semanticEntries;
+    std::unique_ptr<SqliteStatement> keywordSearch, matchesByBm25, matchDetails, matchSnippet;
+};
+
+}  // namespace mossly

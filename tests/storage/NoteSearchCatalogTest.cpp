@@ -1,0 +1,206 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <sys/wait.h>
+#include <unistd.h>
+#include <utime.h>
+
+#include "NoteRepository.h"
+#include "NoteSearchCatalog.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+class NoteSearchCatalogTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    test::TemporaryNotesFolder caches;
+    NoteRepository repository{folder.path()};
+    QString catalogPath = caches.filePath("catalog/agent-search.sqlite");
+
+    std::unique_ptr<NoteSearchCatalog> openCatalog() {
+        auto catalog = NoteSearchCatalog::open(catalogPath);
+        EXPECT_TRUE(catalog) << (catalog ? "" : catalog.error().description().toStdString());
+        return catalog ? std::move(*catalog) : nullptr;
+    }
+    int sync(NoteSearchCatalog& catalog) {
+        auto indexed = catalog.synchronize(repository);
+        EXPECT_TRUE(indexed) << (indexed ? "" : indexed.error().description().toStdString());
+        return indexed.value_or(-1);
+    }
+    // Every row of the three tables, to compare catalogs.
+    QStringList dump(NoteSearchCatalog& catalog) {
+        QStringList rows;
+        auto entries = catalog.semanticEntries();
+        for (const auto& entry : *entries) rows.append(entry.identifier + u'|' + entry.title);
+        auto response = catalog.search(QStringLiteral("alpha beta gamma"), 500);
+        for (const auto& result : response->results) {
+            rows.append(result.identifier + u'|' + result.title + u'|' + result.excerpt + u'|' + result.revision +
+                        u'|' + QString::number(result.score));
+        }
+        return rows;
+    }
+};
+
+// Chunks a note into its lines, with a tiny deterministic "embedding".
+class LineChunker final : public NoteSemanticProvider {
+public:
+    mutable int calls = 0;
+    Result<std::vector<SemanticIndexedChunk>> chunks(const QString& text) const override {
+        ++calls;
+        std::vector<SemanticIndexedChunk> chunks;
+        for (const QString& line : text.split(u'\n', Qt::SkipEmptyParts)) {
+            chunks.push_back({line, {static_cast<double>(line.size()), -0.5, 1e-300}});
+        }
+        return chunks;
+    }
+};
+
+TEST_F(NoteSearchCatalogTest, SynchronisationFollowsFingerprints) {
+    folder.write(QStringLiteral("a.md"), "# Alpha\nalpha text");
+    folder.write(QStringLiteral("sub/b.md"), "beta text");
+    auto catalog = openCatalog();
+    EXPECT_EQ(sync(*catalog), 2);
+    EXPECT_EQ(catalog->count(), 2);
+    EXPECT_EQ(sync(*catalog), 0);  // unchanged folder: nothing replaced
+
+    // Same size and modification time: deliberately not re-indexed.
+    struct stat before {};
+    ::stat(QFile::encodeName(folder.filePath("a.md")).constData(), &before);
+    folder.write(QStringLiteral("a.md"), "# Gamma\ngamma text");
+    const timespec times[2] = {before.st_atim, before.st_mtim};
+    ::utimensat(AT_FDCWD, QFile::encodeName(folder.filePath("a.md")).constData(), times, 0);
+    EXPECT_EQ(sync(*catalog), 0);
+    EXPECT_EQ(catalog->search(QStringLiteral("gamma"), 10)->results.size(), 0u);
+
+    folder.write(QStringLiteral("a.md"), "# Gamma\ngamma text, longer");
+    EXPECT_EQ(sync(*catalog), 1);
+    auto found = catalog->search(QStringLiteral("gamma"), 10);
+    ASSERT_EQ(found->results.size(), 1u);
+    EXPECT_EQ(found->results[0].title, QStringLiteral("Gamma"));
+}
+
+TEST_F(NoteSearchCatalogTest, DeletedNotesLeaveAllThreeTables) {
+    folder.write(QStringLiteral("a.md"), "alpha one\nalpha two");
+    folder.write(QStringLiteral("b.md"), "beta");
+    auto catalog = openCatalog();
+    LineChunker chunker;
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(catalog->semanticEntries()->size(), 2u);
+    QFile::remove(folder.filePath("a.md"));
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(catalog->count(), 1);
+    EXPECT_TRUE(catalog->search(QStringLiteral("alpha"), 10)->results.empty());
+    auto entries = catalog->semanticEntries();
+    ASSERT_EQ(entries->size(), 1u);
+    EXPECT_EQ(entries->front().identifier, QStringLiteral("b.md"));
+}
+
+TEST_F(NoteSearchCatalogTest, SemanticRowsFollowRevisionsAndVectorsRoundTrip) {
+    folder.write(QStringLiteral("a.md"), "---\nnotes-created-by: agent:x\n---\nfirst line\nsecond");
+    auto catalog = openCatalog();
+    LineChunker chunker;
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    auto entries = catalog->semanticEntries();
+    ASSERT_EQ(entries->size(), 1u);
+    const auto& entry = entries->front();
+    EXPECT_EQ(entry.createdBy, QStringLiteral("agent:x"));
+    ASSERT_EQ(entry.chunks.size(), 2u);
+    EXPECT_EQ(entry.chunks[1].text, QStringLiteral("second"));
+    EXPECT_EQ(entry.chunks[0].vector, (std::vector<double>{10.0, -0.5, 1e-300}));
+
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(chunker.calls, 1);  // current revision already has chunks
+    folder.write(QStringLiteral("a.md"), "changed text only");
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(chunker.calls, 2);
+    EXPECT_EQ(catalog->semanticEntries()->front().chunks.size(), 1u);
+}
+
+TEST_F(NoteSearchCatalogTest, RebuildAfterDeletingTheFilesGivesTheSameRows) {
+    folder.write(QStringLiteral("one.md"), "# Alpha plan\nalpha beta");
+    folder.write(QStringLiteral("two.html"), "<html><body><p>beta gamma</p></body></html>");
+    folder.write(QStringLiteral("three.md"), "gamma alpha alpha");
+    LineChunker chunker;
+    QStringList before;
+    {
+        auto catalog = openCatalog();
+        ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+        before = dump(*catalog);
+        ASSERT_TRUE(catalog->deleteCatalog());
+        EXPECT_EQ(catalog->count().error().description(),
+                  QStringLiteral("The search index is unavailable: Database is closed."));
+        EXPECT_FALSE(catalog->search(QStringLiteral("alpha"), 5));
+    }
+    EXPECT_FALSE(QFile::exists(catalogPath));
+    EXPECT_FALSE(QFile::exists(catalogPath + "-wal"));
+    auto rebuilt = openCatalog();
+    ASSERT_TRUE(rebuilt->synchronize(repository, &chunker));
+    EXPECT_EQ(dump(*rebuilt), before);
+    EXPECT_EQ(before.size(), 6);
+}
+
+TEST_F(NoteSearchCatalogTest, CancelledSynchronisationRollsBack) {
+    folder.write(QStringLiteral("a.md"), "alpha");
+    auto catalog = openCatalog();
+    std::stop_source stop;
+    stop.request_stop();
+    auto cancelled = catalog->synchronize(repository, nullptr, stop.get_token());
+    ASSERT_FALSE(cancelled);
+    EXPECT_EQ(cancelled.error().code(), Error::Code::cancelled);
+    EXPECT_EQ(catalog->count(), 0);
+}
+
+TEST_F(NoteSearchCatalogTest, UnreadableNotesAreSkippedNotFatal) {
+    folder.write(QStringLiteral("good.md"), "alpha");
+    folder.write(QStringLiteral("latin1.md"), "caf\xe9");
+    auto catalog = openCatalog();
+    EXPECT_EQ(sync(*catalog), 1);
+    EXPECT_EQ(catalog->count(), 1);
+}
+
+TEST_F(NoteSearchCatalogTest, OpenFailureNamesThePath) {
+    folder.write(QStringLiteral("file"), "x");
+    const QString impossible = folder.filePath("file/catalog.sqlite");
+    auto catalog = NoteSearchCatalog::open(impossible);
+    ASSERT_FALSE(catalog);
+    EXPECT_EQ(catalog.error().description(),
+              QStringLiteral("The search index is unavailable: Could not open ") + impossible);
+}
+
+TEST_F(NoteSearchCatalogTest, TwoProcessesSynchronisingAtOnceBothSucceed) {
+    for (int i = 0; i < 300; ++i) {
+        folder.write(QStringLiteral("n%1.md").arg(i), QByteArray("alpha beta ").repeated(50 + i));
+    }
+    std::vector<pid_t> children;
+    for (int p = 0; p < 2; ++p) {
+        const pid_t child = ::fork();
+        ASSERT_GE(child, 0);
+        if (child == 0) {
+            auto catalog = NoteSearchCatalog::open(catalogPath);
+            if (!catalog) ::_exit(2);
+            for (int round = 0; round < 3; ++round) {
+                if (!(*catalog)->synchronize(repository)) ::_exit(3);
+            }
+            ::_exit((*catalog)->count().value_or(-1) == 300 ? 0 : 4);
+        }
+        children.push_back(child);
+    }
+    for (pid_t child : children) {
+        int status = -1;
+        ::waitpid(child, &status, 0);
+        EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << WEXITSTATUS(status);
+    }
+}
+
+TEST(NoteSearchCatalogDefaults, LivesInTheCachesFolder) {
+    EXPECT_EQ(NoteSearchCatalog::defaultUrl(),
+              qEnvironmentVariable("XDG_CACHE_HOME") + QStringLiteral("/com.bellam.notes/agent-search.sqlite"));
+}
+
+}  // namespace
+}  // namespace mossly

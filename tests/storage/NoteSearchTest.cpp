@@ -1,0 +1,143 @@
+#include <gtest/gtest.h>
+
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include "NoteRepository.h"
+#include "NoteSearchCatalog.h"
+#include "NotesFolderGenerator.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+TEST(NoteSearchTerms, FoldingAndSplitting) {
+    EXPECT_EQ(NoteSearch::normalizedTerms(QStringLiteral("Éclair")), QStringList{"eclair"});
+    EXPECT_EQ(NoteSearch::normalizedTerms(QStringLiteral("plan, Q3 budget")), (QStringList{"plan", "q3", "budget"}));
+    EXPECT_EQ(NoteSearch::normalizedTerms(QStringLiteral("say \"hi\"")), (QStringList{"say", "hi"}));
+    EXPECT_EQ(NoteSearch::normalizedTerms(QStringLiteral("a-b a")), (QStringList{"a", "b", "a"}));
+    EXPECT_EQ(NoteSearch::normalizedTerms(QStringLiteral("Straße 東京")), (QStringList{"straße", "東京"}));
+    EXPECT_TRUE(NoteSearch::normalizedTerms(QStringLiteral(" \n\t")).isEmpty());
+    EXPECT_TRUE(NoteSearch::normalizedTerms(QStringLiteral("!!!")).isEmpty());
+    EXPECT_EQ(NoteSearch::ftsExpression({"plan", "q3"}), QStringLiteral("\"plan\" OR \"q3\""));
+    EXPECT_EQ(NoteSearch::ftsExpression({"a\"b"}), QStringLiteral("\"a\"\"b\""));
+}
+
+TEST(NoteSearchTerms, ExcerptsAreClipped) {
+    EXPECT_EQ(NoteSearch::clippedExcerpt(QString(240, u'x')).size(), 240);
+    const QString clipped = NoteSearch::clippedExcerpt(QString(241, u'x'));
+    EXPECT_EQ(clipped.size(), 238);
+    EXPECT_TRUE(clipped.endsWith(QStringLiteral("x…")));
+}
+
+TEST(NoteSearchTerms, ResultJsonKeepsItsKeyOrder) {
+    NoteSearchResult result{"a/b c.md", "T", "e", 2.5, 2.5, std::nullopt, "rev", "human", "agent:x", false};
+    const QString json = NoteSearch::toJson(result);
+    EXPECT_EQ(json, QStringLiteral("{\"identifier\":\"a\\/b c.md\",\"title\":\"T\",\"excerpt\":\"e\",\"score\":2.5,"
+                                   "\"keywordScore\":2.5,\"revision\":\"rev\",\"createdBy\":\"human\","
+                                   "\"lastEditedBy\":\"agent:x\",\"semanticAvailable\":false,"
+                                   "\"openURL\":\"mossly:\\/\\/note\\/a\\/b%20c.md\"}"));
+    EXPECT_TRUE(QJsonDocument::fromJson(json.toUtf8()).isObject());
+}
+
+class KeywordSearchTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    test::TemporaryNotesFolder caches;
+    NoteRepository repository{folder.path()};
+    std::unique_ptr<NoteSearchCatalog> catalog;
+
+    void index() {
+        catalog = std::move(*NoteSearchCatalog::open(caches.filePath("c.sqlite")));
+        ASSERT_TRUE(catalog->synchronize(repository));
+    }
+    QStringList identifiers(const QString& query, qint64 limit = 50) {
+        auto fast = catalog->search(query, limit);
+        auto reference = catalog->searchWithReferenceStatement(query, limit);
+        EXPECT_TRUE(fast && reference);
+        QStringList ids;
+        for (const auto& r : fast->results) ids.append(r.identifier);
+        QStringList referenceIds;
+        for (const auto& r : reference->results) referenceIds.append(r.identifier);
+        EXPECT_EQ(ids, referenceIds) << query.toStdString();
+        return ids;
+    }
+};
+
+TEST_F(KeywordSearchTest, TitleAndBodyBonusesOrderEqualMatches) {
+    // Same text length and term frequency, so BM25 ties; the bonuses decide.
+    folder.write(QStringLiteral("body.md"), "intro\nsome words about Budget here");
+    folder.write(QStringLiteral("exact.md"), "# BUDGET\nsome words about other here");
+    folder.write(QStringLiteral("contains.md"), "# Budget review\nsome words about it here");
+    index();
+    const auto response = catalog->search(QStringLiteral("budget"), 10);
+    ASSERT_EQ(response->results.size(), 3u);
+    EXPECT_EQ(response->results[0].identifier, QStringLiteral("exact.md"));
+    EXPECT_EQ(response->results[1].identifier, QStringLiteral("contains.md"));
+    EXPECT_EQ(response->results[0].title, QStringLiteral("BUDGET"));
+    EXPECT_GT(response->results[0].keywordScore, 6.0);  // whole title 5 + body 1 + BM25
+    EXPECT_EQ(response->results[0].score, response->results[0].keywordScore);
+    EXPECT_FALSE(response->results[0].meaningScore);
+    identifiers(QStringLiteral("budget"));
+}
+
+TEST_F(KeywordSearchTest, LimitsQuotesAndDiacritics) {
+    for (int i = 0; i < 520; ++i) folder.write(QStringLiteral("n%1.md").arg(i), "common word");
+    folder.write(QStringLiteral("cafe.md"), "Le Café est ouvert. Say \"hi\" there");
+    index();
+    EXPECT_TRUE(catalog->search(QStringLiteral("common"), 0)->results.empty());
+    EXPECT_EQ(catalog->search(QStringLiteral("common"), 10000)->results.size(), 500u);
+    EXPECT_TRUE(catalog->search(QStringLiteral("common"), -3)->results.empty());
+    EXPECT_EQ(identifiers(QStringLiteral("CAFE")), QStringList{"cafe.md"});
+    EXPECT_EQ(identifiers(QStringLiteral("say \"hi\"")), QStringList{"cafe.md"});
+    EXPECT_TRUE(identifiers(QStringLiteral("caf")).isEmpty());  // whole tokens only
+    EXPECT_TRUE(catalog->search(QStringLiteral("!!!"), 10)->results.empty());
+}
+
+TEST_F(KeywordSearchTest, ExcerptsComeFromTheBodyAndStayShort) {
+    QByteArray longBody = "# Title\n";
+    for (int i = 0; i < 200; ++i) longBody += "extraordinarily ";
+    longBody += "needle";
+    folder.write(QStringLiteral("long.md"), longBody);
+    index();
+    const auto results = catalog->search(QStringLiteral("needle"), 5)->results;
+    ASSERT_EQ(results.size(), 1u);
+    EXPECT_LE(results[0].excerpt.size(), 238);
+    EXPECT_TRUE(results[0].excerpt.startsWith(QStringLiteral(" … ")) || results[0].excerpt.endsWith(u'…'));
+}
+
+// The fast ranking must return exactly what the reference statement returns:
+// same rows, same order, same scores and excerpts.
+TEST(KeywordSearchDifferential, AgreesWithTheReferenceStatementOnGeneratedLibraries) {
+    for (const std::uint64_t seed : {1u, 2u}) {
+        test::TemporaryNotesFolder folder;
+        test::TemporaryNotesFolder caches;
+        const auto generated = bench::generateNotesFolder(folder.path(), 400, seed);
+        // Notes whose titles equal or contain common words, to exercise the bonuses.
+        for (int i = 0; i < 20; ++i) {
+            folder.write(QStringLiteral("t%1.md").arg(i),
+                         ("# " + generated.mostCommon[i % 10] + (i % 2 ? " notes" : "") + "\n" +
+                          generated.mostCommon[(i + 3) % 50])
+                             .toUtf8());
+        }
+        const NoteRepository repository(folder.path());
+        auto catalog = std::move(*NoteSearchCatalog::open(caches.filePath("c.sqlite")));
+        ASSERT_TRUE(catalog->synchronize(repository));
+
+        QStringList queries = bench::uniformQueries(generated.wordsPresent, 60, seed);
+        queries += generated.mostCommon.mid(0, 20);
+        queries += {generated.mostCommon[0] + u' ' + generated.mostCommon[1], QStringLiteral("  ") +
+                    generated.mostCommon[2].toUpper() + u' '};
+        for (const QString& query : queries) {
+            for (const qint64 limit : {1, 7, 50, 500}) {
+                auto fast = catalog->search(query, limit);
+                auto reference = catalog->searchWithReferenceStatement(query, limit);
+                ASSERT_TRUE(fast && reference);
+                ASSERT_EQ(fast->results, reference->results) << query.toStdString() << " limit " << limit;
+            }
+        }
+    }
+}
+
+}  // namespace
+}  // namespace mossly
