@@ -129,30 +129,53 @@ Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint6
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
 
-    // Walk the matches in BM25 order. A row's sort key is its BM25 minus a
-    // bonus of at most 6, so once the worst of the best `limit` rows sorts
-    // before (next BM25 − 6), no later row can enter the top.
-    constexpr double maximumBonus = 6.0;
-    std::vector<Candidate> top;  // a max-heap on ranking: the front is the worst kept row
-    const auto worseFirst = [](const Candidate& a, const Candidate& b) { return ranksBefore(a, b); };
-    auto matches = statements_->matchesByBm25->use();
-    if (auto bound = matches.bind(1, prepared->expression); !bound) return fail(bound.error());
-    for (;;) {
-        auto row = matches.step();
-        if (!row) return fail(row.error());
-        if (!*row) break;
-        const qint64 rowid = matches.integer(0);
-        const double bm25 = matches.real(1);
-        if (static_cast<qint64>(top.size()) == prepared->limit && top.front().key < bm25 - maximumBonus) break;
+    // Step 1: every match with its BM25 and title bonus. Titles are short and
+    // no body text is read, so this stays cheap even for common words. A row
+    // whose linked metadata row is missing is left out here and in the
+    // reference ranking alike (that one joins by identifier; the two agree
+    // because rows are always written linked, and step 2 checks it).
+    struct Match {
+        qint64 rowid;
+        double bm25;
+        double titleBonus;
+        double bound;  // no sort key of this row can be smaller
+    };
+    std::vector<Match> matches;
+    {
+        auto use = statements_->matchesWithTitleBonus->use();
+        Result<void> bound = use.bind(1, prepared->expression);
+        if (bound) bound = use.bind(2, prepared->trimmed);
+        if (!bound) return fail(bound.error());
+        for (;;) {
+            auto row = use.step();
+            if (!row) return fail(row.error());
+            if (!*row) break;
+            const double bm25 = use.real(1);
+            const double titleBonus = use.real(2);
+            matches.push_back({use.integer(0), bm25, titleBonus, bm25 - (titleBonus + 1.0)});
+        }
+    }
+    std::sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) { return a.bound < b.bound; });
 
+    // Step 2: walk by bound, adding the body bonus (at most 1). Once the worst
+    // of the best `limit` rows sorts before the next bound, no later row can
+    // enter the top. Rounding cannot break this: x − a ≥ x − b whenever a ≤ b.
+    std::vector<Candidate> top;  // a max-heap on ranking: the front is the worst kept row
+    for (const Match& match : matches) {
+        if (static_cast<qint64>(top.size()) == prepared->limit && top.front().key < match.bound) break;
         auto details = statements_->matchDetails->use();
-        if (auto bound = details.bind(1, rowid); !bound) return fail(bound.error());
+        if (auto bound = details.bind(1, match.rowid); !bound) return fail(bound.error());
         auto found = details.step();
         if (!found) return fail(found.error());
         if (!*found) continue;  // no metadata row: not a listed note
-        Candidate candidate{rowid, bm25, 0.0, 0.0, details.utf8(0), {}};
+        Candidate candidate{match.rowid, match.bm25, 0.0, 0.0, details.utf8(0), {}};
         candidate.bonus = bonus(details.utf8(1), details.utf8(2), prepared->loweredUtf8);
-        candidate.key = bm25 - candidate.bonus;
+        if (candidate.bonus > match.titleBonus + 1.0 || details.text(0).isEmpty()) {
+            // The rowid link does not hold (a catalog written elsewhere): the
+            // bound may not either, so rank the plain way.
+            return searchWithReferenceStatement(query, limit);
+        }
+        candidate.key = match.bm25 - candidate.bonus;
         candidate.result.identifier = details.text(0);
         candidate.result.title = details.text(1);
         candidate.result.revision = details.text(3);
@@ -161,15 +184,16 @@ Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint6
 
         if (static_cast<qint64>(top.size()) < prepared->limit) {
             top.push_back(std::move(candidate));
-            std::push_heap(top.begin(), top.end(), worseFirst);
+            std::push_heap(top.begin(), top.end(), ranksBefore);
         } else if (ranksBefore(candidate, top.front())) {
-            std::pop_heap(top.begin(), top.end(), worseFirst);
+            std::pop_heap(top.begin(), top.end(), ranksBefore);
             top.back() = std::move(candidate);
-            std::push_heap(top.begin(), top.end(), worseFirst);
+            std::push_heap(top.begin(), top.end(), ranksBefore);
         }
     }
-    std::sort_heap(top.begin(), top.end(), worseFirst);
+    std::sort_heap(top.begin(), top.end(), ranksBefore);
 
+    // Step 3: excerpts only for the rows returned.
     NoteSearchResponse response;
     for (Candidate& candidate : top) {
         auto snippet = statements_->matchSnippet->use();

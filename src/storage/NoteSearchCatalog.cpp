@@ -79,12 +79,14 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         {&statements->deleteFts, CatalogSql::deleteFts},
         {&statements->deleteSemantic, CatalogSql::deleteSemantic},
         {&statements->insertMetadata, CatalogSql::insertMetadata},
-        {&statements->insertFts, CatalogSql::insertFts},
+        {&statements->metadataRowid, CatalogSql::metadataRowid},
+        {&statements->deleteLinkedFts, CatalogSql::deleteLinkedFts},
+        {&statements->insertLinkedFts, CatalogSql::insertLinkedFts},
         {&statements->missingSemantic, CatalogSql::missingSemantic},
         {&statements->insertSemantic, CatalogSql::insertSemantic},
         {&statements->semanticEntries, CatalogSql::semanticEntries},
         {&statements->keywordSearch, CatalogSql::keywordSearch},
-        {&statements->matchesByBm25, CatalogSql::matchesByBm25},
+        {&statements->matchesWithTitleBonus, CatalogSql::matchesWithTitleBonus},
         {&statements->matchDetails, CatalogSql::matchDetails},
         {&statements->matchSnippet, CatalogSql::matchSnippet},
     };
@@ -127,8 +129,30 @@ auto NoteSearchCatalog::inTransaction(Body&& body) -> decltype(body()) {
 }
 
 Result<void> NoteSearchCatalog::deleteRows(const QString& identifier) {
-    for (SqliteStatement* statement :
-         {statements_->deleteMetadata.get(), statements_->deleteFts.get(), statements_->deleteSemantic.get()}) {
+    // The full-text row first, through the metadata row's rowid while that still exists.
+    std::optional<qint64> rowid;
+    {
+        auto use = statements_->metadataRowid->use();
+        if (auto bound = use.bind(1, identifier); !bound) return bound;
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        if (*row) rowid = use.integer(0);
+    }
+    bool ftsDeleted = false;
+    if (rowid) {
+        auto use = statements_->deleteLinkedFts->use();
+        Result<void> done = use.bind(1, *rowid);
+        if (done) done = use.bind(2, identifier);
+        if (done) done = use.run();
+        if (!done) return done;
+        ftsDeleted = use.changes() > 0;
+    }
+    if (!ftsDeleted) {
+        auto use = statements_->deleteFts->use();
+        if (auto bound = use.bind(1, identifier); !bound) return bound;
+        if (auto done = use.run(); !done) return done;
+    }
+    for (SqliteStatement* statement : {statements_->deleteMetadata.get(), statements_->deleteSemantic.get()}) {
         auto use = statement->use();
         if (auto bound = use.bind(1, identifier); !bound) return bound;
         if (auto done = use.run(); !done) return done;
@@ -182,11 +206,15 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
 
             auto note = repository.read(entry.identifier);
             if (!note && !isSkippableReadFailure(note.error())) return fail(note.error());
-            if (auto removed = deleteRows(entry.identifier); !removed) return fail(removed.error());
+            // A note the catalog has never seen has no rows to replace.
+            if (previous != known.cend()) {
+                if (auto removed = deleteRows(entry.identifier); !removed) return fail(removed.error());
+            }
             if (!note) continue;
 
             const QString visibleText = note->document.visibleText();
             const QString title = noteTitle(visibleText, entry.identifier);
+            qint64 metadataRowid = 0;
             {
                 auto use = statements_->insertMetadata->use();
                 const std::optional<QString> lastEditor =
@@ -203,12 +231,14 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
                 if (bound) bound = use.bind(7, lastEditor);
                 if (bound) bound = use.run();
                 if (!bound) return fail(bound.error());
+                metadataRowid = use.lastInsertRowid();
             }
             {
-                auto use = statements_->insertFts->use();
-                Result<void> bound = use.bind(1, entry.identifier);
-                if (bound) bound = use.bind(2, title);
-                if (bound) bound = use.bind(3, visibleText);
+                auto use = statements_->insertLinkedFts->use();
+                Result<void> bound = use.bind(1, metadataRowid);
+                if (bound) bound = use.bind(2, entry.identifier);
+                if (bound) bound = use.bind(3, title);
+                if (bound) bound = use.bind(4, visibleText);
                 if (bound) bound = use.run();
                 if (!bound) return fail(bound.error());
             }

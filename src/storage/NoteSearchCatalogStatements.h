@@ -34,7 +34,13 @@ inline const char* const deleteSemantic = "DELETE FROM note_semantic WHERE ident
 inline const char* const insertMetadata =
     "INSERT INTO note_metadata (\n    identifier, modification_time, file_size, revision,\n"
     "    title, created_by, last_edited_by\n) VALUES (?, ?, ?, ?, ?, ?, ?)";
-inline const char* const insertFts = "INSERT INTO note_fts (identifier, title, body) VALUES (?, ?, ?)";
+// The identifier column of note_fts is not indexed, so deleting by it scans
+// every row. The full-text row is therefore inserted under the rowid of its
+// metadata row, and found through that (indexed) row; the scan remains the
+// fallback for a row that does not follow the link.
+inline const char* const metadataRowid = "SELECT rowid FROM note_metadata WHERE identifier = ?";
+inline const char* const deleteLinkedFts = "DELETE FROM note_fts WHERE rowid = ? AND identifier = ?";
+inline const char* const insertLinkedFts = "INSERT INTO note_fts (rowid, identifier, title, body) VALUES (?, ?, ?, ?)";
 inline const char* const missingSemantic =
     "SELECT m.identifier\nFROM note_metadata AS m\nLEFT JOIN note_semantic AS s\n"
     "  ON s.identifier = m.identifier AND s.revision = m.revision\nWHERE s.identifier IS NULL";
@@ -62,9 +68,17 @@ inline const char* const keywordSearch =
 // The same ranking in two steps: matches in BM25 order (cheap: no join, no
 // text functions), then the bonuses and details only for the rows that can
 // still reach the top.
-inline const char* const matchesByBm25 =
-    "SELECT rowid, bm25(note_fts, 0.0, 8.0, 1.0) FROM note_fts WHERE note_fts MATCH ?\n"
-    "ORDER BY bm25(note_fts, 0.0, 8.0, 1.0)";
+// Titles come from the metadata row linked by rowid: reading note_fts.title
+// would load each note's whole stored row, body included.
+inline const char* const matchesWithTitleBonus =
+    "SELECT f.rowid, bm25(note_fts, 0.0, 8.0, 1.0),\n"
+    "       CASE\n"
+    "           WHEN lower(m.title) = lower(?2) THEN 5.0\n"
+    "           WHEN instr(lower(m.title), lower(?2)) > 0 THEN 2.0\n"
+    "           ELSE 0.0\n"
+    "       END\n"
+    "FROM note_fts AS f JOIN note_metadata AS m ON m.rowid = f.rowid\n"
+    "WHERE note_fts MATCH ?1";
 inline const char* const matchDetails =
     "SELECT m.identifier, m.title, note_fts.body, m.revision, m.created_by, m.last_edited_by\n"
     "FROM note_fts JOIN note_metadata AS m ON m.identifier = note_fts.identifier\nWHERE note_fts.rowid = ?";
@@ -79,9 +93,10 @@ struct NoteSearchCatalog::Statements {
     std::unique_ptr<SqliteStatement> begin, commit, rollback;
     std::unique_ptr<SqliteStatement> count, fingerprints;
     std::unique_ptr<SqliteStatement> deleteMetadata, deleteFts, deleteSemantic;
-    std::unique_ptr<SqliteStatement> insertMetadata, insertFts;
+    std::unique_ptr<SqliteStatement> insertMetadata;
+    std::unique_ptr<SqliteStatement> metadataRowid, deleteLinkedFts, insertLinkedFts;
     std::unique_ptr<SqliteStatement> missingSemantic, insertSemantic, semanticEntries;
-    std::unique_ptr<SqliteStatement> keywordSearch, matchesByBm25, matchDetails, matchSnippet;
+    std::unique_ptr<SqliteStatement> keywordSearch, matchesWithTitleBonus, matchDetails, matchSnippet;
 };
 
 }  // namespace mossly

@@ -84,6 +84,10 @@ QByteArray SqliteStatement::Use::blob(int column) const {
     return QByteArray(data, sqlite3_column_bytes(s_.statement_, column));
 }
 
+qint64 SqliteStatement::Use::changes() const { return sqlite3_changes64(s_.db_); }
+
+qint64 SqliteStatement::Use::lastInsertRowid() const { return sqlite3_last_insert_rowid(s_.db_); }
+
 Result<std::unique_ptr<SqliteDatabase>> SqliteDatabase::open(const QString& path) {
     sqlite3* db = nullptr;
     const int flags = SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX;

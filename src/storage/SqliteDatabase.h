@@ -49,6 +49,9 @@ public:
         double real(int column) const;
         qint64 integer(int column) const;
         QByteArray blob(int column) const;
+        // Rows changed by the last completed INSERT, UPDATE or DELETE on this connection.
+        qint64 changes() const;
+        qint64 lastInsertRowid() const;
 
     private:
         Result<void> check(int code);
