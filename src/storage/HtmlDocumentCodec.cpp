@@ -62,17 +62,41 @@ private:
     size_t left_ = 0;
 };
 
+bool isTagNameEnd(const QByteArray& bytes, qsizetype at) {
+    return at == bytes.size() || std::string_view(" \t\n\r\f/>").find(bytes.at(at)) != std::string_view::npos;
+}
+
+// Gumbo 0.10.1 aborts on some SVG and MathML content inside tables (a <select>
+// in an integration point, CDATA in <annotation-xml>, …). The parser therefore
+// sees <svg> and <math> renamed to unknown HTML elements of the same length, so
+// every offset still matches the author's text, which is never changed.
+QByteArray withoutForeignContent(const QByteArray& bytes) {
+    QByteArray renamed = bytes;
+    for (qsizetype at = bytes.indexOf('<'); at >= 0; at = bytes.indexOf('<', at + 1)) {
+        qsizetype name = at + 1;
+        if (name < bytes.size() && bytes.at(name) == '/') ++name;
+        for (const std::string_view foreign : {std::string_view("svg"), std::string_view("math")}) {
+            const auto length = static_cast<qsizetype>(foreign.size());
+            if (bytes.size() - name < length || !isTagNameEnd(bytes, name + length)) continue;
+            if (qstrnicmp(bytes.constData() + name, foreign.data(), static_cast<size_t>(length)) != 0) continue;
+            renamed[name] = 'x';
+        }
+    }
+    return renamed;
+}
+
 // One gumbo parse of a UTF-8 buffer.
 class ParsedHtml {
 public:
-    explicit ParsedHtml(QByteArray utf8) : utf8_(std::move(utf8)) {
+    explicit ParsedHtml(QByteArray utf8) : utf8_(std::move(utf8)), parserInput_(withoutForeignContent(utf8_)) {
         GumboOptions options = kGumboDefaultOptions;
         // Unlimited error records copy the open-element stack each time: quadratic memory.
         options.max_errors = 0;
         options.allocator = &ParseArena::allocate;
         options.deallocator = &ParseArena::deallocate;
         options.userdata = &arena_;
-        output_ = gumbo_parse_with_options(&options, utf8_.constData(), static_cast<size_t>(utf8_.size()));
+        output_ = gumbo_parse_with_options(&options, parserInput_.constData(),
+                                           static_cast<size_t>(parserInput_.size()));
     }
     ParsedHtml(const ParsedHtml&) = delete;
     ParsedHtml& operator=(const ParsedHtml&) = delete;
@@ -84,7 +108,7 @@ public:
     // The byte range of a piece of source text, when it really lies in the buffer.
     std::optional<std::pair<qsizetype, qsizetype>> span(const GumboStringPiece& piece) const {
         if (!piece.data || piece.length == 0) return std::nullopt;
-        const char* begin = utf8_.constData();
+        const char* begin = parserInput_.constData();
         if (piece.data < begin || piece.data > begin + utf8_.size()) return std::nullopt;
         const qsizetype offset = piece.data - begin;
         const auto length = static_cast<qsizetype>(piece.length);
@@ -106,6 +130,7 @@ public:
 
 private:
     QByteArray utf8_;
+    const QByteArray parserInput_;  // same length as utf8_; gumbo's pointers point into it
     ParseArena arena_;
     GumboOutput* output_ = nullptr;
 };

@@ -4,6 +4,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QHash>
+#include <QSet>
 #include <QStandardPaths>
 #include <QtEndian>
 #include <cerrno>
@@ -11,8 +12,8 @@
 #include <unistd.h>
 
 #include "NoteRepository.h"
+#include "NotePrefetcher.h"
 #include "NoteSearchCatalogStatements.h"
-#include "NoteTitle.h"
 
 namespace mossly {
 
@@ -189,31 +190,42 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             }
         }
 
-        QHash<QString, bool> listed;
+        QSet<QString> listed;
         listed.reserve(static_cast<qsizetype>(listing->size()));
-        for (const NoteFileMetadata& entry : *listing) listed.insert(entry.identifier, true);
+        for (const NoteFileMetadata& entry : *listing) listed.insert(entry.identifier);
         for (auto it = known.cbegin(); it != known.cend(); ++it) {
             if (listed.contains(it.key())) continue;
             if (auto removed = deleteRows(it.key()); !removed) return fail(removed.error());
         }
 
-        int indexed = 0;
+        QStringList changed;
+        std::vector<Fingerprint> fingerprints;
+        QSet<QString> previouslyIndexed;
         for (const NoteFileMetadata& entry : *listing) {
-            if (stop.stop_requested()) return fail(Error::cancelled());
             const Fingerprint fingerprint{secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize};
             const auto previous = known.constFind(entry.identifier);
             if (previous != known.cend() && *previous == fingerprint) continue;
+            if (previous != known.cend()) previouslyIndexed.insert(entry.identifier);
+            changed.append(entry.identifier);
+            fingerprints.push_back(fingerprint);
+        }
 
-            auto note = repository.read(entry.identifier);
+        int indexed = 0;
+        NotePrefetcher prefetcher(repository, changed);
+        for (const Fingerprint& fingerprint : fingerprints) {
+            if (stop.stop_requested()) return fail(Error::cancelled());
+            std::optional<NotePrefetcher::Prepared> prepared = prefetcher.next();
+            const QString& identifier = prepared->identifier;
+            const auto& note = prepared->note;
             if (!note && !isSkippableReadFailure(note.error())) return fail(note.error());
             // A note the catalog has never seen has no rows to replace.
-            if (previous != known.cend()) {
-                if (auto removed = deleteRows(entry.identifier); !removed) return fail(removed.error());
+            if (previouslyIndexed.contains(identifier)) {
+                if (auto removed = deleteRows(identifier); !removed) return fail(removed.error());
             }
             if (!note) continue;
 
-            const QString visibleText = note->document.visibleText();
-            const QString title = noteTitle(visibleText, entry.identifier);
+            const QString& visibleText = prepared->visibleText;
+            const QString& title = prepared->title;
             qint64 metadataRowid = 0;
             {
                 auto use = statements_->insertMetadata->use();
@@ -222,7 +234,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
                                                 : std::nullopt;
                 // The fingerprint recorded is the one listed, so a file that
                 // changes while being read is read again next time.
-                Result<void> bound = use.bind(1, entry.identifier);
+                Result<void> bound = use.bind(1, identifier);
                 if (bound) bound = use.bind(2, fingerprint.modificationTime);
                 if (bound) bound = use.bind(3, fingerprint.fileSize);
                 if (bound) bound = use.bind(4, note->document.revision());
@@ -236,7 +248,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             {
                 auto use = statements_->insertLinkedFts->use();
                 Result<void> bound = use.bind(1, metadataRowid);
-                if (bound) bound = use.bind(2, entry.identifier);
+                if (bound) bound = use.bind(2, identifier);
                 if (bound) bound = use.bind(3, title);
                 if (bound) bound = use.bind(4, visibleText);
                 if (bound) bound = use.run();
