@@ -115,7 +115,7 @@ void benchmark(const QString& workdir, int noteCount) {
                .arg(megabytes / (cold / 1000), 0, 'f', 1);
     out << QStringLiteral("| warm, unchanged folder (median of 5) | %1 ms |\n")
                .arg(percentiles(warmSamples).p50, 0, 'f', 1);
-    out << QStringLiteral("| after 1 %% changed (%1 notes) | %2 ms |\n\n").arg(touched).arg(changed, 0, 'f', 1);
+    out << QStringLiteral("| after 1 % changed (%1 notes) | %2 ms |\n\n").arg(touched).arg(changed, 0, 'f', 1);
 
     out << "| search, limit 20 | p50 ms | p95 ms | p99 ms |\n|---|---|---|---|\n";
     out << row(QStringLiteral("uniform 1-3 terms, Mossly (%1 queries)").arg(uniform.size()),

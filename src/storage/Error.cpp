@@ -72,6 +72,18 @@ Error Error::catalogUnavailable(const QString& detail) {
 
 Error Error::cancelled() { return {Code::cancelled, QStringLiteral("The operation was cancelled.")}; }
 
+Error Error::folderMetadataUnreadable(const QString& detail) {
+    return {Code::folderMetadataUnreadable,
+            QStringLiteral("Your folders and favourites (.folders.json) could not be read, so they are left "
+                           "untouched: ") + detail,
+            detail};
+}
+
+Error Error::unsupportedImportFile(const QString& fileName) {
+    return {Code::unsupportedImportFile,
+            QStringLiteral("Only Markdown, HTML and sketch files can be imported: ") + fileName, fileName};
+}
+
 Error Error::system(int errnoValue, const QString& path) {
     // strerror covers every POSIX code; anything it does not know is reported as EIO.
     const char* text = std::strerror(errnoValue);

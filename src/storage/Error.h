@@ -31,6 +31,9 @@ public:
         // Search catalog
         catalogUnavailable,
         cancelled,
+        // Application library
+        folderMetadataUnreadable,
+        unsupportedImportFile,
         // An operating-system call failed; `systemErrno()` holds errno.
         system,
     };
@@ -51,6 +54,8 @@ public:
     static Error locationUnresolved(const QString& description);
     static Error catalogUnavailable(const QString& detail);
     static Error cancelled();
+    static Error folderMetadataUnreadable(const QString& detail);
+    static Error unsupportedImportFile(const QString& fileName);
     // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
     static Error system(int errnoValue, const QString& path);
 

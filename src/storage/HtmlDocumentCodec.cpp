@@ -25,7 +25,7 @@ const QByteArray headEndTag = QByteArrayLiteral("</head>");
 // Blocks gumbo frees early stay until the end, which costs little: most of what
 // a parse allocates is the tree it returns.
 class ParseArena {
-public:
+  public:
     ParseArena() = default;
     ParseArena(const ParseArena&) = delete;
     ParseArena& operator=(const ParseArena&) = delete;
@@ -36,7 +36,7 @@ public:
     static void* allocate(void* arena, size_t size) { return static_cast<ParseArena*>(arena)->take(size); }
     static void deallocate(void*, void*) {}
 
-private:
+  private:
     static constexpr size_t chunkSize = 64 * 1024;
     static constexpr size_t alignment = alignof(std::max_align_t);
 
@@ -78,7 +78,8 @@ QByteArray withoutForeignContent(const QByteArray& bytes) {
         for (const std::string_view foreign : {std::string_view("svg"), std::string_view("math")}) {
             const auto length = static_cast<qsizetype>(foreign.size());
             if (bytes.size() - name < length || !isTagNameEnd(bytes, name + length)) continue;
-            if (qstrnicmp(bytes.constData() + name, foreign.data(), static_cast<size_t>(length)) != 0) continue;
+            if (qstrnicmp(bytes.constData() + name, foreign.data(), static_cast<size_t>(length)) != 0)
+                continue;
             renamed[name] = 'x';
         }
     }
@@ -87,8 +88,9 @@ QByteArray withoutForeignContent(const QByteArray& bytes) {
 
 // One gumbo parse of a UTF-8 buffer.
 class ParsedHtml {
-public:
-    explicit ParsedHtml(QByteArray utf8) : utf8_(std::move(utf8)), parserInput_(withoutForeignContent(utf8_)) {
+  public:
+    explicit ParsedHtml(QByteArray utf8)
+        : utf8_(std::move(utf8)), parserInput_(withoutForeignContent(utf8_)) {
         GumboOptions options = kGumboDefaultOptions;
         // Unlimited error records copy the open-element stack each time: quadratic memory.
         options.max_errors = 0;
@@ -128,7 +130,7 @@ public:
         return nullptr;
     }
 
-private:
+  private:
     QByteArray utf8_;
     const QByteArray parserInput_;  // same length as utf8_; gumbo's pointers point into it
     ParseArena arena_;
@@ -190,7 +192,8 @@ std::vector<OurTag> findOurTags(const ParsedHtml& parsed) {
         if (!isOurKey(name)) return;
         tags.push_back({span->first, span->second, name, attribute(node, "content")});
     });
-    std::stable_sort(tags.begin(), tags.end(), [](const OurTag& a, const OurTag& b) { return a.begin < b.begin; });
+    std::stable_sort(tags.begin(), tags.end(),
+                     [](const OurTag& a, const OurTag& b) { return a.begin < b.begin; });
     std::vector<OurTag> kept;
     const QByteArray& bytes = parsed.bytes();
     for (OurTag& tag : tags) {
@@ -208,9 +211,11 @@ std::optional<qsizetype> leadingDoctypeEnd(const ParsedHtml& parsed) {
     if (!document || !document->v.document.has_doctype) return std::nullopt;
     const QByteArray& bytes = parsed.bytes();
     qsizetype at = 0;
-    while (at < bytes.size() && std::string_view(" \t\n\r\f").find(bytes.at(at)) != std::string_view::npos) ++at;
+    while (at < bytes.size() && std::string_view(" \t\n\r\f").find(bytes.at(at)) != std::string_view::npos)
+        ++at;
     static const QByteArray opening = QByteArrayLiteral("<!doctype");
-    if (bytes.size() - at < opening.size() || bytes.mid(at, opening.size()).toLower() != opening) return std::nullopt;
+    if (bytes.size() - at < opening.size() || bytes.mid(at, opening.size()).toLower() != opening)
+        return std::nullopt;
     const qsizetype close = bytes.indexOf('>', at);
     if (close < 0) return std::nullopt;
     return close + 1;
@@ -228,7 +233,8 @@ qsizetype headInsertionPoint(const ParsedHtml& parsed) {
 // The source range to remove: our tags, and the whole head when encoding wrote
 // that head itself ("\n<head>" … "\n</head>" after the insertion point, or
 // "<head>" … "\n</head>\n" at the start) and nothing else is left in it.
-std::vector<std::pair<qsizetype, qsizetype>> removals(const ParsedHtml& parsed, const std::vector<OurTag>& tags) {
+std::vector<std::pair<qsizetype, qsizetype>> removals(const ParsedHtml& parsed,
+                                                      const std::vector<OurTag>& tags) {
     std::vector<std::pair<qsizetype, qsizetype>> ranges;
     for (const OurTag& tag : tags) ranges.emplace_back(tag.begin, tag.end);
 
@@ -261,7 +267,8 @@ std::vector<std::pair<qsizetype, qsizetype>> removals(const ParsedHtml& parsed, 
     } else {
         return ranges;
     }
-    std::erase_if(ranges, [&](const auto& r) { return r.first >= wrapper.first && r.second <= wrapper.second; });
+    std::erase_if(ranges,
+                  [&](const auto& r) { return r.first >= wrapper.first && r.second <= wrapper.second; });
     ranges.push_back(wrapper);
     std::sort(ranges.begin(), ranges.end());
     return ranges;
@@ -280,19 +287,13 @@ QByteArray without(const QByteArray& bytes, const std::vector<std::pair<qsizetyp
 }
 
 QString escaped(const QString& value) {
-    QString text;
-    text.reserve(value.size());
-    for (const QChar c : value) {
-        switch (c.unicode()) {
-            case u'&': text += QStringLiteral("&amp;"); break;
-            case u'"': text += QStringLiteral("&quot;"); break;
-            case u'<': text += QStringLiteral("&lt;"); break;
-            case u'>': text += QStringLiteral("&gt;"); break;
-            // The parser turns a raw carriage return into a line feed; a reference survives.
-            case u'\r': text += QStringLiteral("&#13;"); break;
-            default: text += c;
-        }
-    }
+    QString text = value;
+    text.replace(u'&', QStringLiteral("&amp;"));
+    text.replace(u'"', QStringLiteral("&quot;"));
+    text.replace(u'<', QStringLiteral("&lt;"));
+    text.replace(u'>', QStringLiteral("&gt;"));
+    // The parser turns a raw carriage return into a line feed; a reference survives.
+    text.replace(u'\r', QStringLiteral("&#13;"));
     return text;
 }
 
@@ -326,7 +327,8 @@ Stripped strip(const QString& text) {
         } else if (tag.name == NoteDocument::lastEditedByKey) {
             payload.lastEditedBy = NoteEditor::fromStoredValue(tag.content);
         } else if (tag.name.startsWith(meetingKeyPrefix)) {
-            payload.frontMatterFields.insert_or_assign(tag.name, MarkdownDocumentCodec::value(tag.content.trimmed()));
+            payload.frontMatterFields.insert_or_assign(tag.name,
+                                                       MarkdownDocumentCodec::value(tag.content.trimmed()));
         }
     }
     result.bytes = without(parsed.bytes(), removals(parsed, tags));
@@ -334,9 +336,9 @@ Stripped strip(const QString& text) {
     return result;
 }
 
-// The lines of the element, its block-level descendants and text, as laid out for reading.
+// Lays out the text under <body> as a reader sees it: a line per block, hidden elements skipped.
 class VisibleTextWriter {
-public:
+  public:
     QString text(const GumboNode* body) {
         struct Step {
             const GumboNode* node;
@@ -373,34 +375,29 @@ public:
         return lines_.join(u'\n');
     }
 
-private:
+  private:
     static bool isHidden(GumboTag tag) {
-        switch (tag) {
-            case GUMBO_TAG_HEAD: case GUMBO_TAG_SCRIPT: case GUMBO_TAG_STYLE: case GUMBO_TAG_TEMPLATE:
-            case GUMBO_TAG_NOSCRIPT: case GUMBO_TAG_TITLE: case GUMBO_TAG_NOEMBED: case GUMBO_TAG_NOFRAMES:
-                return true;
-            default:
-                return false;
-        }
+        static constexpr GumboTag tags[] = {GUMBO_TAG_HEAD,     GUMBO_TAG_SCRIPT,   GUMBO_TAG_STYLE,
+                                            GUMBO_TAG_TEMPLATE, GUMBO_TAG_NOSCRIPT, GUMBO_TAG_TITLE,
+                                            GUMBO_TAG_NOEMBED,  GUMBO_TAG_NOFRAMES};
+        return std::ranges::find(tags, tag) != std::end(tags);
     }
 
     static bool isBlock(GumboTag tag) {
-        switch (tag) {
-            case GUMBO_TAG_ADDRESS: case GUMBO_TAG_ARTICLE: case GUMBO_TAG_ASIDE: case GUMBO_TAG_BLOCKQUOTE:
-            case GUMBO_TAG_BODY: case GUMBO_TAG_CAPTION: case GUMBO_TAG_CENTER: case GUMBO_TAG_DD:
-            case GUMBO_TAG_DETAILS: case GUMBO_TAG_DIR: case GUMBO_TAG_DIV: case GUMBO_TAG_DL: case GUMBO_TAG_DT:
-            case GUMBO_TAG_FIELDSET: case GUMBO_TAG_FIGCAPTION: case GUMBO_TAG_FIGURE: case GUMBO_TAG_FOOTER:
-            case GUMBO_TAG_FORM: case GUMBO_TAG_H1: case GUMBO_TAG_H2: case GUMBO_TAG_H3: case GUMBO_TAG_H4:
-            case GUMBO_TAG_H5: case GUMBO_TAG_H6: case GUMBO_TAG_HEADER: case GUMBO_TAG_HGROUP: case GUMBO_TAG_HR:
-            case GUMBO_TAG_LEGEND: case GUMBO_TAG_LI: case GUMBO_TAG_LISTING: case GUMBO_TAG_MAIN:
-            case GUMBO_TAG_MENU: case GUMBO_TAG_NAV: case GUMBO_TAG_OL: case GUMBO_TAG_OPTION: case GUMBO_TAG_P:
-            case GUMBO_TAG_PLAINTEXT: case GUMBO_TAG_PRE: case GUMBO_TAG_SECTION: case GUMBO_TAG_SUMMARY:
-            case GUMBO_TAG_TABLE: case GUMBO_TAG_TBODY: case GUMBO_TAG_TFOOT: case GUMBO_TAG_THEAD:
-            case GUMBO_TAG_TR: case GUMBO_TAG_UL: case GUMBO_TAG_XMP: case GUMBO_TAG_TEXTAREA:
-                return true;
-            default:
-                return false;
-        }
+        static constexpr GumboTag tags[] = {
+            GUMBO_TAG_ADDRESS,   GUMBO_TAG_ARTICLE,  GUMBO_TAG_ASIDE,      GUMBO_TAG_BLOCKQUOTE,
+            GUMBO_TAG_BODY,      GUMBO_TAG_CAPTION,  GUMBO_TAG_CENTER,     GUMBO_TAG_DD,
+            GUMBO_TAG_DETAILS,   GUMBO_TAG_DIR,      GUMBO_TAG_DIV,        GUMBO_TAG_DL,
+            GUMBO_TAG_DT,        GUMBO_TAG_FIELDSET, GUMBO_TAG_FIGCAPTION, GUMBO_TAG_FIGURE,
+            GUMBO_TAG_FOOTER,    GUMBO_TAG_FORM,     GUMBO_TAG_H1,         GUMBO_TAG_H2,
+            GUMBO_TAG_H3,        GUMBO_TAG_H4,       GUMBO_TAG_H5,         GUMBO_TAG_H6,
+            GUMBO_TAG_HEADER,    GUMBO_TAG_HGROUP,   GUMBO_TAG_HR,         GUMBO_TAG_LEGEND,
+            GUMBO_TAG_LI,        GUMBO_TAG_LISTING,  GUMBO_TAG_MAIN,       GUMBO_TAG_MENU,
+            GUMBO_TAG_NAV,       GUMBO_TAG_OL,       GUMBO_TAG_OPTION,     GUMBO_TAG_P,
+            GUMBO_TAG_PLAINTEXT, GUMBO_TAG_PRE,      GUMBO_TAG_SECTION,    GUMBO_TAG_SUMMARY,
+            GUMBO_TAG_TABLE,     GUMBO_TAG_TBODY,    GUMBO_TAG_TFOOT,      GUMBO_TAG_THEAD,
+            GUMBO_TAG_TR,        GUMBO_TAG_UL,       GUMBO_TAG_XMP,        GUMBO_TAG_TEXTAREA};
+        return std::ranges::find(tags, tag) != std::end(tags);
     }
 
     void addText(const QString& text) {
@@ -445,7 +442,9 @@ private:
 
 }  // namespace
 
-NoteDocumentPayload HtmlDocumentCodec::decode(const QString& text) const { return strip(text).payload; }
+NoteDocumentPayload HtmlDocumentCodec::decode(const QString& text) const {
+    return strip(text).payload;
+}
 
 QString HtmlDocumentCodec::encode(const QString& body, const std::optional<NoteEditor>& editedBy,
                                   const NoteDocumentPayload& payload) const {

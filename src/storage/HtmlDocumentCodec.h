@@ -11,7 +11,7 @@ namespace mossly {
 // none (which decoding then removes too). Everything else in the document is
 // left as the author wrote it. Never fails on malformed HTML.
 class HtmlDocumentCodec final : public NoteDocumentCodec {
-public:
+  public:
     static inline const QString documentKindKey = QStringLiteral("notes-document-kind");
 
     NoteContentType contentType() const override { return NoteContentType::html; }

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QRegularExpression>
 #include <QStringDecoder>
 #include <QTextBoundaryFinder>
@@ -143,12 +144,15 @@ Result<StoredNote> NoteRepository::create(const QString& title, const QString& b
                                           NoteContentType contentType,
                                           const NoteFrontMatterFields& frontMatterFields) const {
     if (auto keys = validateFrontMatterKeys(frontMatterFields); !keys) return fail(keys.error());
+    const NoteDocument document(body, createdBy, contentType, frontMatterFields);
+    return createFromText(title, document.serialized(), contentType);
+}
+
+Result<StoredNote> NoteRepository::createFromText(const QString& title, const QString& text,
+                                                  NoteContentType contentType) const {
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());
     if (!QDir().mkpath(*directory)) return fail(Error::system(EACCES, *directory));
-
-    const NoteDocument document(body, createdBy, contentType, frontMatterFields);
-    const QString text = document.serialized();
     const QByteArray bytes = text.toUtf8();
     const QString baseName = safeBaseName(title);
     const QString extension = u'.' + preferredExtension(contentType);
@@ -173,6 +177,27 @@ Result<StoredNote> NoteRepository::create(const QString& title, const QString& b
                               fileTime(info.st_mtim)};
         }
         return fail(Error::alreadyExists(baseName + extension));
+    });
+}
+
+Result<StoredNote> NoteRepository::createAt(const QString& identifier, const QString& text) const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto path = pathPolicy_.url(identifier, *directory);
+    if (!path) return fail(path.error());
+    const NoteContentType contentType = *noteContentTypeForFileName(identifier);
+    const QByteArray bytes = text.toUtf8();
+    if (!QDir().mkpath(QFileInfo(*path).path())) return fail(Error::system(EACCES, identifier));
+    return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
+        auto staged = AtomicFile::stage(*path, bytes);
+        if (!staged) return fail(staged.error());
+        auto created = staged->commitIfAbsent(*path);
+        if (!created) return fail(created.error());
+        if (!*created) return fail(Error::alreadyExists(identifier));
+        struct stat info {};
+        if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
+        return StoredNote{identifier, *path, text, NoteDocument(text, bytes, contentType), contentType,
+                          fileTime(info.st_mtim)};
     });
 }
 

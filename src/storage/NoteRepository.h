@@ -42,6 +42,14 @@ public:
                               NoteContentType contentType = NoteContentType::markdown,
                               const NoteFrontMatterFields& frontMatterFields = {}) const;
 
+    // Creates a note whose file holds exactly `text` (an imported file), named
+    // from `title` like `create`. Never replaces a file.
+    Result<StoredNote> createFromText(const QString& title, const QString& text, NoteContentType contentType) const;
+
+    // Creates a note at exactly `identifier`, failing with `alreadyExists` when
+    // the name is taken (used for conflict copies, whose names follow their own pattern).
+    Result<StoredNote> createAt(const QString& identifier, const QString& text) const;
+
     // Writes a new version only if the file still has `expectedRevision`;
     // otherwise fails with `stale` and writes nothing. Returns the note as written.
     Result<StoredNote> update(const QString& identifier, const QString& expectedRevision,

@@ -62,12 +62,21 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
     if (!QDir().mkpath(folder)) return fail(Error::catalogUnavailable(QStringLiteral("Could not open ") + url));
     auto db = SqliteDatabase::open(url);
     if (!db) return fail(db.error());
+    constexpr int busyTimeoutMs = 5000;
     for (const char* sql : CatalogSql::settings) {
-        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) return fail(done.error());
+        auto done = (*db)->executeRetryingWhileBusy(QString::fromUtf8(sql), busyTimeoutMs);
+        if (!done) return fail(done.error());
     }
+    // One write transaction for the schema: taking the write lock up front lets the
+    // busy timeout arbitrate between processes creating the same catalog at once.
+    if (auto begun = (*db)->execute(QStringLiteral("BEGIN IMMEDIATE")); !begun) return fail(begun.error());
     for (const char* sql : CatalogSql::schema) {
-        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) return fail(done.error());
+        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) {
+            (void)(*db)->execute(QStringLiteral("ROLLBACK"));
+            return fail(done.error());
+        }
     }
+    if (auto committed = (*db)->execute(QStringLiteral("COMMIT")); !committed) return fail(committed.error());
 
     auto statements = std::make_unique<Statements>();
     const std::pair<std::unique_ptr<SqliteStatement>*, const char*> all[] = {

@@ -17,7 +17,9 @@ const QString recordsKey = QStringLiteral("records");
 const QString typeNameKey = QStringLiteral("typeName");
 const QString metaKey = QStringLiteral("meta");
 
-bool isFieldKey(const QString& key) { return key.startsWith(meetingKeyPrefix) && key.size() > meetingKeyPrefix.size(); }
+bool isFieldKey(const QString& key) {
+    return key.startsWith(meetingKeyPrefix) && key.size() > meetingKeyPrefix.size();
+}
 
 bool isOurKey(const QString& key) {
     return key == NoteDocument::createdByKey || key == NoteDocument::lastEditedByKey || isFieldKey(key);

@@ -15,7 +15,7 @@ namespace mossly {
 // them is re-serialised (indented, keys sorted) without them. Never fails on
 // malformed JSON: such a body is kept as it is.
 class SketchDocumentCodec final : public NoteDocumentCodec {
-public:
+  public:
     NoteContentType contentType() const override { return NoteContentType::sketch; }
     NoteDocumentPayload decode(const QString& text) const override;
     QString encode(const QString& body, const std::optional<NoteEditor>& editedBy,

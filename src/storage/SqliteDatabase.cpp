@@ -2,6 +2,9 @@
 
 #include <sqlite3.h>
 
+#include <chrono>
+#include <thread>
+
 namespace mossly {
 
 namespace {
@@ -108,6 +111,17 @@ Result<void> SqliteDatabase::execute(const QString& sql) {
     auto statement = prepare(sql);
     if (!statement) return fail(statement.error());
     return (*statement)->use().run();
+}
+
+Result<void> SqliteDatabase::executeRetryingWhileBusy(const QString& sql, int timeoutMs) {
+    const QByteArray utf8 = sql.toUtf8();
+    constexpr int pauseMs = 5;
+    for (int waited = 0;; waited += pauseMs) {
+        const int code = sqlite3_exec(db_, utf8.constData(), nullptr, nullptr, nullptr);
+        if (code == SQLITE_OK) return {};
+        if ((code & 0xff) != SQLITE_BUSY || waited >= timeoutMs) return fail(sqliteError(db_));
+        std::this_thread::sleep_for(std::chrono::milliseconds(pauseMs));
+    }
 }
 
 Result<std::unique_ptr<SqliteStatement>> SqliteDatabase::prepare(const QString& sql) {

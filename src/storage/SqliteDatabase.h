@@ -75,6 +75,10 @@ public:
 
     // Runs one statement without results (pragmas, schema, transactions).
     Result<void> execute(const QString& sql);
+    // As `execute`, retrying for up to `timeoutMs` while the database is busy. For
+    // statements SQLite does not hand to the busy handler, such as switching the
+    // journal mode while another process opens the same new file.
+    Result<void> executeRetryingWhileBusy(const QString& sql, int timeoutMs);
     Result<std::unique_ptr<SqliteStatement>> prepare(const QString& sql);
     QString lastErrorMessage() const;
     sqlite3* handle() const { return db_; }

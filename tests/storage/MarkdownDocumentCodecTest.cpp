@@ -76,7 +76,8 @@ TEST(MarkdownDocumentCodec, WrittenValues) {
     EXPECT_EQ(MarkdownDocumentCodec::writtenValue(V(qint64{-3})), QStringLiteral("-3"));
     EXPECT_EQ(MarkdownDocumentCodec::writtenValue(V(QStringLiteral("a/b \"q\" \\ \t\x01"))),
               QStringLiteral("\"a\\/b \\\"q\\\" \\\\ \\t\\u0001\""));
-    EXPECT_EQ(MarkdownDocumentCodec::writtenValue(V(QStringList{"x", "y/z"})), QStringLiteral("[\"x\",\"y\\/z\"]"));
+    EXPECT_EQ(MarkdownDocumentCodec::writtenValue(V(QStringList{"x", "y/z"})),
+              QStringLiteral("[\"x\",\"y\\/z\"]"));
     EXPECT_EQ(MarkdownDocumentCodec::writtenValue(V(QStringLiteral("é"))), QStringLiteral("\"é\""));
 }
 
@@ -109,9 +110,10 @@ TEST(MarkdownDocumentCodec, EncodeOrderAndUnrelatedLines) {
     EXPECT_EQ(payload.createdBy, NoteEditor::agent(QString()));
     EXPECT_EQ(payload.unrelatedMetadata, (QStringList{"status: \"draft\"", "Tagline without colon"}));
     EXPECT_EQ(payload.frontMatterFields.count("status"), 0u);
-    EXPECT_EQ(codec.encode(payload.body, NoteEditor::agent(QStringLiteral("codex")), payload),
-              QStringLiteral("---\nnotes-created-by: agent:\nnotes-last-edited-by: agent:codex\nmeeting-a: \"x\"\n"
-                             "meeting-b: 2\nstatus: \"draft\"\nTagline without colon\n---\nText"));
+    EXPECT_EQ(
+        codec.encode(payload.body, NoteEditor::agent(QStringLiteral("codex")), payload),
+        QStringLiteral("---\nnotes-created-by: agent:\nnotes-last-edited-by: agent:codex\nmeeting-a: \"x\"\n"
+                       "meeting-b: 2\nstatus: \"draft\"\nTagline without colon\n---\nText"));
 }
 
 TEST(MarkdownDocumentCodec, LaterDuplicateKeyWinsAndUnparsableMeetingValueStaysString) {
@@ -128,12 +130,16 @@ TEST(MarkdownDocumentCodec, PlainFilesStayPlain) {
     EXPECT_TRUE(codec.encode(payload.body, NoteEditor::human(), payload).startsWith(QStringLiteral("---\n")));
     // A file that had a (human-only) block keeps one.
     const auto blocked = codec.decode(QStringLiteral("---\nnotes-created-by: human\n---\nx"));
-    EXPECT_EQ(codec.encode(blocked.body, std::nullopt, blocked), QStringLiteral("---\nnotes-created-by: human\n---\nx"));
+    EXPECT_EQ(codec.encode(blocked.body, std::nullopt, blocked),
+              QStringLiteral("---\nnotes-created-by: human\n---\nx"));
 }
 
 TEST(MarkdownDocumentCodec, MalformedInputNeverFails) {
-    const QString inputs[] = {QStringLiteral(""), QStringLiteral("---"), QStringLiteral("---\n"),
-                              QStringLiteral("---\n:\n: :\n---\n"), QStringLiteral("---\n\r\n---\n\0x"),
+    const QString inputs[] = {QStringLiteral(""),
+                              QStringLiteral("---"),
+                              QStringLiteral("---\n"),
+                              QStringLiteral("---\n:\n: :\n---\n"),
+                              QStringLiteral("---\n\r\n---\n\0x"),
                               QStringLiteral("---\nmeeting-: \"\\ud800\"\n---\n")};
     for (const QString& input : inputs) {
         const auto payload = codec.decode(input);

@@ -1,0 +1,145 @@
+#include <QDir>
+
+#include "BackgroundTask.h"
+#include "Diagnostics.h"
+#include "NoteSearchCatalog.h"
+#include "NoteStore.h"
+
+namespace mossly {
+
+namespace {
+
+constexpr qint64 searchResultLimit = 200;
+
+// Until the catalog has indexed the library once, search what is in memory:
+// notes containing every term, in list order. Slower to rank, never empty-handed.
+std::vector<NoteSearchResult> searchInMemory(const std::vector<Note>& notes, const QString& query) {
+    const QStringList terms = NoteSearch::normalizedTerms(query);
+    std::vector<NoteSearchResult> results;
+    for (const Note& n : notes) {
+        const QString text = n.title + u'\n' + n.content;
+        const bool all = std::all_of(terms.begin(), terms.end(),
+                                     [&](const QString& term) { return text.contains(term, Qt::CaseInsensitive); });
+        if (!all || terms.isEmpty()) continue;
+        NoteSearchResult result;
+        result.identifier = n.identifier;
+        result.title = n.title;
+        result.excerpt = n.excerpt;
+        result.revision = n.revision;
+        results.push_back(std::move(result));
+        if (static_cast<qint64>(results.size()) >= searchResultLimit) break;
+    }
+    return results;
+}
+
+}  // namespace
+
+void NoteStore::setSearchText(const QString& text) {
+    if (text == searchText_) return;
+    searchText_ = text;
+    ++searchGeneration_;  // whatever runs now is stale
+    if (text.trimmed().isEmpty()) {
+        searchTimer_.stop();
+        const bool changed = searchResults_.has_value() || isSearching_;
+        searchResults_.reset();
+        isSearching_ = false;
+        if (changed) emit searchChanged();
+        return;
+    }
+    searchTimer_.start();
+}
+
+void NoteStore::runSearch() {
+    const quint64 generation = ++searchGeneration_;
+    const QString query = searchText_;
+    isSearching_ = true;
+    emit searchChanged();
+    if (!catalog_ || !catalogReady_) {
+        searchResults_ = searchInMemory(notes_, query);
+        isSearching_ = false;
+        emit searchChanged();
+        return;
+    }
+    const std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
+    runInBackground(
+        this, [catalog, query] { return catalog->search(query, searchResultLimit); },
+        [this, generation, query](Result<NoteSearchResponse> response) {
+            if (generation != searchGeneration_) return;  // cancelled by newer typing
+            isSearching_ = false;
+            if (response) {
+                searchResults_ = std::move(response->results);
+            } else {
+                DiagnosticsCenter::shared().event(QStringLiteral("Search failed"),
+                                                  {{"reason", response.error().description()}});
+                searchResults_ = searchInMemory(notes_, query);
+            }
+            emit searchChanged();
+        });
+}
+
+std::vector<const Note*> NoteStore::filteredNotes() const {
+    std::vector<const Note*> filtered;
+    if (!searchResults_) {
+        for (const Note& n : notes_) filtered.push_back(&n);
+        return filtered;
+    }
+    QHash<QString, const Note*> byIdentifier;
+    for (const Note& n : notes_) byIdentifier.insert(n.identifier, &n);
+    for (const NoteSearchResult& result : *searchResults_) {
+        if (const Note* n = byIdentifier.value(result.identifier)) filtered.push_back(n);
+    }
+    return filtered;
+}
+
+const NoteSearchResult* NoteStore::searchResult(const QString& url) const {
+    if (!searchResults_) return nullptr;
+    const Note* target = note(url);
+    if (!target) return nullptr;
+    for (const NoteSearchResult& result : *searchResults_) {
+        if (result.identifier == target->identifier) return &result;
+    }
+    return nullptr;
+}
+
+void NoteStore::refreshSearchIndexInBackground() {
+    if (indexRefreshRunning_) {
+        indexNeedsRefresh_ = true;  // run again when the current one ends
+        return;
+    }
+    indexRefreshRunning_ = true;
+    indexNeedsRefresh_ = false;
+    const QString directory = directory_;
+    std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
+    const NoteRepository repository = repository_;
+    struct Refresh {
+        std::shared_ptr<NoteSearchCatalog> catalog;
+        Result<int> indexed = 0;
+    };
+    runInBackground(
+        this,
+        [directory, catalog, repository]() mutable {
+            auto span = DiagnosticsCenter::shared().span(QStringLiteral("Refresh search index"));
+            if (!catalog) {
+                auto opened = NoteSearchCatalog::open(librarySearchCatalogPath(directory));
+                if (!opened) return Refresh{nullptr, fail(opened.error())};
+                catalog = std::move(*opened);
+            }
+            auto indexed = catalog->synchronize(repository);
+            span.add(QStringLiteral("indexed"), indexed.value_or(-1));
+            return Refresh{catalog, indexed};
+        },
+        [this, directory](Refresh refresh) {
+            indexRefreshRunning_ = false;
+            if (directory != directory_) return;  // the library moved meanwhile
+            if (refresh.catalog) catalog_ = refresh.catalog;
+            if (refresh.indexed) {
+                catalogReady_ = true;
+            } else {
+                DiagnosticsCenter::shared().event(QStringLiteral("Search index refresh failed"),
+                                                  {{"reason", refresh.indexed.error().description()}});
+            }
+            if (indexNeedsRefresh_) refreshSearchIndexInBackground();
+        });
+}
+
+}  // namespace mossly

@@ -1,0 +1,70 @@
+#include <QApplication>
+#include <QCommandLineParser>
+#include <QDir>
+#include <cstdio>
+
+#include "AppIcon.h"
+#include "AppLifecycle.h"
+#include "Diagnostics.h"
+#include "MainWindow.h"
+#include "NoteStore.h"
+#include "NotesLocation.h"
+
+using namespace mossly;
+
+namespace {
+
+// The folder from --notes-dir, else from the notes-location configuration.
+Result<QString> notesDirectory(const QCommandLineParser& parser, const QCommandLineOption& option) {
+    if (parser.isSet(option)) return QDir(parser.value(option)).absolutePath();
+    auto resolution = resolveConfiguredNotesDirectory();
+    if (!resolution) return fail(resolution.error());
+    if (resolution->notice) DiagnosticsCenter::shared().event(*resolution->notice);
+    return resolution->directory;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    QApplication app(argc, argv);
+    QApplication::setApplicationName(QStringLiteral("Mossly"));
+    QApplication::setOrganizationDomain(QStringLiteral("com.bellam.notes"));
+    QApplication::setDesktopFileName(QStringLiteral("mossly"));
+    QApplication::setWindowIcon(appIcon());
+
+    QCommandLineParser parser;
+    parser.setApplicationDescription(QStringLiteral("Mossly: local-first notes"));
+    parser.addHelpOption();
+    const QCommandLineOption notesDirOption(QStringLiteral("notes-dir"), QStringLiteral("Open the notes in DIR."),
+                                            QStringLiteral("DIR"));
+    parser.addOption(notesDirOption);
+    if (!parser.parse(QApplication::arguments())) {  // parse(), not process(): tolerate platform flags
+        std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
+        return 2;
+    }
+    if (parser.isSet(QStringLiteral("help"))) parser.showHelp();
+
+    DiagnosticsCenter& diagnostics = DiagnosticsCenter::shared();
+    diagnostics.setLogFile(defaultDiagnosticsLogPath());
+    auto directory = notesDirectory(parser, notesDirOption);
+    if (!directory) {
+        std::fprintf(stderr, "%s\n", qPrintable(directory.error().description()));
+        return 1;
+    }
+
+    NoteStore store(*directory, {.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()});
+    AppLifecycle lifecycle;
+    lifecycle.handleTerminationSignals();
+    lifecycle.setTerminationHandler([&store] {
+        if (auto flushed = store.flushPendingSaves(); !flushed) {
+            std::fprintf(stderr, "%s\n", qPrintable(flushed.error().description()));
+        }
+    });
+    diagnostics.event(QStringLiteral("Application initialized"));
+
+    MainWindow window(store);
+    window.show();
+    store.loadInitialNotes();
+    diagnostics.event(QStringLiteral("Application finished launching"));
+    return QApplication::exec();
+}

@@ -1,0 +1,110 @@
+#include "AppActions.h"
+
+#include <QAction>
+#include <QApplication>
+#include <QDesktopServices>
+#include <QFileDialog>
+#include <QLineEdit>
+#include <QMenuBar>
+#include <QMessageBox>
+#include <QSettings>
+#include <QUrl>
+
+#include "EditorPane.h"
+#include "LibrarySidebar.h"
+#include "MainWindow.h"
+#include "NoteStore.h"
+#include "PlainNoteEditor.h"
+
+namespace mossly {
+
+namespace {
+
+const QString fontSizeKey = QStringLiteral("editor.fontSize");
+constexpr qreal defaultFontSize = 12;
+constexpr qreal minimumFontSize = 8;
+constexpr qreal maximumFontSize = 48;
+
+// The focused editor when it can format its selection.
+FormattingHandler* focusedFormattingHandler() {
+    auto* editor = qobject_cast<PlainNoteEditor*>(QApplication::focusWidget());
+    return editor && editor->supportsFormatting() ? editor : nullptr;
+}
+
+QAction* addAction(QMenu* menu, const QString& text, const QKeySequence& shortcut = {}) {
+    QAction* action = menu->addAction(text);
+    action->setShortcut(shortcut);
+    return action;
+}
+
+void showImportReport(QWidget* parent, const NoteFileImportReport& report) {
+    if (report.failures.empty()) return;
+    QStringList lines;
+    for (const auto& [file, reason] : report.failures) lines.append(file + QStringLiteral(": ") + reason);
+    QMessageBox::warning(parent, QObject::tr("Some files were not imported"),
+                         QObject::tr("%n note(s) imported.", nullptr, static_cast<int>(report.imported.size())) +
+                             QStringLiteral("\n\n") + lines.join(u'\n'));
+}
+
+}  // namespace
+
+void installAppActions(MainWindow& window, NoteStore& store) {
+    QMenu* file = window.menuBar()->addMenu(QObject::tr("&File"));
+    QObject::connect(addAction(file, QObject::tr("New Note"), QKeySequence(QStringLiteral("Ctrl+N"))),
+                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::markdown); });
+    QObject::connect(addAction(file, QObject::tr("New Sketch"), QKeySequence(QStringLiteral("Shift+Ctrl+N"))),
+                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::sketch); });
+    file->addSeparator();
+    QObject::connect(addAction(file, QObject::tr("Import Note Files…")), &QAction::triggered, &window,
+                     [&window, &store] {
+                         const QStringList paths = QFileDialog::getOpenFileNames(
+                             &window, QObject::tr("Choose Markdown or HTML notes to import."), QString(),
+                             QObject::tr("Notes (*.md *.markdown *.html *.htm *.tldr)"));
+                         if (!paths.isEmpty()) store.importNoteFiles(paths);
+                     });
+    QObject::connect(&store, &NoteStore::importFinished, &window,
+                     [&window](const NoteFileImportReport& report) { showImportReport(&window, report); });
+    QObject::connect(addAction(file, QObject::tr("Show Notes Folder")), &QAction::triggered, &store,
+                     [&store] { QDesktopServices::openUrl(QUrl::fromLocalFile(store.directory())); });
+    file->addSeparator();
+    QAction* quit = addAction(file, QObject::tr("Quit"), QKeySequence::Quit);
+    QObject::connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
+
+    QMenu* edit = window.menuBar()->addMenu(QObject::tr("&Edit"));
+    QAction* search = addAction(edit, QObject::tr("Search Notes"), QKeySequence(QStringLiteral("Ctrl+F")));
+    QObject::connect(search, &QAction::triggered, &window, [&window] { window.sidebar()->focusSearch(); });
+    edit->addSeparator();
+    QAction* bold = addAction(edit, QObject::tr("Bold"), QKeySequence(QStringLiteral("Ctrl+B")));
+    QAction* italic = addAction(edit, QObject::tr("Italic"), QKeySequence(QStringLiteral("Ctrl+I")));
+    QObject::connect(bold, &QAction::triggered, &window, [] {
+        if (FormattingHandler* handler = focusedFormattingHandler()) handler->applyBold();
+    });
+    QObject::connect(italic, &QAction::triggered, &window, [] {
+        if (FormattingHandler* handler = focusedFormattingHandler()) handler->applyItalic();
+    });
+    const auto updateHandlers = [bold, italic] {
+        const bool formatting = focusedFormattingHandler() != nullptr;
+        bold->setEnabled(formatting);
+        italic->setEnabled(formatting);
+    };
+    QObject::connect(qApp, &QApplication::focusChanged, &window, updateHandlers);
+    QObject::connect(&store, &NoteStore::selectionChanged, &window, updateHandlers);
+    updateHandlers();
+
+    QMenu* view = window.menuBar()->addMenu(QObject::tr("&View"));
+    QAction* bigger = addAction(view, QObject::tr("Make Text Bigger"), QKeySequence(QStringLiteral("Ctrl++")));
+    bigger->setShortcuts({QKeySequence(QStringLiteral("Ctrl++")), QKeySequence(QStringLiteral("Ctrl+="))});
+    QAction* smaller = addAction(view, QObject::tr("Make Text Smaller"), QKeySequence(QStringLiteral("Ctrl+-")));
+    const auto applySize = [&window](qreal delta) {
+        QSettings settings;
+        const qreal size = std::clamp(settings.value(fontSizeKey, defaultFontSize).toReal() + delta, minimumFontSize,
+                                      maximumFontSize);
+        settings.setValue(fontSizeKey, size);
+        window.editorPane()->setFontPointSize(size);
+    };
+    QObject::connect(bigger, &QAction::triggered, &window, [applySize] { applySize(+1); });
+    QObject::connect(smaller, &QAction::triggered, &window, [applySize] { applySize(-1); });
+    applySize(0);
+}
+
+}  // namespace mossly

@@ -1,0 +1,103 @@
+#include "LibrarySidebar.h"
+
+#include <QLineEdit>
+#include <QListView>
+#include <QMenu>
+#include <QSplitter>
+#include <QVBoxLayout>
+
+#include "LibraryTree.h"
+#include "NoteListDelegate.h"
+#include "NoteListModel.h"
+#include "NoteStore.h"
+
+namespace mossly {
+
+LibrarySidebar::LibrarySidebar(NoteStore& store, QWidget* parent) : QWidget(parent), store_(store) {
+    search_ = new QLineEdit(this);
+    search_->setObjectName(QStringLiteral("searchField"));
+    search_->setPlaceholderText(tr("Search notes"));
+    search_->setClearButtonEnabled(true);
+    tree_ = new LibraryTree(store_, this);
+    model_ = new NoteListModel(store_, this);
+    list_ = new QListView(this);
+    list_->setObjectName(QStringLiteral("noteList"));
+    list_->setModel(model_);
+    list_->setItemDelegate(new NoteListDelegate(list_));
+    list_->setSelectionMode(QAbstractItemView::ExtendedSelection);
+    list_->setDragEnabled(true);
+    list_->setDragDropMode(QAbstractItemView::DragOnly);
+    list_->setContextMenuPolicy(Qt::CustomContextMenu);
+    list_->setUniformItemSizes(true);
+
+    auto* splitter = new QSplitter(Qt::Vertical, this);
+    splitter->addWidget(tree_);
+    splitter->addWidget(list_);
+    splitter->setStretchFactor(0, 1);
+    splitter->setStretchFactor(1, 3);
+    auto* layout = new QVBoxLayout(this);
+    layout->setContentsMargins(6, 6, 0, 6);
+    layout->addWidget(search_);
+    layout->addWidget(splitter, 1);
+
+    connect(search_, &QLineEdit::textChanged, &store_, &NoteStore::setSearchText);
+    connect(tree_, &LibraryTree::scopeChanged, model_, &NoteListModel::setScope);
+    connect(list_->selectionModel(), &QItemSelectionModel::currentChanged, this, [this](const QModelIndex& index) {
+        if (index.isValid()) store_.select(index.data(NoteListModel::UrlRole).toString());
+    });
+    connect(list_, &QListView::customContextMenuRequested, this, &LibrarySidebar::showNoteMenu);
+    connect(&store_, &NoteStore::selectionChanged, this, &LibrarySidebar::followSelection);
+    connect(model_, &QAbstractItemModel::modelReset, this, &LibrarySidebar::followSelection);
+}
+
+void LibrarySidebar::focusSearch() {
+    search_->setFocus(Qt::ShortcutFocusReason);
+    search_->selectAll();
+}
+
+void LibrarySidebar::followSelection() {
+    const auto& selection = store_.selection();
+    const QModelIndex index = selection ? model_->indexOf(*selection) : QModelIndex();
+    if (index.isValid() && list_->currentIndex() != index) {
+        const QSignalBlocker quiet(list_->selectionModel());
+        list_->setCurrentIndex(index);
+        list_->viewport()->update();
+    }
+}
+
+QStringList LibrarySidebar::selectedUrls() const {
+    QStringList urls;
+    for (const QModelIndex& index : list_->selectionModel()->selectedIndexes()) {
+        urls.append(index.data(NoteListModel::UrlRole).toString());
+    }
+    return urls;
+}
+
+void LibrarySidebar::showNoteMenu(const QPoint& position) {
+    const QModelIndex index = list_->indexAt(position);
+    if (!index.isValid()) return;
+    QStringList urls = selectedUrls();
+    const QString url = index.data(NoteListModel::UrlRole).toString();
+    if (!urls.contains(url)) urls = {url};
+
+    QMenu menu(this);
+    const bool favorite = store_.isFavorite(url);
+    menu.addAction(favorite ? tr("Remove from Favourites") : tr("Add to Favourites"), this, [this, urls, favorite] {
+        for (const QString& u : urls) store_.setFavorite(!favorite, u);
+    });
+    QMenu* move = menu.addMenu(tr("Move to Folder"));
+    move->addAction(tr("No Folder"), this, [this, urls] {
+        for (const QString& u : urls) store_.removeNoteFromFolder(u);
+    });
+    move->addSeparator();
+    for (const NoteFolder& folder : store_.folders()) {
+        move->addAction(folder.name, this, [this, urls, id = folder.id] {
+            for (const QString& u : urls) store_.moveNote(u, id);
+        });
+    }
+    menu.addSeparator();
+    menu.addAction(tr("Move to Trash"), this, [this, urls] { store_.deleteNotes(QSet<QString>(urls.begin(), urls.end())); });
+    menu.exec(list_->viewport()->mapToGlobal(position));
+}
+
+}  // namespace mossly

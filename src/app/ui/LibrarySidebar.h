@@ -1,0 +1,37 @@
+#pragma once
+
+#include <QWidget>
+
+class QLineEdit;
+class QListView;
+
+namespace mossly {
+
+class LibraryTree;
+class NoteListModel;
+class NoteStore;
+
+// The left side of the window: the search field, the library tree and the note list.
+class LibrarySidebar : public QWidget {
+    Q_OBJECT
+public:
+    explicit LibrarySidebar(NoteStore& store, QWidget* parent = nullptr);
+
+    QLineEdit* searchField() const { return search_; }
+    QListView* noteList() const { return list_; }
+    LibraryTree* tree() const { return tree_; }
+    void focusSearch();
+
+private:
+    void showNoteMenu(const QPoint& position);
+    void followSelection();
+    QStringList selectedUrls() const;
+
+    NoteStore& store_;
+    QLineEdit* search_;
+    LibraryTree* tree_;
+    NoteListModel* model_;
+    QListView* list_;
+};
+
+}  // namespace mossly

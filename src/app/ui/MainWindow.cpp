@@ -1,0 +1,34 @@
+#include "MainWindow.h"
+
+#include <QMessageBox>
+#include <QSplitter>
+#include <QStatusBar>
+
+#include "AppActions.h"
+#include "AppIcon.h"
+#include "EditorPane.h"
+#include "LibrarySidebar.h"
+#include "NoteStore.h"
+
+namespace mossly {
+
+MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent) {
+    setWindowTitle(QStringLiteral("Mossly"));
+    setWindowIcon(appIcon());
+    sidebar_ = new LibrarySidebar(store, this);
+    editorPane_ = new EditorPane(store, this);
+    auto* splitter = new QSplitter(this);
+    splitter->addWidget(sidebar_);
+    splitter->addWidget(editorPane_);
+    splitter->setStretchFactor(1, 1);
+    splitter->setSizes({300, 700});
+    setCentralWidget(splitter);
+    resize(1100, 720);
+
+    installAppActions(*this, store);
+    connect(&store, &NoteStore::problemOccurred, this,
+            [this](const QString& message) { statusBar()->showMessage(message, 10000); });
+    if (store.folderMetadataError()) statusBar()->showMessage(store.folderMetadataError()->description());
+}
+
+}  // namespace mossly

@@ -1,0 +1,64 @@
+#include "NoteListDelegate.h"
+
+#include <QApplication>
+#include <QDateTime>
+#include <QLocale>
+#include <QPainter>
+
+#include "NoteListModel.h"
+
+namespace mossly {
+
+namespace {
+
+constexpr int padding = 8;
+
+QString shortDate(const QDateTime& time) {
+    const QDateTime local = time.toLocalTime();
+    if (local.date() == QDate::currentDate()) return QLocale().toString(local.time(), QLocale::ShortFormat);
+    return QLocale().toString(local.date(), QLocale::ShortFormat);
+}
+
+}  // namespace
+
+void NoteListDelegate::paint(QPainter* painter, const QStyleOptionViewItem& option, const QModelIndex& index) const {
+    QStyleOptionViewItem background = option;
+    initStyleOption(&background, index);
+    background.text.clear();
+    QApplication::style()->drawControl(QStyle::CE_ItemViewItem, &background, painter, option.widget);
+
+    const bool selected = option.state & QStyle::State_Selected;
+    const QPalette& palette = option.palette;
+    const QRect area = option.rect.adjusted(padding, padding / 2, -padding, -padding / 2);
+    QFont titleFont = option.font;
+    titleFont.setBold(true);
+    const QFontMetrics titleMetrics(titleFont);
+    const QFontMetrics bodyMetrics(option.font);
+
+    const QString date = shortDate(index.data(NoteListModel::ModifiedRole).toDateTime());
+    const int dateWidth = bodyMetrics.horizontalAdvance(date) + padding;
+    painter->save();
+    painter->setFont(titleFont);
+    painter->setPen(palette.color(selected ? QPalette::HighlightedText : QPalette::Text));
+    const QRect titleRect(area.left(), area.top(), area.width() - dateWidth, titleMetrics.height());
+    painter->drawText(titleRect, Qt::AlignLeft | Qt::AlignVCenter,
+                      titleMetrics.elidedText(index.data(NoteListModel::TitleRole).toString(), Qt::ElideRight,
+                                              titleRect.width()));
+    painter->setFont(option.font);
+    painter->setPen(palette.color(selected ? QPalette::HighlightedText : QPalette::PlaceholderText));
+    painter->drawText(QRect(area.right() - dateWidth, area.top(), dateWidth, titleMetrics.height()),
+                      Qt::AlignRight | Qt::AlignVCenter, date);
+    const QRect excerptRect(area.left(), titleRect.bottom() + 2, area.width(), bodyMetrics.height());
+    painter->drawText(excerptRect, Qt::AlignLeft | Qt::AlignVCenter,
+                      bodyMetrics.elidedText(index.data(NoteListModel::ExcerptRole).toString().simplified(),
+                                             Qt::ElideRight, excerptRect.width()));
+    painter->restore();
+}
+
+QSize NoteListDelegate::sizeHint(const QStyleOptionViewItem& option, const QModelIndex&) const {
+    QFont titleFont = option.font;
+    titleFont.setBold(true);
+    return {200, QFontMetrics(titleFont).height() + QFontMetrics(option.font).height() + padding + 2};
+}
+
+}  // namespace mossly

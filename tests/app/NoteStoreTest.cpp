@@ -1,0 +1,198 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QProcess>
+
+#include "AppTestSupport.h"
+#include "NoteStore.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+class NoteStoreTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+
+    std::unique_ptr<NoteStore> openStore(bool welcome = false) {
+        auto store = std::make_unique<NoteStore>(
+            folder.path(), NoteStore::Options{.createsWelcomeNote = welcome, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+        return store;
+    }
+    QString url(const QString& identifier) const { return folder.filePath(identifier); }
+    QString bodyOnDisk(const QString& identifier) const {
+        return NoteDocument(QString::fromUtf8(folder.read(identifier)), NoteContentType::markdown).body;
+    }
+};
+
+TEST_F(NoteStoreTest, LoadsNewestFirstAndCreatesNotesAtTheFront) {
+    folder.write(QStringLiteral("old.md"), "# Old\nfirst line");
+    test::spin(20);
+    folder.write(QStringLiteral("sub/new.md"), "# New\nsecond");
+    auto store = openStore();
+    ASSERT_EQ(store->notes().size(), 2u);
+    EXPECT_EQ(store->notes()[0].identifier, QStringLiteral("sub/new.md"));
+    EXPECT_EQ(store->notes()[0].title, QStringLiteral("New"));
+    EXPECT_EQ(store->notes()[1].excerpt, QStringLiteral("first line"));
+
+    const auto created = store->createNote(QStringLiteral("# Fresh"), NoteContentType::markdown);
+    ASSERT_TRUE(created);
+    EXPECT_EQ(store->notes().front().url, *created);
+    EXPECT_EQ(store->selection(), created);
+    EXPECT_TRUE(folder.exists(QStringLiteral("Fresh.md")));
+}
+
+TEST_F(NoteStoreTest, TypingForSecondsWritesOnceAfterTheLastKey) {
+    folder.write(QStringLiteral("a.md"), "start");
+    auto store = openStore();
+    test::DiagnosticsRecorder recorder;
+    QString text = QStringLiteral("start");
+    for (int key = 0; key < 25; ++key) {  // a key every 80 ms for two seconds
+        text += u'x';
+        store->setBody(url("a.md"), text);
+        test::spin(80);
+        ASSERT_EQ(recorder.count(QStringLiteral("Note save committed")), 0) << "saved while typing";
+    }
+    EXPECT_EQ(folder.read(QStringLiteral("a.md")), "start");
+    ASSERT_TRUE(test::waitUntil([&] { return recorder.count(QStringLiteral("Note save committed")) == 1; }));
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("a.md")), text);
+    test::spin(400);
+    EXPECT_EQ(recorder.count(QStringLiteral("Note save committed")), 1);
+    // Our own write never comes back as an external change.
+    EXPECT_EQ(recorder.count(QStringLiteral("External note changes reconciled")), 0);
+}
+
+TEST_F(NoteStoreTest, FlushWritesPendingEditsAtOnce) {
+    folder.write(QStringLiteral("a.md"), "v1");
+    auto store = openStore();
+    store->setBody(url("a.md"), QStringLiteral("v2 typed just before quitting"));
+    EXPECT_TRUE(store->hasPendingSaves());
+    ASSERT_TRUE(store->flushPendingSaves());
+    EXPECT_FALSE(store->hasPendingSaves());
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("a.md")), QStringLiteral("v2 typed just before quitting"));
+}
+
+// Another process (an agent) writes the note while the user has unsaved text.
+class NoteStoreConflictTest : public NoteStoreTest {
+protected:
+    std::unique_ptr<NoteStore> store;
+    void SetUp() override {
+        folder.write(QStringLiteral("plan.md"), "shared plan");
+        store = openStore();
+        store->setBody(url("plan.md"), QStringLiteral("user's unsaved words"));
+        QProcess agent;
+        agent.start(QStringLiteral(MOSSLY_AGENT_PATH),
+                    {"update", "plan.md", "--expected-revision", NoteDocument::revision(QByteArray("shared plan")),
+                     "--body", "agent's words", "--agent", "codex", "--notes-dir", folder.path()});
+        ASSERT_TRUE(agent.waitForFinished(10000));
+        ASSERT_EQ(agent.exitCode(), 0) << agent.readAllStandardError().toStdString();
+        ASSERT_TRUE(test::waitUntil([&] { return store->conflict(url("plan.md")) != nullptr; }));
+    }
+};
+
+TEST_F(NoteStoreConflictTest, NeverOverwritesAndReloadTakesTheDiskVersion) {
+    test::spin(400);
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("plan.md")), QStringLiteral("agent's words"));
+    EXPECT_EQ(store->conflict(url("plan.md"))->userContent, QStringLiteral("user's unsaved words"));
+    store->reloadConflict(url("plan.md"));
+    EXPECT_FALSE(store->conflict(url("plan.md")));
+    EXPECT_EQ(store->body(url("plan.md")), QStringLiteral("agent's words"));
+    EXPECT_FALSE(store->hasPendingSaves());
+    // Editing again saves normally on top of the agent's version.
+    store->setBody(url("plan.md"), QStringLiteral("agent's words, and mine"));
+    ASSERT_TRUE(store->flushPendingSaves());
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("plan.md")), QStringLiteral("agent's words, and mine"));
+}
+
+TEST_F(NoteStoreConflictTest, KeepConflictCopyPreservesBothTexts) {
+    auto copy = store->keepConflictCopy(url("plan.md"));
+    ASSERT_TRUE(copy) << copy.error().description().toStdString();
+    const QString copyName = QFileInfo(*copy).fileName();
+    EXPECT_TRUE(copyName.startsWith(QStringLiteral("plan (Conflict "))) << copyName.toStdString();
+    EXPECT_TRUE(copyName.endsWith(QStringLiteral(").md")));
+    EXPECT_EQ(bodyOnDisk(copyName), QStringLiteral("user's unsaved words"));
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("plan.md")), QStringLiteral("agent's words"));
+    EXPECT_EQ(store->body(url("plan.md")), QStringLiteral("agent's words"));
+    EXPECT_TRUE(store->note(*copy));
+    EXPECT_FALSE(store->conflict(url("plan.md")));
+}
+
+TEST_F(NoteStoreTest, ExternalChangesAreReconciled) {
+    folder.write(QStringLiteral("keep.md"), "keep");
+    folder.write(QStringLiteral("gone.md"), "gone");
+    auto store = openStore();
+    test::DiagnosticsRecorder recorder;
+    test::spin(200);
+    folder.write(QStringLiteral("new.md"), "# Arrived");
+    folder.write(QStringLiteral("keep.md"), "kept, and edited elsewhere");
+    QFile::remove(folder.filePath("gone.md"));
+    ASSERT_TRUE(test::waitUntil([&] { return store->note(url("new.md")) && !store->note(url("gone.md")); }));
+    EXPECT_EQ(store->body(url("keep.md")), QStringLiteral("kept, and edited elsewhere"));
+    EXPECT_GE(recorder.count(QStringLiteral("External note changes reconciled")), 1);
+}
+
+TEST_F(NoteStoreTest, SearchAsYouType) {
+    folder.write(QStringLiteral("budget.md"), "# Budget\nnumbers for Q3");
+    folder.write(QStringLiteral("other.md"), "# Other\nnothing");
+    auto store = openStore();
+    store->setSearchText(QStringLiteral("budget"));
+    EXPECT_FALSE(store->searchResults());  // not before 0.12 s
+    ASSERT_TRUE(test::waitUntil([&] { return store->searchResults().has_value(); }));
+    ASSERT_EQ(store->filteredNotes().size(), 1u);
+    EXPECT_EQ(store->filteredNotes()[0]->identifier, QStringLiteral("budget.md"));
+    // Once the catalog has indexed the library, results come from it, excerpts included.
+    ASSERT_TRUE(test::waitUntil([&] { return QFile::exists(folder.filePath(".mossly-search.sqlite")); }));
+    test::spin(300);
+    store->setSearchText(QStringLiteral("numbers"));
+    ASSERT_TRUE(test::waitUntil([&] { return store->searchResult(url("budget.md")) != nullptr; }));
+    EXPECT_TRUE(store->searchResult(url("budget.md"))->excerpt.contains(QStringLiteral("numbers")));
+    store->setSearchText(QString());
+    EXPECT_FALSE(store->searchResults());
+    EXPECT_EQ(store->filteredNotes().size(), 2u);
+}
+
+TEST_F(NoteStoreTest, WelcomeNoteOnlyInAnEmptyLibrary) {
+    {
+        NoteStore store(folder.path(), {.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = QByteArray("\x89PNG fake")});
+        store.loadInitialNotes();
+        ASSERT_TRUE(test::waitUntil([&] { return !store.isLoadingInitialNotes(); }));
+        ASSERT_EQ(store.notes().size(), 1u);
+        EXPECT_EQ(store.notes()[0].identifier, QStringLiteral("Welcome to Mossly.md"));
+        EXPECT_EQ(store.selection(), store.notes()[0].url);
+        ASSERT_TRUE(store.flushPendingSaves());
+        const QString text = bodyOnDisk(QStringLiteral("Welcome to Mossly.md"));
+        EXPECT_TRUE(text.startsWith(QStringLiteral("# Welcome to Mossly\n\n![Mossly icon](")));
+        EXPECT_TRUE(folder.exists(QStringLiteral("Welcome to Mossly.assets/Mossly Icon.png")));
+    }
+    NoteStore again(folder.path(), {.createsWelcomeNote = true, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+    EXPECT_EQ(again.notes().size(), 1u);  // not a second welcome note
+
+    test::TemporaryNotesFolder empty;
+    NoteStore without(empty.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+    EXPECT_TRUE(without.notes().empty());
+}
+
+TEST_F(NoteStoreTest, ImportCopiesNotesUnderUniqueNamesAndReportsFailures) {
+    test::TemporaryNotesFolder outside;
+    outside.write(QStringLiteral("Plan.md"), "# Imported plan");
+    outside.write(QStringLiteral("Page.HTML"), "<p>page</p>");
+    outside.write(QStringLiteral("notes.txt"), "not a note");
+    outside.write(QStringLiteral("latin1.md"), "caf\xe9");
+    folder.write(QStringLiteral("Plan.md"), "existing");
+    auto store = openStore();
+    std::optional<NoteFileImportReport> report;
+    QObject::connect(store.get(), &NoteStore::importFinished, [&](const NoteFileImportReport& r) { report = r; });
+    store->importNoteFiles({outside.filePath("Plan.md"), outside.filePath("Page.HTML"),
+                            outside.filePath("notes.txt"), outside.filePath("latin1.md")});
+    ASSERT_TRUE(test::waitUntil([&] { return report.has_value(); }));
+    EXPECT_EQ(report->imported, (QStringList{"Plan 2.md", "Page.html"}));
+    ASSERT_EQ(report->failures.size(), 2u);
+    EXPECT_EQ(report->failures[0].first, QStringLiteral("notes.txt"));
+    EXPECT_EQ(folder.read(QStringLiteral("Plan.md")), "existing");
+    EXPECT_EQ(folder.read(QStringLiteral("Plan 2.md")), "# Imported plan");
+    EXPECT_TRUE(store->note(url("Page.html")));
+}
+
+}  // namespace
+}  // namespace mossly
