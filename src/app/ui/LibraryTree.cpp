@@ -29,7 +29,9 @@ LibraryTree::LibraryTree(NoteStore& store, QWidget* parent) : QTreeWidget(parent
     setContextMenuPolicy(Qt::CustomContextMenu);
     setObjectName(QStringLiteral("libraryTree"));
     connect(this, &QTreeWidget::customContextMenuRequested, this, &LibraryTree::showContextMenu);
-    connect(this, &QTreeWidget::currentItemChanged, this, [this] { emit scopeChanged(currentScope()); });
+    connect(this, &QTreeWidget::currentItemChanged, this, [this] {
+        if (!rebuilding_) emit scopeChanged(currentScope());
+    });
     connect(&store_, &NoteStore::foldersChanged, this, &LibraryTree::rebuild);
     rebuild();
 }
@@ -43,13 +45,13 @@ std::optional<QUuid> LibraryTree::currentFolder() const { return folderOf(curren
 
 LibraryScope LibraryTree::currentScope() const {
     if (const auto folder = currentFolder()) return {LibraryScope::Kind::folder, *folder};
-    if (currentItem() == favorites_) return {LibraryScope::Kind::favorites, {}};
+    if (currentItem() && currentItem() == favorites_) return {LibraryScope::Kind::favorites, {}};
     return {};
 }
 
 void LibraryTree::rebuild() {
     const LibraryScope previous = currentScope();
-    const QSignalBlocker quiet(this);
+    rebuilding_ = true;
     clear();
     allNotes_ = new QTreeWidgetItem(this, {tr("All Notes")});
     allNotes_->setData(0, KindRole, allNotesItem);
@@ -58,7 +60,9 @@ void LibraryTree::rebuild() {
     foldersRoot_ = new QTreeWidgetItem(this, {tr("Folders")});
     foldersRoot_->setData(0, KindRole, foldersHeaderItem);
     foldersRoot_->setFlags(Qt::ItemIsEnabled | Qt::ItemIsDropEnabled);
-    for (QTreeWidgetItem* item : {allNotes_, favorites_}) item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDropEnabled);
+    for (QTreeWidgetItem* item : {allNotes_, favorites_}) {
+        item->setFlags(Qt::ItemIsEnabled | Qt::ItemIsSelectable | Qt::ItemIsDropEnabled);
+    }
     addFolders(foldersRoot_, std::nullopt);
     expandAll();
 
@@ -70,6 +74,8 @@ void LibraryTree::rebuild() {
         }
     }
     setCurrentItem(restored);
+    rebuilding_ = false;
+    emit scopeChanged(currentScope());
 }
 
 void LibraryTree::addFolders(QTreeWidgetItem* parent, const std::optional<QUuid>& parentId) {

@@ -40,6 +40,7 @@ private:
     QTreeWidgetItem* allNotes_ = nullptr;
     QTreeWidgetItem* favorites_ = nullptr;
     QTreeWidgetItem* foldersRoot_ = nullptr;
+    bool rebuilding_ = false;
 };
 
 }  // namespace mossly

@@ -28,6 +28,12 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent) 
     installAppActions(*this, store);
     connect(&store, &NoteStore::problemOccurred, this,
             [this](const QString& message) { statusBar()->showMessage(message, 10000); });
+    // Open the most recent note once the library is there, as a user expects.
+    const auto openNewest = [&store] {
+        if (!store.selection() && !store.notes().empty()) store.select(store.notes().front().url);
+    };
+    connect(&store, &NoteStore::loadingChanged, this, openNewest);
+    openNewest();
     if (store.folderMetadataError()) statusBar()->showMessage(store.folderMetadataError()->description());
 }
 
