@@ -8,6 +8,7 @@
 #include <QJsonObject>
 #include <QStandardPaths>
 #include <algorithm>
+#include <unistd.h>
 
 namespace mossly {
 
@@ -88,6 +89,19 @@ DiagnosticsCenter::Span::Span(DiagnosticsCenter& center, QString name, Diagnosti
 
 DiagnosticsCenter::Span::~Span() {
     center_.record(QStringLiteral("span"), name_, fields_, static_cast<double>(timer_.nsecsElapsed()) / 1e6);
+}
+
+double millisecondsSinceProcessStart() {
+    QFile stat(QStringLiteral("/proc/self/stat"));
+    QFile uptime(QStringLiteral("/proc/uptime"));
+    if (!stat.open(QIODevice::ReadOnly) || !uptime.open(QIODevice::ReadOnly)) return -1;
+    // Field 22 is the start time in clock ticks after boot; the command name (field 2) may hold spaces.
+    const QByteArray line = stat.readAll();
+    const QList<QByteArray> fields = line.mid(line.lastIndexOf(')') + 2).split(' ');
+    if (fields.size() < 20) return -1;
+    const double startSeconds = fields[19].toDouble() / static_cast<double>(::sysconf(_SC_CLK_TCK));
+    const double nowSeconds = uptime.readAll().split(' ').value(0).toDouble();
+    return (nowSeconds - startSeconds) * 1000.0;
 }
 
 QString defaultDiagnosticsLogPath() {

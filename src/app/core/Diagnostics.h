@@ -65,6 +65,9 @@ private:
     int nextToken_ = 1;
 };
 
+// Time since the kernel started this process (not since main()), from /proc.
+double millisecondsSinceProcessStart();
+
 // "$XDG_CACHE_HOME/com.bellam.notes/diagnostics.jsonl"
 QString defaultDiagnosticsLogPath();
 

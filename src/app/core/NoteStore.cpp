@@ -5,6 +5,8 @@
 #include <QFileInfo>
 #include <QThread>
 #include <algorithm>
+#include <atomic>
+#include <thread>
 
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
@@ -19,21 +21,37 @@ namespace {
 
 DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
 
-// Notes that cannot be shown (not UTF-8, vanished mid-read) are left out of the list, not fatal.
-std::vector<StoredNote> readAllNotes(const NoteRepository& repository, int& unreadable) {
-    std::vector<StoredNote> stored;
+// Reads and decodes every note, on all cores: at start-up this is what the
+// user waits for. Notes that cannot be shown (not UTF-8, vanished mid-read)
+// are left out of the list, not fatal. Keeps the repository's order.
+std::vector<Note> readAllNotes(const NoteRepository& repository, int& unreadable) {
     auto listing = repository.enumerateMetadata();
-    if (!listing) return stored;
-    stored.reserve(listing->size());
-    for (const NoteFileMetadata& entry : *listing) {
-        auto note = repository.read(entry.identifier);
-        if (note) {
-            stored.push_back(std::move(*note));
-        } else {
-            ++unreadable;
+    if (!listing) return {};
+    std::vector<std::optional<Note>> loaded(listing->size());
+    std::atomic<size_t> next{0};
+    std::atomic<int> failed{0};
+    const auto work = [&] {
+        for (size_t i = next++; i < loaded.size(); i = next++) {
+            auto stored = repository.read((*listing)[i].identifier);
+            if (stored) {
+                loaded[i] = noteFromStored(*stored);
+            } else {
+                ++failed;
+            }
         }
+    };
+    const int workers = std::max(1, QThread::idealThreadCount());
+    std::vector<std::jthread> threads;
+    for (int w = 1; w < workers; ++w) threads.emplace_back(work);
+    work();
+    threads.clear();  // joins
+    unreadable = failed;
+    std::vector<Note> notes;
+    notes.reserve(loaded.size());
+    for (auto& entry : loaded) {
+        if (entry) notes.push_back(std::move(*entry));
     }
-    return stored;
+    return notes;
 }
 
 }  // namespace
@@ -63,9 +81,7 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     if (options_.loadsNotesSynchronously) {
         didStartInitialLoad_ = true;
         LoadedLibrary library;
-        for (const StoredNote& stored : readAllNotes(repository_, library.unreadable)) {
-            library.notes.push_back(noteFromStored(stored));
-        }
+        library.notes = readAllNotes(repository_, library.unreadable);
         library.metadata = FolderMetadata::load(directory_);
         applyLibrary(std::move(library));
     }
@@ -87,9 +103,7 @@ void NoteStore::loadInitialNotes() {
         this,
         [repository, directory] {
             LoadedLibrary library;
-            for (const StoredNote& stored : readAllNotes(repository, library.unreadable)) {
-                library.notes.push_back(noteFromStored(stored));
-            }
+            library.notes = readAllNotes(repository, library.unreadable);
             library.metadata = FolderMetadata::load(directory);
             return library;
         },
@@ -146,9 +160,7 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
 
 Result<void> NoteStore::reloadFromDiskPreservingSelection() {
     LoadedLibrary library;
-    for (const StoredNote& stored : readAllNotes(repository_, library.unreadable)) {
-        library.notes.push_back(noteFromStored(stored));
-    }
+    library.notes = readAllNotes(repository_, library.unreadable);
     library.metadata = FolderMetadata::load(directory_);
     ++externalSyncGeneration_;
     applyLibrary(std::move(library));
