@@ -13,6 +13,7 @@
 #include "LibrarySidebar.h"
 #include "MainWindow.h"
 #include "NoteStore.h"
+#include "MarkdownTextView.h"
 #include "PlainNoteEditor.h"
 #include "TestSupport.h"
 
@@ -48,18 +49,21 @@ TEST_F(MainWindowTest, NewNoteTypingAndFormatting) {
     EXPECT_EQ(newNote->shortcut(), QKeySequence(QStringLiteral("Ctrl+N")));
     newNote->trigger();
     ASSERT_EQ(store->notes().size(), 2u);
-    PlainNoteEditor* editor = window->editorPane()->editor();
+    // A Markdown note opens in the styled editor.
+    MarkdownTextView* editor = window->editorPane()->markdownEditor();
+    ASSERT_EQ(window->editorPane()->currentEditor(), editor);
     ASSERT_TRUE(test::waitUntil([&] { return editor->hasFocus(); }));
-    EXPECT_EQ(editor->noteUrl(), store->notes().front().url);
+    const QString url = window->editorPane()->noteUrl();
+    EXPECT_EQ(url, store->notes().front().url);
 
     QTest::keyClicks(editor, QStringLiteral("Shopping list"));
-    EXPECT_EQ(store->body(editor->noteUrl()), QStringLiteral("Shopping list"));
+    EXPECT_EQ(store->body(url), QStringLiteral("Shopping list"));
     QAction* bold = findAction(*window, QStringLiteral("Bold"));
     ASSERT_TRUE(bold);
     EXPECT_TRUE(bold->isEnabled());
     editor->selectAll();
     bold->trigger();
-    EXPECT_EQ(store->body(editor->noteUrl()), QStringLiteral("**Shopping list**"));
+    EXPECT_EQ(store->body(url), QStringLiteral("**Shopping list**"));
 
     // With the search field focused there is no formatting handler.
     findAction(*window, QStringLiteral("Search Notes"))->trigger();

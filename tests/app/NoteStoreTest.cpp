@@ -132,6 +132,49 @@ TEST_F(NoteStoreTest, ExternalChangesAreReconciled) {
     EXPECT_GE(recorder.count(QStringLiteral("External note changes reconciled")), 1);
 }
 
+TEST_F(NoteStoreTest, DeletedElsewhereWithUnsavedWordsIsWrittenBack) {
+    folder.write(QStringLiteral("draft.md"), "draft");
+    auto store = openStore();
+    test::spin(200);
+    store->setBody(url("draft.md"), QStringLiteral("words not yet saved"));
+    QFile::remove(folder.filePath("draft.md"));
+    ASSERT_TRUE(test::waitUntil([&] { return folder.exists(QStringLiteral("draft.md")); }));
+    test::spin(400);
+    EXPECT_EQ(folder.read(QStringLiteral("draft.md")), "words not yet saved");
+    EXPECT_TRUE(store->note(url("draft.md")));
+}
+
+TEST_F(NoteStoreTest, ActivatingAnotherFolderFollowsRelocatedNotes) {
+    folder.write(QStringLiteral("a.md"), "a");
+    auto store = openStore();
+    store->select(url("a.md"));
+    store->setBody(url("a.md"), QStringLiteral("edited before the move"));
+    // What the storage coordinator does: flush, move the files, switch the library.
+    ASSERT_TRUE(store->flushPendingSaves());
+    test::TemporaryNotesFolder moved;
+    moved.write(QStringLiteral("a.md"), folder.read(QStringLiteral("a.md")));
+    ASSERT_TRUE(store->activateDirectory(moved.path(), {{url("a.md"), moved.filePath("a.md")}}));
+    EXPECT_EQ(store->directory(), QDir::cleanPath(moved.path()));
+    EXPECT_EQ(store->selection(), moved.filePath("a.md"));
+    EXPECT_EQ(store->body(moved.filePath("a.md")), QStringLiteral("edited before the move"));
+    EXPECT_EQ(store->resolveNoteID(url("a.md")), moved.filePath("a.md"));
+}
+
+TEST(Diagnostics, UserPathsAreHidden) {
+    DiagnosticsCenter& center = DiagnosticsCenter::shared();
+    center.addPrivatePath(QStringLiteral("/home/ann/Notes"));
+    EXPECT_EQ(center.redacted(QStringLiteral("cannot read /home/ann/Notes/Plan.md")),
+              QStringLiteral("cannot read <path>/Plan.md"));
+    DiagnosticFields seen;
+    const int token = center.addObserver([&](const QString&, const QString& name, const DiagnosticFields& fields) {
+        if (name == QStringLiteral("Test event")) seen = fields;
+    });
+    center.event(QStringLiteral("Test event"), {{"count", 2}});
+    center.removeObserver(token);
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].second.toInt(), 2);
+}
+
 TEST_F(NoteStoreTest, SearchAsYouType) {
     folder.write(QStringLiteral("budget.md"), "# Budget\nnumbers for Q3");
     folder.write(QStringLiteral("other.md"), "# Other\nnothing");

@@ -460,7 +460,21 @@ void NoteStore::scheduleExternalChanges() {
             int added = 0, updated = 0, conflicts = 0;
             QSet<QString> removed;
             for (const Note& n : notes_) {
-                if (!scan.present.contains(n.identifier)) removed.insert(n.url);
+                if (scan.present.contains(n.identifier)) continue;
+                if (pendingBaseRevisions_.contains(n.url) || conflicts_.contains(n.url)) {
+                    // Deleted elsewhere while the user had unsaved words in it: put the words back.
+                    if (auto restored = repository_.createAt(n.identifier, n.content); restored) {
+                        if (QTimer* timer = pendingSaves_.take(n.url)) timer->deleteLater();
+                        pendingBaseRevisions_.remove(n.url);
+                        conflicts_.remove(n.url);
+                        Note* kept = mutableNote(n.url);
+                        kept->revision = restored->document.revision();
+                        kept->modifiedAt = restored->modifiedAt;
+                        ++conflicts;
+                        continue;
+                    }
+                }
+                removed.insert(n.url);
             }
             for (const StoredNote& stored : scan.loaded) {
                 Note* existing = mutableNote(stored.url);
@@ -489,6 +503,7 @@ void NoteStore::scheduleExternalChanges() {
                                 {{"added", added}, {"updated", updated}, {"removed", removedCount},
                                  {"conflicts", conflicts}});
             emit notesChanged();
+            if (conflicts > 0) emit conflictsChanged();
             refreshSearchIndexInBackground();
         });
 }

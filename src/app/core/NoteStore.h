@@ -56,6 +56,10 @@ enum class FolderNoteDisposition { moveOut, moveToFolder, trash };
 // repository, so the app obeys the same lock and revision rules as agents.
 class NoteStore : public QObject {
     Q_OBJECT
+    Q_PROPERTY(QString directory READ directory NOTIFY notesChanged)
+    Q_PROPERTY(bool isLoadingInitialNotes READ isLoadingInitialNotes NOTIFY loadingChanged)
+    Q_PROPERTY(QString searchText READ searchText WRITE setSearchText NOTIFY searchChanged)
+    Q_PROPERTY(bool isSearching READ isSearching NOTIFY searchChanged)
 public:
     struct Options {
         bool createsWelcomeNote = true;

@@ -13,6 +13,7 @@
 #include "EditorPane.h"
 #include "LibrarySidebar.h"
 #include "MainWindow.h"
+#include "MarkdownTextView.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
@@ -25,16 +26,53 @@ constexpr qreal defaultFontSize = 12;
 constexpr qreal minimumFontSize = 8;
 constexpr qreal maximumFontSize = 48;
 
-// The focused editor when it can format its selection.
-FormattingHandler* focusedFormattingHandler() {
-    auto* editor = qobject_cast<PlainNoteEditor*>(QApplication::focusWidget());
-    return editor && editor->supportsFormatting() ? editor : nullptr;
-}
-
 QAction* addAction(QMenu* menu, const QString& text, const QKeySequence& shortcut = {}) {
     QAction* action = menu->addAction(text);
     action->setShortcut(shortcut);
     return action;
+}
+
+// The focused editor when it can format its selection.
+FormattingHandler* focusedFormattingHandler() {
+    QWidget* focus = QApplication::focusWidget();
+    if (auto* markdownEditor = qobject_cast<MarkdownTextView*>(focus)) return markdownEditor;
+    auto* editor = qobject_cast<PlainNoteEditor*>(focus);
+    return editor && editor->supportsFormatting() ? editor : nullptr;
+}
+
+MarkdownTextView* focusedMarkdownEditor() { return qobject_cast<MarkdownTextView*>(QApplication::focusWidget()); }
+
+void installFormatMenu(MainWindow& window) {
+    using markdown::FormattingAction;
+    QMenu* format = window.menuBar()->addMenu(QObject::tr("F&ormat"));
+    const std::pair<FormattingAction, std::pair<const char*, const char*>> entries[] = {
+        {FormattingAction::title, {"Title", "Ctrl+1"}},
+        {FormattingAction::heading, {"Heading", "Ctrl+2"}},
+        {FormattingAction::subheading, {"Subheading", "Ctrl+3"}},
+        {FormattingAction::smallHeading, {"Small Heading", "Ctrl+4"}},
+        {FormattingAction::body, {"Body", "Ctrl+0"}},
+        {FormattingAction::quote, {"Quote", "Ctrl+'"}},
+        {FormattingAction::inlineCode, {"Inline Code", "Ctrl+E"}},
+        {FormattingAction::bulletedList, {"Bulleted List", "Ctrl+Shift+8"}},
+        {FormattingAction::numberedList, {"Numbered List", "Ctrl+Shift+7"}},
+        {FormattingAction::checklist, {"Checklist", "Ctrl+Shift+L"}},
+        {FormattingAction::codeBlock, {"Code Block", "Ctrl+Alt+C"}},
+    };
+    std::vector<QAction*> actions;
+    for (const auto& [action, labels] : entries) {
+        QAction* item = addAction(format, QObject::tr(labels.first), QKeySequence(QString::fromLatin1(labels.second)));
+        QObject::connect(item, &QAction::triggered, &window, [action] {
+            if (MarkdownTextView* editor = focusedMarkdownEditor()) editor->applyFormatting(action);
+        });
+        actions.push_back(item);
+        if (action == FormattingAction::body || action == FormattingAction::inlineCode) format->addSeparator();
+    }
+    const auto update = [actions] {
+        const bool enabled = focusedMarkdownEditor() != nullptr;
+        for (QAction* action : actions) action->setEnabled(enabled);
+    };
+    QObject::connect(qApp, &QApplication::focusChanged, &window, update);
+    update();
 }
 
 void showImportReport(QWidget* parent, const NoteFileImportReport& report) {
@@ -91,6 +129,7 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QObject::connect(&store, &NoteStore::selectionChanged, &window, updateHandlers);
     updateHandlers();
 
+    installFormatMenu(window);
     QMenu* view = window.menuBar()->addMenu(QObject::tr("&View"));
     QAction* bigger = addAction(view, QObject::tr("Make Text Bigger"), QKeySequence(QStringLiteral("Ctrl++")));
     bigger->setShortcuts({QKeySequence(QStringLiteral("Ctrl++")), QKeySequence(QStringLiteral("Ctrl+="))});
@@ -102,6 +141,14 @@ void installAppActions(MainWindow& window, NoteStore& store) {
         settings.setValue(fontSizeKey, size);
         window.editorPane()->setFontPointSize(size);
     };
+    view->addSeparator();
+    QAction* source = view->addAction(QObject::tr("Show Markdown Source"));
+    source->setCheckable(true);
+    source->setShortcut(QKeySequence(QStringLiteral("Ctrl+Shift+M")));
+    QObject::connect(source, &QAction::toggled, &window, [&window](bool showSource) {
+        window.editorPane()->markdownEditor()->setPresentation(showSource ? markdown::Presentation::source
+                                                                          : markdown::Presentation::styled);
+    });
     QObject::connect(bigger, &QAction::triggered, &window, [applySize] { applySize(+1); });
     QObject::connect(smaller, &QAction::triggered, &window, [applySize] { applySize(-1); });
     applySize(0);

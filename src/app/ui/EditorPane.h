@@ -8,6 +8,7 @@ class QStackedWidget;
 
 namespace mossly {
 
+class MarkdownTextView;
 class NoteStore;
 class PlainNoteEditor;
 
@@ -19,6 +20,10 @@ public:
     explicit EditorPane(NoteStore& store, QWidget* parent = nullptr);
 
     PlainNoteEditor* editor() const { return editor_; }
+    MarkdownTextView* markdownEditor() const { return markdownEditor_; }
+    // The editor showing the current note, if any.
+    QWidget* currentEditor() const;
+    const QString& noteUrl() const { return url_; }
     void setFontPointSize(qreal size);
 
 private:
@@ -31,6 +36,8 @@ private:
     QStackedWidget* stack_;
     QLabel* placeholder_;
     PlainNoteEditor* editor_;
+    MarkdownTextView* markdownEditor_;
+    QString url_;
 };
 
 }  // namespace mossly

@@ -1,0 +1,466 @@
+#include "MarkdownTextView.h"
+
+#include <QAbstractTextDocumentLayout>
+#include <QDesktopServices>
+#include <QElapsedTimer>
+#include <QFileInfo>
+#include <QImageReader>
+#include <QKeyEvent>
+#include <QPainter>
+#include <QPainterPath>
+#include <QScrollBar>
+#include <QTextBlock>
+#include <QUrl>
+
+#include "Diagnostics.h"
+#include "MarkdownFormats.h"
+#include "MarkdownHighlighter.h"
+#include "MarkdownStyler.h"
+#include "NoteContentType.h"
+
+namespace mossly {
+
+using namespace markdown;
+
+namespace {
+
+const QString footnoteScheme = QStringLiteral("mossly-footnote");
+
+double elapsedMs(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
+
+// The width a drawn object needs in place of its (hidden) characters.
+double reservedWidth(const DrawnObject& object, const MarkdownFormats& formats, double size) {
+    const QFontMetricsF body(formats.font(FontRole::body, size, false, false));
+    switch (object.kind) {
+        case DrawnKind::checkbox: return body.height() * 1.15;
+        case DrawnKind::orderedNumber: return body.horizontalAdvance(object.text + QStringLiteral("  "));
+        case DrawnKind::inlineMath:
+            return QFontMetricsF(formats.font(FontRole::math, size, false, false)).horizontalAdvance(object.text);
+        case DrawnKind::inlineReplacement: return body.horizontalAdvance(object.text);
+        case DrawnKind::footnoteReference:
+            return QFontMetricsF(formats.font(FontRole::body, size * 0.75, false, false))
+                       .horizontalAdvance(object.text) + 4;
+        case DrawnKind::footnoteDefinition: return body.horizontalAdvance(object.text + QStringLiteral(". "));
+        default: return 0;
+    }
+}
+
+}  // namespace
+
+MarkdownTextView::MarkdownTextView(QWidget* parent)
+    : QTextEdit(parent), highlighter_(new MarkdownHighlighter(document())) {
+    setObjectName(QStringLiteral("markdownEditor"));
+    setAcceptRichText(false);
+    setFrameShape(QFrame::NoFrame);
+    setMouseTracking(true);
+    document()->setDocumentMargin(20);
+    formats_ = std::make_unique<MarkdownFormats>(font(), palette());
+    connect(this, &QTextEdit::textChanged, this, [this] {
+        if (styling_) return;
+        restyle();
+        emit markdownEdited(styledText_);
+    });
+    connect(this, &QTextEdit::cursorPositionChanged, this, &MarkdownTextView::keepCaretOutOfHiddenMarkers);
+}
+
+MarkdownTextView::~MarkdownTextView() = default;
+
+void MarkdownTextView::setMarkdown(const QString& text, const QString& noteFile) {
+    noteFile_ = noteFile;
+    styling_ = true;
+    setPlainText(text);
+    styling_ = false;
+    document()->clearUndoRedoStacks();
+    restyle();
+}
+
+void MarkdownTextView::setPresentation(Presentation presentation) {
+    if (presentation_ == presentation) return;
+    presentation_ = presentation;
+    restyle();
+}
+
+void MarkdownTextView::setBaseSize(double points) {
+    baseSize_ = points;
+    QFont base = font();
+    base.setPointSizeF(points);
+    setFont(base);
+    restyle();
+}
+
+void MarkdownTextView::restyle() {
+    const QString text = toPlainText();
+    styling_ = true;
+    QElapsedTimer timer;
+    timer.start();
+    formats_ = std::make_unique<MarkdownFormats>(font(), palette());
+    const QString directory = noteFile_.isEmpty() ? QString() : QFileInfo(noteFile_).path();
+    pass_ = styleMarkdown(text, presentation_, baseSize_, directory, noteFile_);
+    lastStyleMs_ = elapsedMs(timer);
+    timer.restart();
+
+    // Objects drawn in place of hidden characters get the room they need.
+    std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.placement != Placement::replace || object.length <= 0) continue;
+        const double width = reservedWidth(object, *formats_, baseSize_);
+        if (width <= 0) continue;
+        QTextCharFormat format;
+        format.setFontLetterSpacingType(QFont::AbsoluteSpacing);
+        format.setFontLetterSpacing(width / object.length);
+        reserved.push_back({{object.start, object.length}, format});
+    }
+    for (const int index : pass_.bulletIndexes) {
+        QTextCharFormat format;
+        format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
+        reserved.push_back({{index, 1}, format});
+    }
+    highlighter_->apply(pass_, *formats_, std::move(reserved));
+    lastApplyMs_ = elapsedMs(timer);
+    styledText_ = text;
+    styling_ = false;
+    viewport()->update();
+}
+
+TextSelection MarkdownTextView::selection() const {
+    const QTextCursor cursor = textCursor();
+    return {cursor.selectionStart(), cursor.selectionEnd()};
+}
+
+void MarkdownTextView::applyEdit(const TextEdit& edit) {
+    QTextCursor cursor(document());
+    cursor.beginEditBlock();  // one undo step
+    cursor.setPosition(edit.start);
+    cursor.setPosition(edit.start + edit.length, QTextCursor::KeepAnchor);
+    cursor.insertText(edit.replacement);
+    cursor.endEditBlock();
+    QTextCursor selected(document());
+    selected.setPosition(edit.selection.start);
+    selected.setPosition(edit.selection.end, QTextCursor::KeepAnchor);
+    setTextCursor(selected);
+}
+
+void MarkdownTextView::applyFormatting(FormattingAction action) {
+    if (auto edit = MarkdownEditing::apply(action, toPlainText(), selection())) {
+        applyEdit(*edit);
+        DiagnosticsCenter::shared().event(QStringLiteral("Formatting action applied"),
+                                          {{"action", formattingActionName(action)}});
+    }
+}
+
+void MarkdownTextView::keyPressEvent(QKeyEvent* event) {
+    const QString text = toPlainText();
+    const TextSelection current = selection();
+    std::optional<TextEdit> edit;
+    const bool plain = !(event->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier));
+    if (plain) {
+        switch (event->key()) {
+            case Qt::Key_Return:
+            case Qt::Key_Enter:
+                if (!(event->modifiers() & Qt::ShiftModifier)) edit = MarkdownEditing::insertNewline(text, current);
+                break;
+            case Qt::Key_Down: edit = MarkdownEditing::moveDown(text, current); break;
+            case Qt::Key_Tab: edit = MarkdownEditing::indent(text, current, false); break;
+            case Qt::Key_Backtab: edit = MarkdownEditing::indent(text, current, true); break;
+            case Qt::Key_Backspace: edit = MarkdownEditing::deleteBackward(text, current); break;
+            case Qt::Key_Delete: edit = MarkdownEditing::deleteForward(text, current); break;
+            default: break;
+        }
+    }
+    if (edit) {
+        if (edit->length > 0 || !edit->replacement.isEmpty()) applyEdit(*edit);
+        event->accept();
+        return;
+    }
+    if (event->key() == Qt::Key_Backtab) {  // Shift-Tab outside a list: leave the text alone
+        event->accept();
+        return;
+    }
+    QTextEdit::keyPressEvent(event);
+}
+
+bool MarkdownTextView::isHidden(int position) const {
+    if (presentation_ == Presentation::source) return false;
+    const StyleAttributes attributes = pass_.attributesAt(position);
+    return attributes.hidden;
+}
+
+void MarkdownTextView::keepCaretOutOfHiddenMarkers() {
+    QTextCursor cursor = textCursor();
+    const int position = cursor.position();
+    const int previous = previousCaret_;
+    previousCaret_ = position;
+    if (styling_ || cursor.hasSelection() || !isHidden(position) || !isHidden(position - 1)) return;
+    // Strictly inside a hidden marker: carry on over it in the direction of travel.
+    const int step = position >= previous ? 1 : -1;
+    int target = position;
+    while (target > 0 && target < document()->characterCount() - 1 && isHidden(target) && isHidden(target - 1)) {
+        target += step;
+    }
+    cursor.setPosition(target);
+    previousCaret_ = target;
+    setTextCursor(cursor);
+}
+
+QRectF MarkdownTextView::characterRect(int position) const {
+    QTextCursor cursor(document());
+    cursor.setPosition(std::clamp(position, 0, document()->characterCount() - 1));
+    return cursorRect(cursor);
+}
+
+QRectF MarkdownTextView::rangeRect(int start, int end) const {
+    const QTextBlock first = document()->findBlock(start);
+    const QTextBlock last = document()->findBlock(std::max(start, end - 1));
+    QRectF rect = document()->documentLayout()->blockBoundingRect(first);
+    rect = rect.united(document()->documentLayout()->blockBoundingRect(last));
+    return rect.translated(-horizontalScrollBar()->value(), -verticalScrollBar()->value());
+}
+
+void MarkdownTextView::paintEvent(QPaintEvent* event) {
+    {
+        QPainter behind(viewport());
+        behind.setRenderHint(QPainter::Antialiasing);
+        paintObjects(behind, true);
+    }
+    QTextEdit::paintEvent(event);
+    QPainter painter(viewport());
+    painter.setRenderHint(QPainter::Antialiasing);
+    paintObjects(painter, false);
+}
+
+void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
+    if (presentation_ == Presentation::source) return;
+    const MarkdownFormats& formats = *formats_;
+    const QColor secondary = formats.colour(ColourRole::secondaryLabel);
+    const QColor panel = formats.colour(ColourRole::quaternaryLabel);
+    const double size = baseSize_;
+    if (!behindText) {
+        painter.setPen(formats.colour(ColourRole::label));
+        for (const int index : pass_.bulletIndexes) {
+            const QRectF at = characterRect(index);
+            const double radius = at.height() * 0.12;
+            const QRectF glyph(at.left(), at.top(), QFontMetricsF(font()).horizontalAdvance(u'-'), at.height());
+            painter.setBrush(formats.colour(ColourRole::label));
+            painter.drawEllipse(glyph.center(), radius, radius);
+        }
+        painter.setBrush(Qt::NoBrush);
+    }
+    for (const DrawnObject& object : pass_.objects) {
+        const QRectF start = characterRect(object.start);
+        switch (object.kind) {
+            case DrawnKind::codePanel:
+                if (behindText) {
+                    QRectF block = rangeRect(object.start, object.end());
+                    block.adjust(-6, 0, 6, 0);
+                    painter.setPen(Qt::NoPen);
+                    painter.setBrush(panel);
+                    painter.drawRoundedRect(block, 6, 6);
+                }
+                break;
+            case DrawnKind::horizontalRule:
+                if (!behindText) {
+                    const QRectF line = rangeRect(object.start, object.end());
+                    painter.setPen(QPen(secondary, 1));
+                    painter.drawLine(QPointF(line.left() + 4, line.center().y()),
+                                     QPointF(viewport()->width() - 24, line.center().y()));
+                }
+                break;
+            case DrawnKind::quoteBar:
+                if (behindText) {
+                    const QRectF line = rangeRect(object.start, object.end());
+                    painter.setPen(Qt::NoPen);
+                    painter.setBrush(secondary);
+                    for (int level = 0; level < std::max(1, object.level); ++level) {
+                        painter.drawRoundedRect(QRectF(line.left() + 2 + level * 12, line.top(), 3, line.height()), 1.5,
+                                                1.5);
+                    }
+                }
+                break;
+            case DrawnKind::checkbox:
+                if (!behindText) {
+                    const double side = start.height() * 0.8;
+                    const QRectF box(start.left() + 2, start.center().y() - side / 2, side, side);
+                    painter.setPen(QPen(object.checked ? formats.colour(ColourRole::link) : secondary, 1.4));
+                    painter.setBrush(object.checked ? formats.colour(ColourRole::link) : QBrush(Qt::NoBrush));
+                    painter.drawRoundedRect(box, 3, 3);
+                    if (object.checked) {
+                        QPainterPath tick;
+                        tick.moveTo(box.left() + side * 0.25, box.center().y());
+                        tick.lineTo(box.left() + side * 0.43, box.bottom() - side * 0.28);
+                        tick.lineTo(box.right() - side * 0.22, box.top() + side * 0.28);
+                        painter.setPen(QPen(palette().color(QPalette::Base), 1.8));
+                        painter.setBrush(Qt::NoBrush);
+                        painter.drawPath(tick);
+                    }
+                    painter.setBrush(Qt::NoBrush);
+                }
+                break;
+            case DrawnKind::orderedNumber:
+            case DrawnKind::inlineReplacement:
+            case DrawnKind::footnoteDefinition:
+                if (!behindText) {
+                    painter.setFont(formats.font(FontRole::body, size, false, false));
+                    painter.setPen(object.kind == DrawnKind::footnoteDefinition ? secondary
+                                                                                 : formats.colour(ColourRole::label));
+                    const QString label = object.kind == DrawnKind::footnoteDefinition ? object.text + u'.' : object.text;
+                    painter.drawText(QRectF(start.left(), start.top(), 400, start.height()),
+                                     Qt::AlignLeft | Qt::AlignVCenter, label);
+                }
+                break;
+            case DrawnKind::footnoteReference:
+                if (!behindText) {
+                    painter.setFont(formats.font(FontRole::body, size * 0.75, false, false));
+                    painter.setPen(secondary);
+                    painter.drawText(QRectF(start.left() + 2, start.top() - start.height() * 0.25, 200, start.height()),
+                                     Qt::AlignLeft | Qt::AlignVCenter, object.text);
+                }
+                break;
+            case DrawnKind::keycap:
+                if (behindText) {
+                    const QRectF end = characterRect(object.end());
+                    const QRectF cap(start.left() - 3, start.top() + 1, end.left() - start.left() + 6, start.height() - 2);
+                    painter.setPen(QPen(secondary, 1));
+                    painter.setBrush(panel);
+                    painter.drawRoundedRect(cap, 4, 4);
+                }
+                break;
+            case DrawnKind::inlineMath:
+            case DrawnKind::displayMath:
+                if (!behindText) {
+                    painter.setFont(formats.font(FontRole::math, size * (object.kind == DrawnKind::displayMath ? 1.2 : 1),
+                                                 false, false));
+                    painter.setPen(formats.colour(ColourRole::label));
+                    if (object.kind == DrawnKind::displayMath) {
+                        const QRectF block = rangeRect(object.start, object.end());
+                        painter.drawText(QRectF(0, block.top(), viewport()->width(), std::max(block.height(), start.height() * 1.6)),
+                                         Qt::AlignCenter, object.text);
+                    } else {
+                        painter.drawText(QRectF(start.left(), start.top(), 1000, start.height()),
+                                         Qt::AlignLeft | Qt::AlignVCenter, object.text);
+                    }
+                }
+                break;
+            case DrawnKind::detailsDisclosure:
+                if (!behindText) {
+                    const double side = start.height() * 0.45;
+                    const QPointF c(start.left() - side, start.center().y());
+                    QPainterPath triangle;
+                    if (object.checked) {
+                        triangle.moveTo(c.x() - side / 2, c.y() - side / 3);
+                        triangle.lineTo(c.x() + side / 2, c.y() - side / 3);
+                        triangle.lineTo(c.x(), c.y() + side / 2);
+                    } else {
+                        triangle.moveTo(c.x() - side / 3, c.y() - side / 2);
+                        triangle.lineTo(c.x() + side / 2, c.y());
+                        triangle.lineTo(c.x() - side / 3, c.y() + side / 2);
+                    }
+                    triangle.closeSubpath();
+                    painter.setPen(Qt::NoPen);
+                    painter.setBrush(secondary);
+                    painter.drawPath(triangle);
+                    painter.setBrush(Qt::NoBrush);
+                }
+                break;
+            case DrawnKind::table:
+                if (behindText && object.index >= 0 && object.index < static_cast<int>(pass_.tables.size())) {
+                    const Table& table = pass_.tables[static_cast<size_t>(object.index)];
+                    painter.setPen(QPen(panel, 1));
+                    painter.setBrush(Qt::NoBrush);
+                    const QRectF header = rangeRect(table.header.range.start, table.header.range.end());
+                    painter.fillRect(header, panel);
+                    for (const TableRow& row : table.body) {
+                        const QRectF r = rangeRect(row.range.start, row.range.end());
+                        painter.drawLine(r.bottomLeft(), r.bottomRight());
+                    }
+                }
+                break;
+            case DrawnKind::image:
+                if (!behindText && object.link && !object.link->localPath.isEmpty()) {
+                    QImageReader reader(object.link->localPath);
+                    const QSize natural = reader.size();
+                    if (natural.isValid()) {
+                        const double height = std::min<double>(natural.height(), start.height() * 4);
+                        reader.setScaledSize(natural.scaled(QSize(10000, static_cast<int>(height)), Qt::KeepAspectRatio));
+                        painter.drawImage(QPointF(start.left(), start.top()), reader.read());
+                    }
+                }
+                break;
+            case DrawnKind::titlePlaceholder:
+                if (!behindText) {
+                    painter.setFont(formats.font(FontRole::body, size * 32.0 / 17.0, true, false));
+                    painter.setPen(formats.colour(ColourRole::placeholder));
+                    painter.drawText(QRectF(start.left(), start.top(), 800, start.height() * 2.2),
+                                     Qt::AlignLeft | Qt::AlignTop, object.text);
+                }
+                break;
+            case DrawnKind::linkCard:
+            case DrawnKind::noteReference: break;  // shown as styled links until previews arrive
+        }
+    }
+}
+
+const DrawnObject* MarkdownTextView::objectAt(const QPoint& point, DrawnKind kind) const {
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.kind != kind) continue;
+        const QRectF start = characterRect(object.start);
+        const QRectF end = characterRect(std::max(object.start, object.end()));
+        QRectF area(start.left() - start.height(), start.top(), std::max(end.left() - start.left(), start.height()) + start.height(),
+                    start.height());
+        if (area.contains(point)) return &object;
+    }
+    return nullptr;
+}
+
+void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
+    if (presentation_ == Presentation::styled && event->button() == Qt::LeftButton) {
+        const QPoint point = event->position().toPoint();
+        if (const DrawnObject* box = objectAt(point, DrawnKind::checkbox)) {
+            if (auto edit = MarkdownEditing::toggleChecklist(toPlainText(), box->start, selection())) applyEdit(*edit);
+            return;
+        }
+        if (const DrawnObject* disclosure = objectAt(point, DrawnKind::detailsDisclosure)) {
+            const int tag = disclosure->related.start >= 0 ? disclosure->related.start : disclosure->start;
+            if (auto edit = MarkdownEditing::toggleDetails(toPlainText(), tag, selection())) applyEdit(*edit);
+            return;
+        }
+    }
+    QTextEdit::mousePressEvent(event);
+}
+
+void MarkdownTextView::mouseReleaseEvent(QMouseEvent* event) {
+    const QString href = anchorAt(event->position().toPoint());
+    if (!href.isEmpty() && event->button() == Qt::LeftButton && !textCursor().hasSelection()) openLink(href);
+    QTextEdit::mouseReleaseEvent(event);
+}
+
+void MarkdownTextView::mouseMoveEvent(QMouseEvent* event) {
+    viewport()->setCursor(anchorAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
+    QTextEdit::mouseMoveEvent(event);
+}
+
+void MarkdownTextView::openLink(const QString& href) {
+    const QUrl url(href);
+    if (url.scheme() == footnoteScheme) {
+        QTextCursor cursor(document());
+        cursor.setPosition(std::clamp(url.path().mid(1).toInt(), 0, document()->characterCount() - 1));
+        setTextCursor(cursor);
+        ensureCursorVisible();
+        return;
+    }
+    if (url.isLocalFile() || url.scheme().isEmpty()) {
+        const QString path = url.isLocalFile() ? url.toLocalFile() : href;
+        if (QFileInfo(path) == QFileInfo(noteFile_)) {
+            emit refusedLink(QStringLiteral("This note cannot link to itself."));
+            return;
+        }
+        if (noteContentTypeForFileName(path)) {
+            emit openNoteRequested(path);
+        } else {
+            QDesktopServices::openUrl(QUrl::fromLocalFile(path));
+        }
+        return;
+    }
+    QDesktopServices::openUrl(url);
+}
+
+}  // namespace mossly

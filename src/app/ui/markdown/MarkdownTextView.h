@@ -1,0 +1,82 @@
+#pragma once
+
+#include <QTextEdit>
+#include <memory>
+
+#include "FormattingHandler.h"
+#include "MarkdownEditing.h"
+#include "MarkdownStyle.h"
+
+namespace mossly {
+
+class MarkdownFormats;
+class MarkdownHighlighter;
+
+// The Markdown editor: plain Markdown text, presented with its syntax styled
+// as the user types. Every change restyles the whole text (a pure pass), and
+// only what differs is re-laid out. Drawn objects (checkboxes, numbers, code
+// panels, rules, quote bars, key caps, math, footnote labels, disclosures,
+// tables, images) are painted over the characters they stand for, which keep
+// their place in the text. Structural keys and formatting commands are text
+// edits, each one undo step.
+class MarkdownTextView : public QTextEdit, public FormattingHandler {
+    Q_OBJECT
+public:
+    explicit MarkdownTextView(QWidget* parent = nullptr);
+    ~MarkdownTextView() override;
+
+    // Replaces the whole text (a note was opened or reloaded); not undoable.
+    void setMarkdown(const QString& text, const QString& noteFile);
+    QString markdown() const { return toPlainText(); }
+
+    void setPresentation(markdown::Presentation presentation);
+    markdown::Presentation presentation() const { return presentation_; }
+    void setBaseSize(double points);
+
+    void applyFormatting(markdown::FormattingAction action);
+    void applyBold() override { applyFormatting(markdown::FormattingAction::bold); }
+    void applyItalic() override { applyFormatting(markdown::FormattingAction::italic); }
+
+    const markdown::StylePass& stylePass() const { return pass_; }
+    // Milliseconds the last pass took to compute and to apply.
+    double lastStyleMs() const { return lastStyleMs_; }
+    double lastApplyMs() const { return lastApplyMs_; }
+
+signals:
+    void markdownEdited(const QString& text);
+    void openNoteRequested(const QString& path);
+    void refusedLink(const QString& message);
+
+protected:
+    void keyPressEvent(QKeyEvent* event) override;
+    void paintEvent(QPaintEvent* event) override;
+    void mousePressEvent(QMouseEvent* event) override;
+    void mouseReleaseEvent(QMouseEvent* event) override;
+    void mouseMoveEvent(QMouseEvent* event) override;
+
+private:
+    void restyle();
+    void applyEdit(const markdown::TextEdit& edit);
+    markdown::TextSelection selection() const;
+    void keepCaretOutOfHiddenMarkers();
+    bool isHidden(int position) const;
+    QRectF characterRect(int position) const;
+    QRectF rangeRect(int start, int end) const;
+    void paintObjects(QPainter& painter, bool behindText);
+    const markdown::DrawnObject* objectAt(const QPoint& point, markdown::DrawnKind kind) const;
+    void openLink(const QString& href);
+
+    std::unique_ptr<MarkdownFormats> formats_;
+    MarkdownHighlighter* highlighter_;
+    markdown::StylePass pass_;
+    markdown::Presentation presentation_ = markdown::Presentation::styled;
+    double baseSize_ = 13;
+    QString noteFile_;
+    QString styledText_;
+    bool styling_ = false;
+    int previousCaret_ = 0;
+    double lastStyleMs_ = 0;
+    double lastApplyMs_ = 0;
+};
+
+}  // namespace mossly

@@ -1,0 +1,32 @@
+#pragma once
+
+#include <QString>
+#include <vector>
+
+#include "MarkdownStyle.h"
+#include "MarkdownText.h"
+
+// Whole-text scans for the block constructs the styler needs before it styles them.
+// Scans that take `exclusions` skip anything intersecting those ranges (fenced code).
+namespace mossly::markdown {
+
+std::vector<CodeBlock> findCodeBlocks(const QString& text, const TextLines& lines);
+
+std::vector<DetailsBlock> findDetailsBlocks(const QString& text, const RangeSet& exclusions);
+
+std::vector<Table> findTables(const QString& text, const TextLines& lines, const RangeSet& exclusions);
+
+std::vector<BlockQuoteLine> findBlockQuoteLines(const TextLines& lines, const RangeSet& exclusions);
+
+struct Footnotes {
+    std::vector<FootnoteReference> references;  // only those with a definition
+    std::vector<FootnoteDefinition> definitions;
+};
+
+Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions);
+
+// The cells of one table row: split at pipes not preceded by a backslash, an
+// outer pipe on either side dropped, each cell trimmed.
+std::vector<TableCell> splitTableRow(QStringView line, int lineStart);
+
+}  // namespace mossly::markdown

@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include "MarkdownEditing.h"
+
+namespace mossly::markdown {
+namespace {
+
+// Applies an edit and renders the caret/selection into the text as "|" or "[…]".
+QString applied(const QString& text, const std::optional<TextEdit>& edit) {
+    if (!edit) return QStringLiteral("<not consumed>");
+    QString result = text;
+    result.replace(edit->start, edit->length, edit->replacement);
+    if (edit->selection.start == edit->selection.end) return result.insert(edit->selection.start, u'|');
+    return result.insert(edit->selection.end, u']').insert(edit->selection.start, u'[');
+}
+
+TextSelection caretAt(const QString& text, const QString& marker = QStringLiteral("|")) {
+    const int at = static_cast<int>(text.indexOf(marker));
+    return {at, at};
+}
+
+// Test texts carry the caret as "|"; this strips it and returns both.
+std::pair<QString, TextSelection> withCaret(QString text) {
+    const TextSelection caret = caretAt(text);
+    text.remove(caret.start, 1);
+    return {text, caret};
+}
+
+TEST(MarkdownEditing, ReturnContinuesAndEndsLists) {
+    struct Case {
+        const char* before;
+        const char* after;
+    };
+    const Case cases[] = {
+        {"T\n- one|", "T\n- one\n- |"},
+        {"T\n  * one|", "T\n  * one\n  * |"},
+        {"T\n- [x] done|", "T\n- [x] done\n- [ ] |"},  // a checked item continues unchecked
+        {"T\n1. a\n2. b\n3. c|\n4. d", "T\n1. a\n2. b\n3. c\n4. |\n5. d"},
+        {"T\n- one\n- |", "T\n- one\n|"},  // an empty item ends the list, no line added
+        {"T\n    - |", "T\n    |"},
+        {"T\nplain|", "<not consumed>"},
+    };
+    for (const Case& c : cases) {
+        const auto [text, caret] = withCaret(QString::fromUtf8(c.before));
+        EXPECT_EQ(applied(text, MarkdownEditing::insertNewline(text, caret)), QString::fromUtf8(c.after)) << c.before;
+    }
+}
+
+TEST(MarkdownEditing, EmptyTitleBecomesUntitledNote) {
+    EXPECT_EQ(applied(QString(), MarkdownEditing::insertNewline(QString(), {0, 0})),
+              QStringLiteral("Untitled Note\n|"));
+    EXPECT_EQ(applied(QStringLiteral("\nbody"), MarkdownEditing::moveDown(QStringLiteral("\nbody"), {0, 0})),
+              QStringLiteral("Untitled Note\n|body"));
+    EXPECT_FALSE(MarkdownEditing::moveDown(QStringLiteral("Title\nbody"), {0, 0}));
+}
+
+TEST(MarkdownEditing, TabAndShiftTabMoveItemsAndSelection) {
+    const QString text = QStringLiteral("T\n- a\nplain\n- b");
+    const TextSelection selection{4, 15};  // from inside "a" to inside "b"
+    const auto indented = MarkdownEditing::indent(text, selection, false);
+    EXPECT_EQ(applied(text, indented), QStringLiteral("T\n    - [a\nplain\n    - b]"));
+    QString once = text;
+    once.replace(indented->start, indented->length, indented->replacement);
+    EXPECT_EQ(applied(once, MarkdownEditing::indent(once, indented->selection, true)),
+              QStringLiteral("T\n- [a\nplain\n- b]"));
+    EXPECT_FALSE(MarkdownEditing::indent(QStringLiteral("T\nplain"), {3, 3}, false));  // default Tab
+    EXPECT_FALSE(MarkdownEditing::indent(QStringLiteral("T\n- a"), {4, 4}, true));  // nothing to outdent
+}
+
+TEST(MarkdownEditing, IndentingRenumbersBothLevels) {
+    const auto [text, caret] = withCaret(QStringLiteral("T\n1. a\n2. b|\n3. c"));
+    EXPECT_EQ(applied(text, MarkdownEditing::indent(text, caret, false)),
+              QStringLiteral("T\n1. a\n    2. b|\n3. c"));
+    const QString run = QStringLiteral("T\n1. a\n1. b\n7. c\n\n4. x\n9. y");
+    EXPECT_EQ(applied(run, MarkdownEditing::renumberOrderedLists(run, {0, 0})),
+              QStringLiteral("|T\n1. a\n2. b\n3. c\n\n4. x\n5. y"));
+}
+
+TEST(MarkdownEditing, DeleteAtListMarkers) {
+    auto [indented, c1] = withCaret(QStringLiteral("T\n    - |item"));
+    EXPECT_EQ(applied(indented, MarkdownEditing::deleteBackward(indented, c1)), QStringLiteral("T\n- |item"));
+    auto [flat, c2] = withCaret(QStringLiteral("T\n- [ ] |item"));
+    EXPECT_EQ(applied(flat, MarkdownEditing::deleteBackward(flat, c2)), QStringLiteral("T\n|item"));
+    auto [middle, c3] = withCaret(QStringLiteral("T\n- it|em"));
+    EXPECT_FALSE(MarkdownEditing::deleteBackward(middle, c3));
+}
+
+TEST(MarkdownEditing, TitleKeepsItsHeadingMarkerWhileTextRemains) {
+    auto [title, caret] = withCaret(QStringLiteral("# |Plan\nbody"));
+    const auto refused = MarkdownEditing::deleteBackward(title, caret);
+    ASSERT_TRUE(refused);
+    EXPECT_EQ(applied(title, refused), QStringLiteral("# |Plan\nbody"));  // consumed, nothing changed
+    // Removing the whole title line's text with its marker is allowed.
+    EXPECT_FALSE(MarkdownEditing::deleteBackward(title, {0, 6}));
+    auto [end, caretAtEnd] = withCaret(QStringLiteral("# Plan|"));
+    EXPECT_FALSE(MarkdownEditing::deleteBackward(end, caretAtEnd));
+}
+
+TEST(MarkdownEditing, LineCommands) {
+    const QString lines = QStringLiteral("T\nalpha\n- beta\n3. gamma");
+    const TextSelection all{2, static_cast<int>(lines.size())};
+    EXPECT_EQ(applied(lines, MarkdownEditing::apply(FormattingAction::numberedList, lines, all)),
+              QStringLiteral("T\n[1. alpha\n2. beta\n3. gamma]"));
+    EXPECT_EQ(applied(lines, MarkdownEditing::apply(FormattingAction::checklist, lines, all)),
+              QStringLiteral("T\n[- [ ] alpha\n- [ ] beta\n- [ ] gamma]"));
+    EXPECT_EQ(applied(lines, MarkdownEditing::apply(FormattingAction::codeBlock, lines, all)),
+              QStringLiteral("T\n```\n[alpha\n- beta\n3. gamma]\n```"));
+    const QString heading = QStringLiteral("## Old");
+    EXPECT_EQ(applied(heading, MarkdownEditing::apply(FormattingAction::title, heading, {3, 3})),
+              QStringLiteral("[# Old]"));
+    EXPECT_EQ(applied(heading, MarkdownEditing::apply(FormattingAction::body, heading, {3, 3})),
+              QStringLiteral("[Old]"));
+    const QString quoted = QStringLiteral("> a\n> b");
+    EXPECT_EQ(applied(quoted, MarkdownEditing::apply(FormattingAction::quote, quoted, {0, 7})),
+              QStringLiteral("[a\nb]"));  // quoting quoted lines unquotes them
+    // On an empty line the prefix goes in at the caret.
+    const QString empty = QStringLiteral("T\n\nx");
+    EXPECT_EQ(applied(empty, MarkdownEditing::apply(FormattingAction::bulletedList, empty, {2, 2})),
+              QStringLiteral("T\n- |\nx"));
+}
+
+TEST(MarkdownEditing, InlineCommandsWrapAndUnwrap) {
+    const QString text = QStringLiteral("say hello now");
+    const auto bold = MarkdownEditing::apply(FormattingAction::bold, text, {4, 9});
+    EXPECT_EQ(applied(text, bold), QStringLiteral("say **[hello]** now"));
+    QString wrapped = text;
+    wrapped.replace(bold->start, bold->length, bold->replacement);
+    EXPECT_EQ(applied(wrapped, MarkdownEditing::apply(FormattingAction::bold, wrapped, bold->selection)),
+              QStringLiteral("say [hello] now"));
+    EXPECT_EQ(applied(text, MarkdownEditing::apply(FormattingAction::inlineCode, text, {4, 4})),
+              QStringLiteral("say `|`hello now"));
+}
+
+TEST(MarkdownEditing, ChecklistAndDetailsToggles) {
+    const QString list = QStringLiteral("T\n- [ ] a\n- [X] b");
+    EXPECT_EQ(applied(list, MarkdownEditing::toggleChecklist(list, 4, {0, 0})), QStringLiteral("|T\n- [x] a\n- [X] b"));
+    EXPECT_EQ(applied(list, MarkdownEditing::toggleChecklist(list, 12, {0, 0})), QStringLiteral("|T\n- [ ] a\n- [ ] b"));
+    const QString closed = QStringLiteral("<details>\n<summary>S</summary>\nbody\n</details>");
+    EXPECT_EQ(applied(closed, MarkdownEditing::toggleDetails(closed, 0, {0, 0})),
+              QStringLiteral("|<details open>\n<summary>S</summary>\nbody\n</details>"));
+    const QString open = QStringLiteral("<details class=\"x\" open=\"\">");
+    EXPECT_EQ(applied(open, MarkdownEditing::toggleDetails(open, 0, {0, 0})), QStringLiteral("|<details class=\"x\">"));
+}
+
+}  // namespace
+}  // namespace mossly::markdown
