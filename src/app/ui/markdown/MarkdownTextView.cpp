@@ -37,6 +37,9 @@ double reservedWidth(const DrawnObject& object, const MarkdownFormats& formats, 
         case DrawnKind::inlineMath:
             return QFontMetricsF(formats.font(FontRole::math, size, false, false)).horizontalAdvance(object.text);
         case DrawnKind::inlineReplacement: return body.horizontalAdvance(object.text);
+        case DrawnKind::keycap:
+            return QFontMetricsF(formats.font(FontRole::monospace, size * 0.9, false, false)).horizontalAdvance(object.text) +
+                   10;
         case DrawnKind::footnoteReference:
             return QFontMetricsF(formats.font(FontRole::body, size * 0.75, false, false))
                        .horizontalAdvance(object.text) + 4;
@@ -88,6 +91,79 @@ void MarkdownTextView::setBaseSize(double points) {
     restyle();
 }
 
+// Room for what is drawn instead of characters. Hidden characters take no
+// width; giving them letter spacing reserves exactly the object's width.
+// Blocks (display math, quote markers) keep their characters' own room, just
+// invisible. Tables line up their cells by padding the separators.
+std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace() const {
+    std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
+    if (presentation_ == Presentation::source) return reserved;
+    const auto spaced = [](double width, int length) {
+        QTextCharFormat format;
+        format.setFontLetterSpacingType(QFont::AbsoluteSpacing);
+        format.setFontLetterSpacing(width / std::max(1, length));
+        return format;
+    };
+    QTextCharFormat invisible;
+    invisible.setFont(font(), QTextCharFormat::FontPropertiesAll);
+    invisible.setForeground(Qt::transparent);
+    StyleAttributes hiddenMarker;
+    hiddenMarker.hidden = true;
+    const QTextCharFormat tiny = formats_->charFormat(hiddenMarker);
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.placement != Placement::replace || object.length <= 0) continue;
+        if (object.kind == DrawnKind::displayMath) {
+            reserved.push_back({{object.start, object.length}, invisible});
+            continue;
+        }
+        const double width = reservedWidth(object, *formats_, baseSize_);
+        if (width <= 0) continue;
+        QTextCharFormat room = tiny;  // whatever a rule left visible there, the object replaces it
+        room.merge(spaced(width, object.length));
+        reserved.push_back({{object.start, object.length}, room});
+    }
+    for (const BlockQuoteLine& line : pass_.quoteLines) {
+        if (line.markers.length > 0) reserved.push_back({line.markers, invisible});
+    }
+    for (const int index : pass_.bulletIndexes) {
+        QTextCharFormat format;
+        format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
+        reserved.push_back({{index, 1}, format});
+    }
+    const QFontMetricsF metrics(font());
+    const double padding = metrics.horizontalAdvance(u' ') * 2;
+    for (const Table& table : pass_.tables) {
+        std::vector<const TableRow*> rows{&table.header};
+        for (const TableRow& row : table.body) rows.push_back(&row);
+        std::vector<double> columns;
+        for (const TableRow* row : rows) {
+            for (size_t c = 0; c < row->cells.size(); ++c) {
+                if (columns.size() <= c) columns.resize(c + 1, 0);
+                columns[c] = std::max(columns[c], metrics.horizontalAdvance(row->cells[c].text));
+            }
+        }
+        StyleAttributes hiddenAttributes;
+        hiddenAttributes.hidden = true;
+        const QTextCharFormat hidden = formats_->charFormat(hiddenAttributes);
+        reserved.push_back({table.delimiterRow, hidden});
+        for (const TableRow* row : rows) {
+            // The text between cells (pipes and blanks) becomes the gap up to the next column.
+            int gapStart = row->range.start;
+            for (size_t c = 0; c <= row->cells.size(); ++c) {
+                const int gapEnd = c < row->cells.size() ? row->cells[c].range.start : row->range.end();
+                const double previous = c == 0 ? 0 : columns[c - 1] - metrics.horizontalAdvance(row->cells[c - 1].text);
+                if (gapEnd > gapStart) {
+                    QTextCharFormat gap = hidden;
+                    gap.merge(spaced(previous + (c == 0 ? padding / 2 : padding), gapEnd - gapStart));
+                    reserved.push_back({{gapStart, gapEnd - gapStart}, gap});
+                }
+                if (c < row->cells.size()) gapStart = row->cells[c].range.end();
+            }
+        }
+    }
+    return reserved;
+}
+
 void MarkdownTextView::restyle() {
     const QString text = toPlainText();
     styling_ = true;
@@ -99,22 +175,7 @@ void MarkdownTextView::restyle() {
     lastStyleMs_ = elapsedMs(timer);
     timer.restart();
 
-    // Objects drawn in place of hidden characters get the room they need.
-    std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.placement != Placement::replace || object.length <= 0) continue;
-        const double width = reservedWidth(object, *formats_, baseSize_);
-        if (width <= 0) continue;
-        QTextCharFormat format;
-        format.setFontLetterSpacingType(QFont::AbsoluteSpacing);
-        format.setFontLetterSpacing(width / object.length);
-        reserved.push_back({{object.start, object.length}, format});
-    }
-    for (const int index : pass_.bulletIndexes) {
-        QTextCharFormat format;
-        format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
-        reserved.push_back({{index, 1}, format});
-    }
+    std::vector<std::pair<TextRange, QTextCharFormat>> reserved = reservedSpace();
     highlighter_->apply(pass_, *formats_, std::move(reserved));
     lastApplyMs_ = elapsedMs(timer);
     styledText_ = text;
@@ -316,12 +377,17 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                 }
                 break;
             case DrawnKind::keycap:
-                if (behindText) {
-                    const QRectF end = characterRect(object.end());
-                    const QRectF cap(start.left() - 3, start.top() + 1, end.left() - start.left() + 6, start.height() - 2);
+                if (!behindText) {
+                    const QFont mono = formats.font(FontRole::monospace, size * 0.9, false, false);
+                    const double width = QFontMetricsF(mono).horizontalAdvance(object.text) + 6;
+                    const QRectF cap(start.left() + 2, start.top() + 2, width, start.height() - 4);
                     painter.setPen(QPen(secondary, 1));
                     painter.setBrush(panel);
                     painter.drawRoundedRect(cap, 4, 4);
+                    painter.setFont(mono);
+                    painter.setPen(formats.colour(ColourRole::label));
+                    painter.drawText(cap, Qt::AlignCenter, object.text);
+                    painter.setBrush(Qt::NoBrush);
                 }
                 break;
             case DrawnKind::inlineMath:
@@ -332,8 +398,8 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                     painter.setPen(formats.colour(ColourRole::label));
                     if (object.kind == DrawnKind::displayMath) {
                         const QRectF block = rangeRect(object.start, object.end());
-                        painter.drawText(QRectF(0, block.top(), viewport()->width(), std::max(block.height(), start.height() * 1.6)),
-                                         Qt::AlignCenter, object.text);
+                        painter.drawText(QRectF(0, block.top(), viewport()->width(), block.height()),
+                                         Qt::AlignCenter | Qt::TextDontClip, object.text);
                     } else {
                         painter.drawText(QRectF(start.left(), start.top(), 1000, start.height()),
                                          Qt::AlignLeft | Qt::AlignVCenter, object.text);
@@ -364,13 +430,26 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
             case DrawnKind::table:
                 if (behindText && object.index >= 0 && object.index < static_cast<int>(pass_.tables.size())) {
                     const Table& table = pass_.tables[static_cast<size_t>(object.index)];
-                    painter.setPen(QPen(panel, 1));
+                    const double gap = QFontMetricsF(font()).horizontalAdvance(u' ');
+                    std::vector<const TableRow*> rows{&table.header};
+                    for (const TableRow& row : table.body) rows.push_back(&row);
+                    const QRectF first = characterRect(table.header.range.start);
+                    double right = first.left();
+                    for (const TableRow* row : rows) right = std::max(right, characterRect(row->range.end()).left());
+                    const QRectF header = characterRect(table.header.range.start);
+                    const QRectF last = characterRect(rows.back()->range.start);
+                    const QRectF grid(first.left(), header.top(), right + gap - first.left(), last.bottom() - header.top());
+                    painter.fillRect(QRectF(grid.left(), header.top(), grid.width(), header.height()), panel);
+                    painter.setPen(QPen(secondary, 0.8));
                     painter.setBrush(Qt::NoBrush);
-                    const QRectF header = rangeRect(table.header.range.start, table.header.range.end());
-                    painter.fillRect(header, panel);
-                    for (const TableRow& row : table.body) {
-                        const QRectF r = rangeRect(row.range.start, row.range.end());
-                        painter.drawLine(r.bottomLeft(), r.bottomRight());
+                    painter.drawRect(grid);
+                    for (size_t r = 1; r < rows.size(); ++r) {
+                        const double y = characterRect(rows[r]->range.start).top();
+                        painter.drawLine(QPointF(grid.left(), y), QPointF(grid.right(), y));
+                    }
+                    for (size_t c = 1; c < table.header.cells.size(); ++c) {
+                        const double x = characterRect(table.header.cells[c].range.start).left() - gap;
+                        painter.drawLine(QPointF(x, grid.top()), QPointF(x, grid.bottom()));
                     }
                 }
                 break;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QTextCharFormat>
 #include <QTextEdit>
 #include <memory>
 
@@ -56,6 +57,7 @@ protected:
 
 private:
     void restyle();
+    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace() const;
     void applyEdit(const markdown::TextEdit& edit);
     markdown::TextSelection selection() const;
     void keepCaretOutOfHiddenMarkers();
