@@ -44,7 +44,10 @@ int main(int argc, char** argv) {
     QApplication app(argc, argv);
     std::printf("| note size | styling pass | pass + apply (open) | keystroke to repaint, typing mid-note |\n");
     std::printf("|---|---|---|---|\n");
-    for (const qsizetype size : {10 * 1024, 100 * 1024, 1024 * 1024}) {
+    std::setvbuf(stdout, nullptr, _IONBF, 0);
+    const qsizetype largest = argc > 1 ? QByteArray(argv[1]).toLongLong() * 1024 : 1024 * 1024;
+    for (const qsizetype size : {qsizetype{10 * 1024}, qsizetype{100 * 1024}, qsizetype{1024 * 1024}}) {
+        if (size > largest) break;
         const QString text = mixedMarkdown(size);
         std::vector<double> passes;
         for (int i = 0; i < 5; ++i) {

@@ -1,8 +1,7 @@
 #pragma once
 
-#include <QSyntaxHighlighter>
+#include <QObject>
 #include <QTextCharFormat>
-#include <map>
 #include <vector>
 
 #include "MarkdownFormats.h"
@@ -11,30 +10,35 @@
 namespace mossly {
 
 // Applies a styling pass to a document as layout formats (not document edits:
-// they never enter the undo stack and never change a character). Only blocks
-// whose formats differ from the previous pass are re-laid out.
-class MarkdownHighlighter : public QSyntaxHighlighter {
+// they never enter the undo stack and never change a character). Each block
+// remembers the spans it was given, and that memory moves with the block when
+// lines are inserted above it, so only blocks whose formats really differ
+// from the previous pass are re-laid out, and all of them in one layout update
+// (re-laying out block by block is quadratic in a large note).
+class MarkdownHighlighter {
 public:
-    explicit MarkdownHighlighter(QTextDocument* document);
+    explicit MarkdownHighlighter(QTextDocument* document) : document_(document) {}
 
     // Installs a new pass; `extra` are formats merged over the runs (reserved
-    // widths for drawn objects). Returns the number of blocks re-laid out.
+    // room for drawn objects). Returns the number of blocks re-laid out.
     int apply(const markdown::StylePass& pass, const MarkdownFormats& formats,
               std::vector<std::pair<markdown::TextRange, QTextCharFormat>> extra);
 
-protected:
-    void highlightBlock(const QString& text) override;
-
-private:
     struct Span {
         int start;  // relative to the block
         int length;
         QTextCharFormat format;
-        bool operator==(const Span& other) const {
-            return start == other.start && length == other.length && format == other.format;
-        }
+        bool operator==(const Span&) const = default;
     };
-    std::map<int, std::vector<Span>> spansByBlock_;  // keyed by block number
+
+private:
+    const QTextCharFormat& formatFor(const markdown::StyleAttributes& attributes, const MarkdownFormats& formats);
+
+    QTextDocument* document_;
+    // Formats are kept across passes, so an unchanged block compares equal
+    // by shared data rather than property by property.
+    QString cacheKey_;
+    std::vector<std::pair<markdown::StyleAttributes, QTextCharFormat>> cache_;
 };
 
 }  // namespace mossly

@@ -11,6 +11,7 @@
 #include <QScrollBar>
 #include <QTextBlock>
 #include <QUrl>
+#include <cmath>
 
 #include "Diagnostics.h"
 #include "MarkdownFormats.h"
@@ -51,7 +52,7 @@ double reservedWidth(const DrawnObject& object, const MarkdownFormats& formats, 
 }  // namespace
 
 MarkdownTextView::MarkdownTextView(QWidget* parent)
-    : QTextEdit(parent), highlighter_(new MarkdownHighlighter(document())) {
+    : QTextEdit(parent), highlighter_(std::make_unique<MarkdownHighlighter>(document())) {
     setObjectName(QStringLiteral("markdownEditor"));
     setAcceptRichText(false);
     setFrameShape(QFrame::NoFrame);
@@ -85,6 +86,7 @@ void MarkdownTextView::setPresentation(Presentation presentation) {
 
 void MarkdownTextView::setBaseSize(double points) {
     baseSize_ = points;
+    formatPool_.clear();
     QFont base = font();
     base.setPointSizeF(points);
     setFont(base);
@@ -98,11 +100,19 @@ void MarkdownTextView::setBaseSize(double points) {
 std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace() const {
     std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
     if (presentation_ == Presentation::source) return reserved;
-    const auto spaced = [](double width, int length) {
-        QTextCharFormat format;
-        format.setFontLetterSpacingType(QFont::AbsoluteSpacing);
-        format.setFontLetterSpacing(width / std::max(1, length));
-        return format;
+    const auto pooled = [this](const QString& key, const auto& make) -> QTextCharFormat {
+        auto it = formatPool_.constFind(key);
+        if (it == formatPool_.cend()) it = formatPool_.insert(key, make());
+        return *it;
+    };
+    const auto spaced = [&](double width, int length) {
+        const double spacing = std::round(width / std::max(1, length) * 100) / 100;
+        return pooled(QStringLiteral("s%1").arg(spacing), [spacing] {
+            QTextCharFormat format;
+            format.setFontLetterSpacingType(QFont::AbsoluteSpacing);
+            format.setFontLetterSpacing(spacing);
+            return format;
+        });
     };
     QTextCharFormat invisible;
     invisible.setFont(font(), QTextCharFormat::FontPropertiesAll);
@@ -118,18 +128,23 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
         }
         const double width = reservedWidth(object, *formats_, baseSize_);
         if (width <= 0) continue;
-        QTextCharFormat room = tiny;  // whatever a rule left visible there, the object replaces it
-        room.merge(spaced(width, object.length));
-        reserved.push_back({{object.start, object.length}, room});
+        const double spacing = std::round(width / object.length * 100) / 100;
+        // Whatever a rule left visible there, the object replaces it.
+        reserved.push_back({{object.start, object.length}, pooled(QStringLiteral("r%1").arg(spacing), [&] {
+                                QTextCharFormat room = tiny;
+                                room.merge(spaced(width, object.length));
+                                return room;
+                            })});
     }
     for (const BlockQuoteLine& line : pass_.quoteLines) {
         if (line.markers.length > 0) reserved.push_back({line.markers, invisible});
     }
-    for (const int index : pass_.bulletIndexes) {
+    const QTextCharFormat bulletDash = pooled(QStringLiteral("bullet"), [] {
         QTextCharFormat format;
         format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
-        reserved.push_back({{index, 1}, format});
-    }
+        return format;
+    });
+    for (const int index : pass_.bulletIndexes) reserved.push_back({{index, 1}, bulletDash});
     const QFontMetricsF metrics(font());
     const double padding = metrics.horizontalAdvance(u' ') * 2;
     for (const Table& table : pass_.tables) {
@@ -291,6 +306,11 @@ void MarkdownTextView::paintEvent(QPaintEvent* event) {
 
 void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
     if (presentation_ == Presentation::source) return;
+    // Only what is on screen: finding a character's place costs a layout lookup.
+    const int firstVisible = std::max(0, cursorForPosition(QPoint(0, 0)).block().position() - 1);
+    const QTextBlock lastBlock = cursorForPosition(QPoint(viewport()->width(), viewport()->height())).block();
+    const int lastVisible = lastBlock.position() + lastBlock.length();
+    const auto visible = [&](int start, int end) { return end >= firstVisible && start <= lastVisible; };
     const MarkdownFormats& formats = *formats_;
     const QColor secondary = formats.colour(ColourRole::secondaryLabel);
     const QColor panel = formats.colour(ColourRole::quaternaryLabel);
@@ -298,6 +318,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
     if (!behindText) {
         painter.setPen(formats.colour(ColourRole::label));
         for (const int index : pass_.bulletIndexes) {
+            if (!visible(index, index)) continue;
             const QRectF at = characterRect(index);
             const double radius = at.height() * 0.12;
             const QRectF glyph(at.left(), at.top(), QFontMetricsF(font()).horizontalAdvance(u'-'), at.height());
@@ -307,6 +328,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
         painter.setBrush(Qt::NoBrush);
     }
     for (const DrawnObject& object : pass_.objects) {
+        if (!visible(object.start, object.end())) continue;
         const QRectF start = characterRect(object.start);
         switch (object.kind) {
             case DrawnKind::codePanel:

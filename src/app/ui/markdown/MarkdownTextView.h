@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QTextCharFormat>
 #include <QTextEdit>
 #include <memory>
@@ -69,7 +70,9 @@ private:
     void openLink(const QString& href);
 
     std::unique_ptr<MarkdownFormats> formats_;
-    MarkdownHighlighter* highlighter_;
+    // Reserved-room formats by kind and width, reused across passes (see MarkdownHighlighter).
+    mutable QHash<QString, QTextCharFormat> formatPool_;
+    std::unique_ptr<MarkdownHighlighter> highlighter_;
     markdown::StylePass pass_;
     markdown::Presentation presentation_ = markdown::Presentation::styled;
     double baseSize_ = 13;

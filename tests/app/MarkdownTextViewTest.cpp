@@ -1,0 +1,97 @@
+#include <gtest/gtest.h>
+
+#include <QTest>
+#include <QTextBlock>
+
+#include "AppTestSupport.h"
+#include "MarkdownTextView.h"
+
+namespace mossly {
+namespace {
+
+using markdown::DrawnKind;
+
+class MarkdownTextViewTest : public ::testing::Test {
+protected:
+    MarkdownTextView view;
+    void SetUp() override {
+        view.resize(700, 500);
+        view.show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(&view));
+    }
+    void placeCaret(int position) {
+        QTextCursor cursor = view.textCursor();
+        cursor.setPosition(position);
+        view.setTextCursor(cursor);
+    }
+    const markdown::DrawnObject* firstObject(DrawnKind kind) const {
+        for (const auto& object : view.stylePass().objects) {
+            if (object.kind == kind) return &object;
+        }
+        return nullptr;
+    }
+};
+
+TEST_F(MarkdownTextViewTest, StylingNeverChangesTheText) {
+    const QString text = QStringLiteral("# Title\n\n**bold** _it_ `code` &amp; $x^2$\n\n```\n*raw*\n```\n| a | b |\n|---|---|\n| 1 | 2 |\n");
+    view.setMarkdown(text, {});
+    EXPECT_EQ(view.markdown(), text);
+    view.setPresentation(markdown::Presentation::source);
+    EXPECT_EQ(view.markdown(), text);
+    for (const auto& run : view.stylePass().runs) EXPECT_FALSE(run.attributes.hidden);  // source hides nothing
+    view.setPresentation(markdown::Presentation::styled);
+    EXPECT_EQ(view.markdown(), text);
+    EXPECT_EQ(view.document()->availableUndoSteps(), 0);  // styling is not an edit
+}
+
+TEST_F(MarkdownTextViewTest, ReturnContinuesListsAsOneUndoStep) {
+    view.setMarkdown(QStringLiteral("Title\n- [x] done"), {});
+    placeCaret(static_cast<int>(view.markdown().size()));
+    QTest::keyClick(view.viewport(), Qt::Key_Return);
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [x] done\n- [ ] "));
+    QTest::keyClicks(view.viewport(), QStringLiteral("next"));
+    view.undo();  // typing
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [x] done\n- [ ] "));
+    view.undo();  // the continuation
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [x] done"));
+}
+
+TEST_F(MarkdownTextViewTest, CaretStepsOverHiddenMarkers) {
+    view.setMarkdown(QStringLiteral("Title\nsay **bold** now"), {});
+    placeCaret(10);  // just before "**bold**"
+    QTest::keyClick(view.viewport(), Qt::Key_Right);
+    // It must not stop between the two hidden asterisks.
+    EXPECT_NE(view.textCursor().position(), 11);
+    placeCaret(18);  // just after "bold**"
+    QTest::keyClick(view.viewport(), Qt::Key_Left);
+    EXPECT_NE(view.textCursor().position(), 17);
+}
+
+TEST_F(MarkdownTextViewTest, ClickingACheckboxTogglesIt) {
+    view.setMarkdown(QStringLiteral("Title\n- [ ] task"), {});
+    const auto* box = firstObject(DrawnKind::checkbox);
+    ASSERT_TRUE(box);
+    QTextCursor at(view.document());
+    at.setPosition(box->start);
+    const QPoint point = view.cursorRect(at).center() + QPoint(6, 0);
+    QTest::mouseClick(view.viewport(), Qt::LeftButton, {}, point);
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [x] task"));
+    view.undo();
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [ ] task"));
+}
+
+TEST_F(MarkdownTextViewTest, FormattingCommandsAreUndoable) {
+    view.setMarkdown(QStringLiteral("Title\nalpha\nbeta"), {});
+    QTextCursor cursor = view.textCursor();
+    cursor.setPosition(6);
+    cursor.setPosition(16, QTextCursor::KeepAnchor);
+    view.setTextCursor(cursor);
+    view.applyFormatting(markdown::FormattingAction::numberedList);
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n1. alpha\n2. beta"));
+    ASSERT_TRUE(firstObject(DrawnKind::orderedNumber));
+    view.undo();
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\nalpha\nbeta"));
+}
+
+}  // namespace
+}  // namespace mossly
