@@ -50,8 +50,13 @@ QString catalogPathFor(const CommandOptions& options);
 std::expected<std::optional<QString>, UsageError> bodyFrom(const CommandOptions& options, AgentIo& io);
 // --field KEY=VALUE pairs, typed with the front-matter value grammar.
 std::expected<NoteFrontMatterFields, UsageError> fieldsFrom(const CommandOptions& options);
-// --agent NAME, required by every write.
-std::expected<NoteEditor, UsageError> editorFrom(const CommandOptions& options);
+// What every write takes: --agent NAME (required), --field KEY=VALUE…, and the body.
+struct NoteWrite {
+    NoteEditor editor;
+    NoteFrontMatterFields fields;
+    std::optional<QString> body;
+};
+std::expected<NoteWrite, UsageError> noteWriteFrom(const CommandOptions& options, AgentIo& io);
 
 // A note as agents see it: identifier, title, type, revision, editors, date, body, front matter.
 QString noteJson(const StoredNote& note);

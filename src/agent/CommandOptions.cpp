@@ -103,12 +103,16 @@ std::expected<NoteFrontMatterFields, UsageError> fieldsFrom(const CommandOptions
     return fields;
 }
 
-std::expected<NoteEditor, UsageError> editorFrom(const CommandOptions& options) {
+std::expected<NoteWrite, UsageError> noteWriteFrom(const CommandOptions& options, AgentIo& io) {
     const auto name = options.value(QStringLiteral("agent"));
     if (!name || name->isEmpty()) {
         return std::unexpected(UsageError{QStringLiteral("Writes need --agent NAME (the editor recorded in the note)")});
     }
-    return NoteEditor::agent(*name);
+    auto fields = fieldsFrom(options);
+    if (!fields) return std::unexpected(fields.error());
+    auto body = bodyFrom(options, io);
+    if (!body) return std::unexpected(body.error());
+    return NoteWrite{NoteEditor::agent(*name), std::move(*fields), std::move(*body)};
 }
 
 QString noteJson(const StoredNote& note) {

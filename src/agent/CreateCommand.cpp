@@ -11,19 +11,15 @@ int runCreate(const QStringList& arguments, AgentIo& io) {
         return printUsage(io, {QStringLiteral("Usage: mossly-agent create --title T [--body TEXT | --body-file F] "
                                               "[--type markdown|html|sketch] [--field KEY=VALUE]… --agent NAME")});
     }
-    auto editor = editorFrom(*options);
-    if (!editor) return printUsage(io, editor.error());
+    auto write = noteWriteFrom(*options, io);
+    if (!write) return printUsage(io, write.error());
     const QString typeName = options->value(QStringLiteral("type")).value_or(QStringLiteral("markdown"));
     const std::optional<NoteContentType> type = noteContentTypeFromRawValue(typeName);
     if (!type) return printError(io, Error::unsupportedContentType(typeName));
-    auto fields = fieldsFrom(*options);
-    if (!fields) return printUsage(io, fields.error());
-    auto body = bodyFrom(*options, io);
-    if (!body) return printUsage(io, body.error());
 
     auto repository = repositoryFor(*options, io);
     if (!repository) return printError(io, repository.error());
-    auto note = repository->create(*title, body->value_or(QString()), *editor, *type, *fields);
+    auto note = repository->create(*title, write->body.value_or(QString()), write->editor, *type, write->fields);
     if (!note) return printError(io, note.error());
     return printJson(io, noteJson(*note));
 }

@@ -11,16 +11,13 @@ int runUpdate(const QStringList& arguments, AgentIo& io) {
         return printUsage(io, {QStringLiteral("Usage: mossly-agent update ID --expected-revision R "
                                               "[--body TEXT | --body-file F] [--field KEY=VALUE]… --agent NAME")});
     }
-    auto editor = editorFrom(*options);
-    if (!editor) return printUsage(io, editor.error());
-    auto fields = fieldsFrom(*options);
-    if (!fields) return printUsage(io, fields.error());
-    auto body = bodyFrom(*options, io);
-    if (!body) return printUsage(io, body.error());
+    auto write = noteWriteFrom(*options, io);
+    if (!write) return printUsage(io, write.error());
 
     auto repository = repositoryFor(*options, io);
     if (!repository) return printError(io, repository.error());
-    auto note = repository->update(options->positional().front(), *revision, *body, *editor, std::nullopt, *fields);
+    auto note = repository->update(options->positional().front(), *revision, write->body, write->editor,
+                                   std::nullopt, write->fields);
     if (!note) return printError(io, note.error());
     return printJson(io, noteJson(*note));
 }
