@@ -91,6 +91,11 @@ TEST_F(MarkdownTextViewTest, FormattingCommandsAreUndoable) {
     ASSERT_TRUE(firstObject(DrawnKind::orderedNumber));
     view.undo();
     EXPECT_EQ(view.markdown(), QStringLiteral("Title\nalpha\nbeta"));
+    // Paragraph formats follow the text through undo without breaking redo.
+    ASSERT_TRUE(view.document()->isRedoAvailable());
+    view.redo();
+    EXPECT_EQ(view.markdown(), QStringLiteral("Title\n1. alpha\n2. beta"));
+    EXPECT_GT(view.document()->findBlockByNumber(1).blockFormat().leftMargin(), 0);
 }
 
 }  // namespace

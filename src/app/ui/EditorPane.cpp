@@ -52,6 +52,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent) : QWidget(parent), sto
     connect(&store_, &NoteStore::noteReloaded, this, [this](const QString& url) {
         if (url == url_ && currentEditor() == markdownEditor_) markdownEditor_->setMarkdown(store_.body(url), url);
     });
+    connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
     connect(markdownEditor_, &MarkdownTextView::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
     });

@@ -74,8 +74,8 @@ void MarkdownTextView::setMarkdown(const QString& text, const QString& noteFile)
     styling_ = true;
     setPlainText(text);
     styling_ = false;
-    document()->clearUndoRedoStacks();
     restyle();
+    document()->clearUndoRedoStacks();  // opening a note, with its paragraph formats, is not an edit
 }
 
 void MarkdownTextView::setPresentation(Presentation presentation) {
@@ -136,9 +136,6 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
                                 return room;
                             })});
     }
-    for (const BlockQuoteLine& line : pass_.quoteLines) {
-        if (line.markers.length > 0) reserved.push_back({line.markers, invisible});
-    }
     const QTextCharFormat bulletDash = pooled(QStringLiteral("bullet"), [] {
         QTextCharFormat format;
         format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
@@ -179,6 +176,76 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
     return reserved;
 }
 
+// Paragraph attributes are block formats, which QTextDocument records as
+// edits. They are joined to the edit that caused them: undo then restores the
+// formats that belong to the restored text, and the pass that follows finds
+// nothing to change, so redo stays available.
+void MarkdownTextView::applyParagraphFormats() {
+    const double column = QFontMetricsF(font()).averageCharWidth();
+    const auto points = [column](const std::optional<Indent>& indent) {
+        return indent ? indent->points + indent->columns * column : 0.0;
+    };
+    // A line holding an image is as tall as the image is drawn.
+    QHash<int, double> imageHeights;
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.kind != DrawnKind::image || !object.link || object.link->localPath.isEmpty()) continue;
+        const QSize natural = QImageReader(object.link->localPath).size();
+        if (natural.isValid()) {
+            imageHeights.insert(document()->findBlock(object.start).position(),
+                                std::min<double>(natural.height(), QFontMetricsF(font()).height() * 4));
+        }
+    }
+    std::vector<std::pair<int, QTextBlockFormat>> changes;
+    size_t run = 0;
+    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+        const int start = block.position();
+        const int end = start + block.length();
+        ParagraphAttributes paragraph;
+        while (run < pass_.runs.size() && pass_.runs[run].end() <= start) ++run;
+        for (size_t r = run; r < pass_.runs.size() && pass_.runs[r].start < end; ++r) {
+            const ParagraphAttributes& p = pass_.runs[r].attributes.paragraph;
+            if (p.firstLineIndent) paragraph.firstLineIndent = p.firstLineIndent;
+            if (p.headIndent) paragraph.headIndent = p.headIndent;
+            if (p.lineSpacing) paragraph.lineSpacing = p.lineSpacing;
+            if (p.paragraphSpacing) paragraph.paragraphSpacing = p.paragraphSpacing;
+            if (p.minimumLineHeight) paragraph.minimumLineHeight = p.minimumLineHeight;
+            if (p.alignment) paragraph.alignment = p.alignment;
+        }
+        if (imageHeights.contains(start)) paragraph.minimumLineHeight = imageHeights.value(start);
+        if (presentation_ == Presentation::source) paragraph = {};
+        QTextBlockFormat wanted;
+        const double head = points(paragraph.headIndent);
+        const double first = paragraph.firstLineIndent ? points(paragraph.firstLineIndent) : head;
+        wanted.setLeftMargin(head);
+        wanted.setTextIndent(first - head);
+        wanted.setBottomMargin(paragraph.paragraphSpacing.value_or(0));
+        if (paragraph.minimumLineHeight) {
+            wanted.setLineHeight(*paragraph.minimumLineHeight, QTextBlockFormat::MinimumHeight);
+        } else if (paragraph.lineSpacing) {
+            wanted.setLineHeight(*paragraph.lineSpacing, QTextBlockFormat::LineDistanceHeight);
+        } else {
+            wanted.setLineHeight(0, QTextBlockFormat::SingleHeight);
+        }
+        wanted.setAlignment(paragraph.alignment == Alignment::centre ? Qt::AlignHCenter : Qt::AlignLeft);
+        const QTextBlockFormat current = block.blockFormat();
+        const bool same = qFuzzyCompare(current.leftMargin() + 1, wanted.leftMargin() + 1) &&
+                          qFuzzyCompare(current.textIndent() + 1, wanted.textIndent() + 1) &&
+                          qFuzzyCompare(current.bottomMargin() + 1, wanted.bottomMargin() + 1) &&
+                          qFuzzyCompare(current.lineHeight() + 1, wanted.lineHeight() + 1) &&
+                          current.lineHeightType() == wanted.lineHeightType() &&
+                          (current.alignment() & Qt::AlignHorizontal_Mask) == (wanted.alignment() & Qt::AlignHorizontal_Mask);
+        if (!same) changes.emplace_back(start, wanted);
+    }
+    if (changes.empty()) return;
+    QTextCursor cursor(document());
+    cursor.joinPreviousEditBlock();
+    for (const auto& [position, format] : changes) {
+        cursor.setPosition(position);
+        cursor.mergeBlockFormat(format);
+    }
+    cursor.endEditBlock();
+}
+
 void MarkdownTextView::restyle() {
     const QString text = toPlainText();
     styling_ = true;
@@ -192,6 +259,7 @@ void MarkdownTextView::restyle() {
 
     std::vector<std::pair<TextRange, QTextCharFormat>> reserved = reservedSpace();
     highlighter_->apply(pass_, *formats_, std::move(reserved));
+    applyParagraphFormats();
     lastApplyMs_ = elapsedMs(timer);
     styledText_ = text;
     styling_ = false;
@@ -329,7 +397,14 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
     }
     for (const DrawnObject& object : pass_.objects) {
         if (!visible(object.start, object.end())) continue;
-        const QRectF start = characterRect(object.start);
+        // Horizontal place from the object's first character; line height from the
+        // character after it, since a hidden character's own box is tiny.
+        const QRectF first = characterRect(object.start);
+        const QRectF after = characterRect(object.end());
+        const bool sameLine = std::abs(after.bottom() - first.bottom()) < after.height();
+        const QRectF start = sameLine && after.height() > first.height()
+                                 ? QRectF(first.left(), after.top(), first.width(), after.height())
+                                 : first;
         switch (object.kind) {
             case DrawnKind::codePanel:
                 if (behindText) {
@@ -423,8 +498,10 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                         painter.drawText(QRectF(0, block.top(), viewport()->width(), block.height()),
                                          Qt::AlignCenter | Qt::TextDontClip, object.text);
                     } else {
-                        painter.drawText(QRectF(start.left(), start.top(), 1000, start.height()),
-                                         Qt::AlignLeft | Qt::AlignVCenter, object.text);
+                        // On the line's baseline: a math font's own line box is much taller than text's.
+                        const QFontMetricsF body(formats.font(FontRole::body, size, false, false));
+                        const double baseline = start.top() + (start.height() - body.height()) / 2 + body.ascent();
+                        painter.drawText(QPointF(start.left(), baseline), object.text);
                     }
                 }
                 break;
@@ -480,9 +557,13 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                     QImageReader reader(object.link->localPath);
                     const QSize natural = reader.size();
                     if (natural.isValid()) {
-                        const double height = std::min<double>(natural.height(), start.height() * 4);
+                        const double height = std::min<double>(natural.height(), QFontMetricsF(font()).height() * 4);
                         reader.setScaledSize(natural.scaled(QSize(10000, static_cast<int>(height)), Qt::KeepAspectRatio));
-                        painter.drawImage(QPointF(start.left(), start.top()), reader.read());
+                        // The line was made as tall as the image; draw from its top.
+                        const QTextBlock block = document()->findBlock(object.start);
+                        const double top = document()->documentLayout()->blockBoundingRect(block).top() -
+                                           verticalScrollBar()->value() + block.blockFormat().topMargin();
+                        painter.drawImage(QPointF(start.left(), top), reader.read());
                     }
                 }
                 break;

@@ -58,6 +58,7 @@ protected:
 
 private:
     void restyle();
+    void applyParagraphFormats();
     std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace() const;
     void applyEdit(const markdown::TextEdit& edit);
     markdown::TextSelection selection() const;
