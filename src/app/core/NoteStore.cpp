@@ -330,11 +330,9 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url) {
     auto span = diagnostics().span(QStringLiteral("Preserve conflict copy"));
 
     const QString identifier = original->identifier;
-    const qsizetype slash = identifier.lastIndexOf(u'/');
     const qsizetype dot = identifier.lastIndexOf(u'.');
     const QString base = identifier.left(dot);
     const QString extension = identifier.mid(dot + 1);
-    Q_UNUSED(slash);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
