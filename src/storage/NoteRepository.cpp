@@ -56,6 +56,21 @@ QString trimmedToBytes(QString text, qsizetype maximumBytes) {
     return text;
 }
 
+// The note as just written by us: the text we wrote and the file's new date.
+Result<StoredNote> writtenNote(const QString& identifier, const QString& path, const QString& text,
+                               const QByteArray& bytes, NoteContentType contentType) {
+    struct stat info {};
+    if (::lstat(encoded(path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
+    return StoredNote{identifier, path, text, NoteDocument(text, bytes, contentType), contentType,
+                      fileTime(info.st_mtim)};
+}
+
+std::vector<NoteFileMetadata> sortedByIdentifier(std::vector<NoteFileMetadata> notes) {
+    std::stable_sort(notes.begin(), notes.end(),
+                     [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
+    return notes;
+}
+
 }  // namespace
 
 NoteRepository::NoteRepository(QString directory) : fixedDirectory_(std::move(directory)) {}
@@ -77,9 +92,7 @@ Result<std::vector<NoteFileMetadata>> NoteRepository::enumerateMetadata() const 
     if (!directory) return fail(directory.error());
     auto notes = scanNoteFiles(*directory);
     if (!notes) return notes;
-    std::stable_sort(notes->begin(), notes->end(),
-                     [](const auto& a, const auto& b) { return a.identifier < b.identifier; });
-    return notes;
+    return sortedByIdentifier(std::move(*notes));
 }
 
 Result<std::vector<StoredNote>> NoteRepository::enumerate(const QStringList& matchingAnyRawTerms) const {
@@ -87,12 +100,13 @@ Result<std::vector<StoredNote>> NoteRepository::enumerate(const QStringList& mat
     for (const QString& term : matchingAnyRawTerms) {
         if (!term.isEmpty()) terms.append(term);
     }
+    // The folder is resolved once: it may come from the configuration file.
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());
-    auto listing = enumerateMetadata();
+    auto listing = scanNoteFiles(*directory);
     if (!listing) return fail(listing.error());
     std::vector<StoredNote> matches;
-    for (const NoteFileMetadata& entry : *listing) {
+    for (const NoteFileMetadata& entry : sortedByIdentifier(std::move(*listing))) {
         auto note = readAt(*directory, entry.identifier);
         if (!note) {
             // A note removed or replaced mid-scan, or one that is not text, simply does not match.
@@ -167,14 +181,7 @@ Result<StoredNote> NoteRepository::createFromText(const QString& title, const QS
             auto created = staged->commitIfAbsent(path);
             if (!created) return fail(created.error());
             if (!*created) continue;
-            struct stat info {};
-            if (::lstat(encoded(path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
-            return StoredNote{identifier,
-                              path,
-                              text,
-                              NoteDocument(text, bytes, contentType),
-                              contentType,
-                              fileTime(info.st_mtim)};
+            return writtenNote(identifier, path, text, bytes, contentType);
         }
         return fail(Error::alreadyExists(baseName + extension));
     });
@@ -194,10 +201,7 @@ Result<StoredNote> NoteRepository::createAt(const QString& identifier, const QSt
         auto created = staged->commitIfAbsent(*path);
         if (!created) return fail(created.error());
         if (!*created) return fail(Error::alreadyExists(identifier));
-        struct stat info {};
-        if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
-        return StoredNote{identifier, *path, text, NoteDocument(text, bytes, contentType), contentType,
-                          fileTime(info.st_mtim)};
+        return writtenNote(identifier, *path, text, bytes, contentType);
     });
 }
 
@@ -227,9 +231,7 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
         auto staged = AtomicFile::stage(*path, bytes, info.st_mode & 07777);
         if (!staged) return fail(staged.error());
         if (auto committed = staged->commitReplacing(); !committed) return fail(committed.error());
-        if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
-        return StoredNote{identifier,   *path, text, NoteDocument(text, bytes, current->contentType),
-                          current->contentType, fileTime(info.st_mtim)};
+        return writtenNote(identifier, *path, text, bytes, current->contentType);
     });
 }
 
