@@ -15,7 +15,6 @@
 #include "MainWindow.h"
 #include "MarkdownTextView.h"
 #include "NoteStore.h"
-#include "PlainNoteEditor.h"
 
 namespace mossly {
 
@@ -32,14 +31,7 @@ QAction* addAction(QMenu* menu, const QString& text, const QKeySequence& shortcu
     return action;
 }
 
-// The focused editor when it can format its selection.
-FormattingHandler* focusedFormattingHandler() {
-    QWidget* focus = QApplication::focusWidget();
-    if (auto* markdownEditor = qobject_cast<MarkdownTextView*>(focus)) return markdownEditor;
-    auto* editor = qobject_cast<PlainNoteEditor*>(focus);
-    return editor && editor->supportsFormatting() ? editor : nullptr;
-}
-
+// Formatting commands act on the focused Markdown editor; without one they are disabled.
 MarkdownTextView* focusedMarkdownEditor() { return qobject_cast<MarkdownTextView*>(QApplication::focusWidget()); }
 
 void installFormatMenu(MainWindow& window) {
@@ -115,13 +107,13 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QAction* bold = addAction(edit, QObject::tr("Bold"), QKeySequence(QStringLiteral("Ctrl+B")));
     QAction* italic = addAction(edit, QObject::tr("Italic"), QKeySequence(QStringLiteral("Ctrl+I")));
     QObject::connect(bold, &QAction::triggered, &window, [] {
-        if (FormattingHandler* handler = focusedFormattingHandler()) handler->applyBold();
+        if (MarkdownTextView* editor = focusedMarkdownEditor()) editor->applyFormatting(markdown::FormattingAction::bold);
     });
     QObject::connect(italic, &QAction::triggered, &window, [] {
-        if (FormattingHandler* handler = focusedFormattingHandler()) handler->applyItalic();
+        if (MarkdownTextView* editor = focusedMarkdownEditor()) editor->applyFormatting(markdown::FormattingAction::italic);
     });
     const auto updateHandlers = [bold, italic] {
-        const bool formatting = focusedFormattingHandler() != nullptr;
+        const bool formatting = focusedMarkdownEditor() != nullptr;
         bold->setEnabled(formatting);
         italic->setEnabled(formatting);
     };

@@ -1,7 +1,5 @@
 #include "PlainNoteEditor.h"
 
-#include <QTextBlock>
-
 #include "NoteStore.h"
 
 namespace mossly {
@@ -31,22 +29,6 @@ void PlainNoteEditor::reloadText() {
     loading_ = false;
     QTextCursor cursor = textCursor();
     cursor.setPosition(std::min(position, static_cast<int>(document()->characterCount()) - 1));
-    setTextCursor(cursor);
-}
-
-bool PlainNoteEditor::supportsFormatting() const {
-    const Note* note = store_.note(url_);
-    return note && note->contentType == NoteContentType::markdown;
-}
-
-void PlainNoteEditor::wrapSelection(const QString& marker) {
-    if (!supportsFormatting()) return;
-    QTextCursor cursor = textCursor();
-    const QString selected = cursor.selectedText();
-    cursor.beginEditBlock();  // one undo step
-    cursor.insertText(marker + selected + marker);
-    if (selected.isEmpty()) cursor.movePosition(QTextCursor::Left, QTextCursor::MoveAnchor, static_cast<int>(marker.size()));
-    cursor.endEditBlock();
     setTextCursor(cursor);
 }
 

@@ -5,7 +5,6 @@
 #include <QTextEdit>
 #include <memory>
 
-#include "FormattingHandler.h"
 #include "MarkdownEditing.h"
 #include "MarkdownStyle.h"
 
@@ -21,7 +20,7 @@ class MarkdownHighlighter;
 // tables, images) are painted over the characters they stand for, which keep
 // their place in the text. Structural keys and formatting commands are text
 // edits, each one undo step.
-class MarkdownTextView : public QTextEdit, public FormattingHandler {
+class MarkdownTextView : public QTextEdit {
     Q_OBJECT
 public:
     explicit MarkdownTextView(QWidget* parent = nullptr);
@@ -36,8 +35,6 @@ public:
     void setBaseSize(double points);
 
     void applyFormatting(markdown::FormattingAction action);
-    void applyBold() override { applyFormatting(markdown::FormattingAction::bold); }
-    void applyItalic() override { applyFormatting(markdown::FormattingAction::italic); }
 
     const markdown::StylePass& stylePass() const { return pass_; }
     // Milliseconds the last pass took to compute and to apply.
