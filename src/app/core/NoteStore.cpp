@@ -64,6 +64,14 @@ struct NoteStore::LoadedLibrary {
     std::vector<Note> notes;
     Result<FolderMetadata> metadata = FolderMetadata{};
     int unreadable = 0;
+
+    // Everything a library load reads; safe on any thread.
+    static LoadedLibrary read(const NoteRepository& repository, const QString& directory) {
+        LoadedLibrary library;
+        library.notes = readAllNotes(repository, library.unreadable);
+        library.metadata = FolderMetadata::load(directory);
+        return library;
+    }
 };
 
 NoteStore::NoteStore(QString directory, Options options, QObject* parent)
@@ -80,10 +88,7 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     connect(&searchTimer_, &QTimer::timeout, this, &NoteStore::runSearch);
     if (options_.loadsNotesSynchronously) {
         didStartInitialLoad_ = true;
-        LoadedLibrary library;
-        library.notes = readAllNotes(repository_, library.unreadable);
-        library.metadata = FolderMetadata::load(directory_);
-        applyLibrary(std::move(library));
+        applyLibrary(LoadedLibrary::read(repository_, directory_));
     }
     span.add(QStringLiteral("noteCount"), static_cast<qint64>(notes_.size()));
     span.add(QStringLiteral("folderCount"), static_cast<qint64>(metadata_.folders.size()));
@@ -101,12 +106,7 @@ void NoteStore::loadInitialNotes() {
     auto span = std::make_shared<DiagnosticsCenter::Span>(diagnostics(), QStringLiteral("Load initial note library"));
     runInBackground(
         this,
-        [repository, directory] {
-            LoadedLibrary library;
-            library.notes = readAllNotes(repository, library.unreadable);
-            library.metadata = FolderMetadata::load(directory);
-            return library;
-        },
+        [repository, directory] { return LoadedLibrary::read(repository, directory); },
         [this, span](LoadedLibrary library) {
             span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
             applyLibrary(std::move(library));
@@ -159,11 +159,8 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
 }
 
 Result<void> NoteStore::reloadFromDiskPreservingSelection() {
-    LoadedLibrary library;
-    library.notes = readAllNotes(repository_, library.unreadable);
-    library.metadata = FolderMetadata::load(directory_);
     ++externalSyncGeneration_;
-    applyLibrary(std::move(library));
+    applyLibrary(LoadedLibrary::read(repository_, directory_));
     return {};
 }
 
