@@ -30,21 +30,26 @@ const QString footnoteScheme = QStringLiteral("mossly-footnote");
 double elapsedMs(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
 
 // The width a drawn object needs in place of its (hidden) characters.
-double reservedWidth(const DrawnObject& object, const MarkdownFormats& formats, double size) {
-    const QFontMetricsF body(formats.font(FontRole::body, size, false, false));
+// The fonts drawn objects use, measured once per pass rather than once per object.
+struct ObjectMetrics {
+    ObjectMetrics(const MarkdownFormats& formats, double size)
+        : body(formats.font(FontRole::body, size, false, false)),
+          math(formats.font(FontRole::math, size, false, false)),
+          keycap(formats.font(FontRole::monospace, size * 0.9, false, false)),
+          label(formats.font(FontRole::body, size * 0.75, false, false)) {}
+    QFontMetricsF body, math, keycap, label;
+};
+
+// The width a drawn object needs in place of its (hidden) characters.
+double reservedWidth(const DrawnObject& object, const ObjectMetrics& metrics) {
     switch (object.kind) {
-        case DrawnKind::checkbox: return body.height() * 1.15;
-        case DrawnKind::orderedNumber: return body.horizontalAdvance(object.text + QStringLiteral("  "));
-        case DrawnKind::inlineMath:
-            return QFontMetricsF(formats.font(FontRole::math, size, false, false)).horizontalAdvance(object.text);
-        case DrawnKind::inlineReplacement: return body.horizontalAdvance(object.text);
-        case DrawnKind::keycap:
-            return QFontMetricsF(formats.font(FontRole::monospace, size * 0.9, false, false)).horizontalAdvance(object.text) +
-                   10;
-        case DrawnKind::footnoteReference:
-            return QFontMetricsF(formats.font(FontRole::body, size * 0.75, false, false))
-                       .horizontalAdvance(object.text) + 4;
-        case DrawnKind::footnoteDefinition: return body.horizontalAdvance(object.text + QStringLiteral(". "));
+        case DrawnKind::checkbox: return metrics.body.height() * 1.15;
+        case DrawnKind::orderedNumber: return metrics.body.horizontalAdvance(object.text + QStringLiteral("  "));
+        case DrawnKind::inlineMath: return metrics.math.horizontalAdvance(object.text);
+        case DrawnKind::inlineReplacement: return metrics.body.horizontalAdvance(object.text);
+        case DrawnKind::keycap: return metrics.keycap.horizontalAdvance(object.text) + 10;
+        case DrawnKind::footnoteReference: return metrics.label.horizontalAdvance(object.text) + 4;
+        case DrawnKind::footnoteDefinition: return metrics.body.horizontalAdvance(object.text + QStringLiteral(". "));
         default: return 0;
     }
 }
@@ -117,6 +122,7 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
     QTextCharFormat invisible;
     invisible.setFont(font(), QTextCharFormat::FontPropertiesAll);
     invisible.setForeground(Qt::transparent);
+    const ObjectMetrics objectMetrics(*formats_, baseSize_);
     StyleAttributes hiddenMarker;
     hiddenMarker.hidden = true;
     const QTextCharFormat tiny = formats_->charFormat(hiddenMarker);
@@ -126,7 +132,7 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
             reserved.push_back({{object.start, object.length}, invisible});
             continue;
         }
-        const double width = reservedWidth(object, *formats_, baseSize_);
+        const double width = reservedWidth(object, objectMetrics);
         if (width <= 0) continue;
         const double spacing = std::round(width / object.length * 100) / 100;
         // Whatever a rule left visible there, the object replaces it.
