@@ -9,6 +9,7 @@
 #include "MainWindow.h"
 #include "NoteStore.h"
 #include "NotesLocation.h"
+#include "QuitFlow.h"
 
 using namespace mossly;
 
@@ -54,15 +55,14 @@ int main(int argc, char** argv) {
 
     NoteStore store(*directory, {.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()});
     AppLifecycle lifecycle;
-    lifecycle.handleTerminationSignals();
-    lifecycle.setTerminationHandler([&store] {
-        if (auto flushed = store.flushPendingSaves(); !flushed) {
-            std::fprintf(stderr, "%s\n", qPrintable(flushed.error().description()));
-        }
-    });
     diagnostics.event(QStringLiteral("Application initialized"));
 
     MainWindow window(store);
+    lifecycle.handleTerminationSignals();
+    lifecycle.watchMainWindow(&window);
+    lifecycle.setTerminationHandler([&store, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
+        return finishWorkBeforeQuit(store, prompts, mayCancel);
+    });
     window.show();
     store.loadInitialNotes();
     diagnostics.event(QStringLiteral("Application finished launching"));

@@ -84,6 +84,10 @@ Error Error::unsupportedImportFile(const QString& fileName) {
             QStringLiteral("Only Markdown, HTML and sketch files can be imported: ") + fileName, fileName};
 }
 
+Error Error::unsavedEdits() {
+    return {Code::unsavedEdits, QStringLiteral("Some notes have changes that are not saved yet.")};
+}
+
 Error Error::system(int errnoValue, const QString& path) {
     // strerror covers every POSIX code; anything it does not know is reported as EIO.
     const char* text = std::strerror(errnoValue);

@@ -34,6 +34,7 @@ public:
         // Application library
         folderMetadataUnreadable,
         unsupportedImportFile,
+        unsavedEdits,
         // An operating-system call failed; `systemErrno()` holds errno.
         system,
     };
@@ -56,6 +57,8 @@ public:
     static Error cancelled();
     static Error folderMetadataUnreadable(const QString& detail);
     static Error unsupportedImportFile(const QString& fileName);
+    // Text that is only in memory (a pending edit or an open conflict) stands in the way.
+    static Error unsavedEdits();
     // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
     static Error system(int errnoValue, const QString& path);
 

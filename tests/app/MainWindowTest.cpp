@@ -87,7 +87,7 @@ TEST(AppLifecycleTest, QuittingWritesAPendingEdit) {
     folder.write(QStringLiteral("a.md"), "before");
     NoteStore store(folder.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
     AppLifecycle lifecycle;
-    lifecycle.setTerminationHandler([&store] { (void)store.flushPendingSaves(); });
+    lifecycle.setTerminationHandler([&store](bool) { return store.flushPendingSaves().has_value(); });
     store.setBody(folder.filePath("a.md"), QStringLiteral("typed a moment before quitting"));
     QTimer::singleShot(0, qApp, &QCoreApplication::quit);
     QApplication::exec();  // aboutToQuit runs the handler before exec returns

@@ -140,7 +140,7 @@ TEST_F(NoteStoreTest, DeletedElsewhereWithUnsavedWordsIsWrittenBack) {
     QFile::remove(folder.filePath("draft.md"));
     ASSERT_TRUE(test::waitUntil([&] { return folder.exists(QStringLiteral("draft.md")); }));
     test::spin(400);
-    EXPECT_EQ(folder.read(QStringLiteral("draft.md")), "words not yet saved");
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("draft.md")), QStringLiteral("words not yet saved"));
     EXPECT_TRUE(store->note(url("draft.md")));
 }
 

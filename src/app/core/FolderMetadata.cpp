@@ -61,6 +61,8 @@ Result<FolderMetadata> FolderMetadata::load(const QString& notesDirectory) {
     for (const QJsonValue& name : root.value(u"favoriteNoteNames").toArray()) {
         metadata.favoriteNoteNames.insert(name.toString());
     }
+    metadata.otherKeys = root;
+    for (const auto* known : {u"folders", u"noteAssignments", u"favoriteNoteNames"}) metadata.otherKeys.remove(known);
     return metadata;
 }
 
@@ -78,10 +80,11 @@ QByteArray FolderMetadata::toJson() const {
     }
     QStringList favorites(favoriteNoteNames.begin(), favoriteNoteNames.end());
     favorites.sort();
-    return QJsonDocument(QJsonObject{{"folders", folderArray},
-                                     {"noteAssignments", assignments},
-                                     {"favoriteNoteNames", QJsonArray::fromStringList(favorites)}})
-        .toJson(QJsonDocument::Indented);
+    QJsonObject root = otherKeys;
+    root.insert(u"folders", folderArray);
+    root.insert(u"noteAssignments", assignments);
+    root.insert(u"favoriteNoteNames", QJsonArray::fromStringList(favorites));
+    return QJsonDocument(root).toJson(QJsonDocument::Indented);
 }
 
 Result<void> FolderMetadata::save(const QString& notesDirectory) const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHash>
+#include <QJsonObject>
 #include <QSet>
 #include <QString>
 #include <QUuid>
@@ -35,6 +36,9 @@ struct FolderMetadata {
     std::vector<NoteFolder> folders;  // the user's order; order within a parent is display order
     QHash<QString, QUuid> noteAssignments;
     QSet<QString> favoriteNoteNames;
+    // Top-level keys this version does not know, written back as they were
+    // (a newer version of the app may have added them).
+    QJsonObject otherKeys;
 
     // A missing file is empty metadata; a file that cannot be decoded is an error,
     // and the caller must then never write over it.

@@ -38,7 +38,8 @@ Note noteFromStored(const StoredNote& stored) {
                 stored.modifiedAt,
                 stored.document.revision(),
                 noteTitle(visibleText, stored.identifier),
-                excerptAfterTitle(visibleText)};
+                excerptAfterTitle(visibleText),
+                std::make_shared<const NoteDocument>(stored.document)};
 }
 
 }  // namespace mossly

@@ -1,6 +1,7 @@
 #include "NoteStore.h"
 
 #include <QDateTime>
+#include <QDeadlineTimer>
 #include <QDir>
 #include <QFileInfo>
 #include <QThread>
@@ -8,6 +9,7 @@
 #include <atomic>
 #include <thread>
 
+#include "AtomicFile.h"
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
 #include "DirectoryMonitor.h"
@@ -24,15 +26,14 @@ DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
 // Reads and decodes every note, on all cores: at start-up this is what the
 // user waits for. Notes that cannot be shown (not UTF-8, vanished mid-read)
 // are left out of the list, not fatal. Keeps the repository's order.
-std::vector<Note> readAllNotes(const NoteRepository& repository, int& unreadable) {
-    auto listing = repository.enumerateMetadata();
-    if (!listing) return {};
-    std::vector<std::optional<Note>> loaded(listing->size());
+std::vector<Note> readAllNotes(const NoteFileAccess& files, const std::vector<NoteFileMetadata>& listing,
+                               int& unreadable) {
+    std::vector<std::optional<Note>> loaded(listing.size());
     std::atomic<size_t> next{0};
     std::atomic<int> failed{0};
     const auto work = [&] {
         for (size_t i = next++; i < loaded.size(); i = next++) {
-            auto stored = repository.read((*listing)[i].identifier);
+            auto stored = files.read(listing[i].identifier);
             if (stored) {
                 loaded[i] = noteFromStored(*stored);
             } else {
@@ -54,7 +55,16 @@ std::vector<Note> readAllNotes(const NoteRepository& repository, int& unreadable
     return notes;
 }
 
+int retryDelayMilliseconds(int attempt) {
+    const qint64 delay = qint64{1000} << std::clamp(attempt - 1, 0, 16);
+    return static_cast<int>(std::min<qint64>(delay, NoteStore::maximumRetryDelay.count()));
+}
+
 }  // namespace
+
+QString Note::fileText(const QString& body) const {
+    return base ? base->serialized(body, NoteEditor::human()) : body;
+}
 
 QString librarySearchCatalogPath(const QString& directory) {
     return directory + u'/' + NoteSearchCatalog::notesFolderCatalogName;
@@ -63,13 +73,19 @@ QString librarySearchCatalogPath(const QString& directory) {
 struct NoteStore::LoadedLibrary {
     std::vector<Note> notes;
     Result<FolderMetadata> metadata = FolderMetadata{};
+    std::optional<Error> listingError;
     int unreadable = 0;
 
     // Everything a library load reads; safe on any thread.
-    static LoadedLibrary read(const NoteRepository& repository, const QString& directory) {
+    static LoadedLibrary read(const NoteFileAccess& files) {
         LoadedLibrary library;
-        library.notes = readAllNotes(repository, library.unreadable);
-        library.metadata = FolderMetadata::load(directory);
+        auto listing = files.enumerateMetadata();
+        if (listing) {
+            library.notes = readAllNotes(files, *listing, library.unreadable);
+        } else {
+            library.listingError = listing.error();
+        }
+        library.metadata = files.loadFolderMetadata();
         return library;
     }
 };
@@ -78,7 +94,7 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     : QObject(parent),
       directory_(QDir::cleanPath(directory)),
       options_(std::move(options)),
-      repository_(directory_) {
+      files_(options_.fileAccess(directory_)) {
     auto span = diagnostics().span(QStringLiteral("Open note library"));
     span.add(QStringLiteral("loading"),
              options_.loadsNotesSynchronously ? QStringLiteral("synchronous") : QStringLiteral("deferred"));
@@ -88,34 +104,64 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     connect(&searchTimer_, &QTimer::timeout, this, &NoteStore::runSearch);
     if (options_.loadsNotesSynchronously) {
         didStartInitialLoad_ = true;
-        applyLibrary(LoadedLibrary::read(repository_, directory_));
+        applyLibrary(LoadedLibrary::read(*files_), generation_);
     }
     span.add(QStringLiteral("noteCount"), static_cast<qint64>(notes_.size()));
     span.add(QStringLiteral("folderCount"), static_cast<qint64>(metadata_.folders.size()));
 }
 
 NoteStore::~NoteStore() {
-    for (QTimer* timer : std::as_const(pendingSaves_)) delete timer;
+    for (QTimer* timer : std::as_const(saveTimers_)) delete timer;
 }
 
 void NoteStore::loadInitialNotes() {
     if (didStartInitialLoad_) return;
     didStartInitialLoad_ = true;
-    const NoteRepository repository = repository_;
-    const QString directory = directory_;
+    const std::shared_ptr<NoteFileAccess> files = files_;
+    const quint64 start = generation_;
     auto span = std::make_shared<DiagnosticsCenter::Span>(diagnostics(), QStringLiteral("Load initial note library"));
     runInBackground(
-        this,
-        [repository, directory] { return LoadedLibrary::read(repository, directory); },
-        [this, span](LoadedLibrary library) {
+        this, [files] { return LoadedLibrary::read(*files); },
+        [this, span, start, files](LoadedLibrary library) {
+            if (files != files_) return;  // the library moved meanwhile
             span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
-            applyLibrary(std::move(library));
+            applyLibrary(std::move(library), start);
         });
 }
 
-void NoteStore::applyLibrary(LoadedLibrary library) {
-    notes_ = std::move(library.notes);
+// Merges a library read from disk into what the user has done since the read
+// began (`startGeneration`): notes created, edited or saved meanwhile keep
+// their in-memory state, notes trashed meanwhile stay gone, and text not yet
+// on disk is never dropped.
+void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
+    if (library.listingError) emit problemOccurred(library.listingError->description());
+    std::vector<Note> merged;
+    merged.reserve(library.notes.size() + notes_.size());
+    QSet<QString> loadedUrls;
+    for (Note& loaded : library.notes) {
+        loadedUrls.insert(loaded.url);
+        const Note* current = note(loaded.url);
+        if (current && (current->changeGeneration > startGeneration || pendingBaseRevisions_.contains(loaded.url) ||
+                        conflicts_.contains(loaded.url))) {
+            merged.push_back(*current);
+            continue;
+        }
+        if (!current && trashedAt_.value(loaded.identifier) > startGeneration) continue;
+        merged.push_back(std::move(loaded));
+    }
+    for (const Note& current : notes_) {
+        if (loadedUrls.contains(current.url)) continue;
+        if (current.changeGeneration > startGeneration || pendingBaseRevisions_.contains(current.url) ||
+            conflicts_.contains(current.url)) {
+            merged.push_back(current);  // created here meanwhile, or holding words not yet on disk
+        }
+    }
+    notes_ = std::move(merged);
     sortNotes();
+    for (const QString& url : QStringList(pendingBaseRevisions_.keys()) + QStringList(conflicts_.keys())) {
+        if (!note(url)) forgetUnsavedState(url);
+    }
+
     if (library.metadata) {
         metadata_ = std::move(*library.metadata);
         metadataError_.reset();
@@ -125,6 +171,7 @@ void NoteStore::applyLibrary(LoadedLibrary library) {
         metadataError_ = library.metadata.error();
         emit problemOccurred(library.metadata.error().description());
     }
+    metadataLoaded_ = true;
     const bool wasLoading = isLoadingInitialNotes_;
     isLoadingInitialNotes_ = false;
     emit notesChanged();
@@ -132,7 +179,9 @@ void NoteStore::applyLibrary(LoadedLibrary library) {
     if (wasLoading) emit loadingChanged();
     if (selection_ && !note(*selection_)) select(std::nullopt);
 
-    if (wasLoading && options_.createsWelcomeNote && notes_.empty()) createWelcomeNoteIfNeeded();
+    if (wasLoading && options_.createsWelcomeNote && notes_.empty() && !library.listingError) {
+        createWelcomeNoteIfNeeded();
+    }
     startMonitoring();
     refreshSearchIndexInBackground();
 }
@@ -146,12 +195,17 @@ void NoteStore::startMonitoring() {
 
 Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<QString, QString>& relocatedNotes) {
     auto span = diagnostics().span(QStringLiteral("Activate note directory"));
+    // Never leave words behind in the old folder.
     if (auto flushed = flushPendingSaves(); !flushed) return flushed;
+    if (!conflicts_.isEmpty()) return fail(Error::unsavedEdits());
     monitor_.reset();
     for (auto it = relocatedNotes.begin(); it != relocatedNotes.end(); ++it) relocatedNoteIDs_.insert(it.key(), it.value());
     if (selection_ && relocatedNotes.contains(*selection_)) selection_ = relocatedNotes.value(*selection_);
     directory_ = QDir::cleanPath(directory);
-    repository_ = NoteRepository(directory_);
+    files_ = options_.fileAccess(directory_);
+    notes_.clear();
+    trashedAt_.clear();
+    missingNoteNames_.clear();
     catalog_.reset();
     catalogReady_ = false;
     diagnostics().addPrivatePath(directory_);
@@ -160,7 +214,7 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
 
 Result<void> NoteStore::reloadFromDiskPreservingSelection() {
     ++externalSyncGeneration_;
-    applyLibrary(LoadedLibrary::read(repository_, directory_));
+    applyLibrary(LoadedLibrary::read(*files_), generation_);
     return {};
 }
 
@@ -184,13 +238,16 @@ void NoteStore::select(const std::optional<QString>& url) {
 
 std::optional<QString> NoteStore::createNote(const QString& content, NoteContentType contentType) {
     const QString title = content.trimmed().isEmpty() ? QStringLiteral("Untitled") : content.section(u'\n', 0, 0);
-    auto created = repository_.create(title, content, NoteEditor::human(), contentType);
+    auto created = files_->create(title, content, contentType);
     if (!created) {
         diagnostics().event(QStringLiteral("Create note failed"), {{"reason", created.error().description()}});
         emit problemOccurred(created.error().description());
         return std::nullopt;
     }
-    notes_.insert(notes_.begin(), noteFromStored(*created));
+    Note fresh = noteFromStored(*created);
+    touch(fresh);
+    trashedAt_.remove(fresh.identifier);
+    notes_.insert(notes_.begin(), std::move(fresh));
     diagnostics().event(QStringLiteral("Create note"), {{"noteCount", static_cast<qint64>(notes_.size())}});
     emit notesChanged();
     select(created->url);
@@ -208,6 +265,8 @@ void NoteStore::setBody(const QString& url, const QString& body) {
     Note* target = mutableNote(url);
     if (!target || target->content == body) return;
     target->content = body;
+    touch(*target);
+    emit noteContentChanged(url);
     if (auto conflict = conflicts_.find(url); conflict != conflicts_.end()) {
         // While the user decides, their latest text is what "Keep Conflict Copy" preserves.
         conflict->userContent = body;
@@ -217,83 +276,218 @@ void NoteStore::setBody(const QString& url, const QString& body) {
     scheduleSave(url);
 }
 
-void NoteStore::scheduleSave(const QString& url) {
-    QTimer*& timer = pendingSaves_[url];
+void NoteStore::scheduleSave(const QString& url) { startSaveTimer(url, saveDelayMilliseconds); }
+
+void NoteStore::startSaveTimer(const QString& url, int milliseconds) {
+    QTimer*& timer = saveTimers_[url];
     if (!timer) {
         timer = new QTimer(this);
         timer->setSingleShot(true);
-        timer->setInterval(saveDelayMilliseconds);
         connect(timer, &QTimer::timeout, this, [this, url] { (void)persistPendingSave(url); });
     }
-    timer->start();  // restarting cancels the previous debounce
+    timer->start(milliseconds);  // restarting cancels the previous debounce
+}
+
+void NoteStore::stopSaveTimer(const QString& url) {
+    if (QTimer* timer = saveTimers_.take(url)) {
+        timer->stop();
+        timer->deleteLater();
+    }
 }
 
 Result<void> NoteStore::persistPendingSave(const QString& url) {
-    QTimer* timer = pendingSaves_.take(url);
-    if (timer) timer->deleteLater();
-    const QString baseRevision = pendingBaseRevisions_.take(url);
+    stopSaveTimer(url);
+    if (!pendingBaseRevisions_.contains(url)) return {};
     Note* target = mutableNote(url);
-    if (!target) return {};
-
-    auto span = diagnostics().span(QStringLiteral("Revision-checked note save"));
-    auto saved = repository_.update(target->identifier, baseRevision, target->content, NoteEditor::human(),
-                                    target->contentType);
-    if (saved) {
-        const Note fresh = noteFromStored(*saved);
-        target->revision = fresh.revision;
-        target->modifiedAt = fresh.modifiedAt;
-        target->title = fresh.title;
-        target->excerpt = fresh.excerpt;
-        diagnostics().event(QStringLiteral("Note save committed"));
-        invalidateExternalSync();
-        sortNotes();
-        emit notesChanged();
-        emit saveCommitted(url);
-        refreshSearchIndexInBackground();
+    if (!target) {
+        forgetUnsavedState(url);
         return {};
     }
 
-    const Error& error = saved.error();
+    auto span = diagnostics().span(QStringLiteral("Revision-checked note save"));
+    auto saved = files_->update(target->identifier, pendingBaseRevisions_.value(url), target->content,
+                                target->contentType);
+    if (saved) {
+        commitSaved(url, *saved);
+        return {};
+    }
+
+    Error error = saved.error();
     span.fail(error.description());
     if (error.code() == Error::Code::stale) {
-        auto disk = repository_.read(target->identifier);
+        auto disk = files_->read(target->identifier);
         if (disk) {
             beginConflict(url, *disk, target->content);
             return fail(error);
         }
+        error = disk.error();
+    } else if (error.code() == Error::Code::notFound) {
+        // Deleted elsewhere while the user was typing: the words go back where they were.
+        auto restored = restoreDeletedNote(url);
+        if (restored) return {};
+        error = restored.error();
     }
-    // Keep the edit pending: the text is safe in memory and the next attempt may succeed.
-    pendingBaseRevisions_.insert(url, baseRevision);
-    if (error.code() == Error::Code::busy) {
-        scheduleSave(url);
-    } else {
-        emit problemOccurred(error.description());
-    }
+    // The text stays in memory and pending; the next attempt may succeed.
+    recordSaveFailure(url, error);
     return fail(error);
 }
 
-Result<void> NoteStore::flushPendingSaves() {
-    Result<void> outcome;
-    const QStringList urls = pendingSaves_.keys();
+void NoteStore::commitSaved(const QString& url, const StoredNote& saved) {
+    Note* target = mutableNote(url);
+    Note fresh = noteFromStored(saved);
+    fresh.content = target->content;  // what the user sees; equal to what was written
+    *target = std::move(fresh);
+    touch(*target);
+    pendingBaseRevisions_.remove(url);
+    const bool hadFailure = saveFailures_.remove(url) > 0;
+    diagnostics().event(QStringLiteral("Note save committed"));
+    sortNotes();
+    emit notesChanged();
+    emit saveCommitted(url);
+    if (hadFailure) emit saveStateChanged(url);
+    refreshSearchIndexInBackground();
+}
+
+void NoteStore::recordSaveFailure(const QString& url, const Error& error) {
+    SaveFailure& failure = saveFailures_[url];
+    const bool wasVisible = failure.attempts > 0 && (failure.error.code() != Error::Code::busy ||
+                                                     failure.attempts > quietBusyAttempts);
+    failure.error = error;
+    ++failure.attempts;
+    const bool busy = error.code() == Error::Code::busy;
+    const bool visible = !busy || failure.attempts > quietBusyAttempts;
+    startSaveTimer(url, busy && !visible ? saveDelayMilliseconds
+                                         : retryDelayMilliseconds(busy ? failure.attempts - quietBusyAttempts
+                                                                       : failure.attempts));
+    if (!visible) return;
+    if (!wasVisible) {
+        const Note* target = note(url);
+        diagnostics().event(QStringLiteral("Note save failed"), {{"reason", error.description()}});
+        emit problemOccurred(QStringLiteral("Could not save \u201C%1\u201D: ").arg(target ? target->title : url) +
+                             error.description());
+    }
+    emit saveStateChanged(url);
+}
+
+const SaveFailure* NoteStore::saveFailure(const QString& url) const {
+    const auto it = saveFailures_.constFind(url);
+    if (it == saveFailures_.cend()) return nullptr;
+    const bool visible = it->error.code() != Error::Code::busy || it->attempts > quietBusyAttempts;
+    return visible ? &*it : nullptr;
+}
+
+void NoteStore::retrySave(const QString& url) { (void)persistPendingSave(url); }
+
+void NoteStore::forgetUnsavedState(const QString& url) {
+    stopSaveTimer(url);
+    pendingBaseRevisions_.remove(url);
+    const bool hadFailure = saveFailures_.remove(url) > 0;
+    const bool hadConflict = conflicts_.remove(url) > 0;
+    if (hadFailure) emit saveStateChanged(url);
+    if (hadConflict) emit conflictsChanged();
+}
+
+// Writes the user's text back as a new file at the note's place, with its
+// front matter. Used when the file was deleted elsewhere while the user still
+// had words in it: keeping them is the safe choice.
+Result<void> NoteStore::restoreDeletedNote(const QString& url) {
+    Note* target = mutableNote(url);
+    if (!target) return {};
+    const auto conflict = conflicts_.constFind(url);
+    const QString text = target->fileText(conflict != conflicts_.cend() ? conflict->userContent : target->content);
+    auto restored = files_->createAt(target->identifier, text);
+    if (!restored) return fail(restored.error());
+    const QString content = target->content;
+    Note fresh = noteFromStored(*restored);
+    *target = std::move(fresh);
+    touch(*target);
+    forgetUnsavedState(url);
+    diagnostics().event(QStringLiteral("Note deleted elsewhere written back"));
+    if (target->content != content) emit noteContentChanged(url);
+    emit notesChanged();
+    return {};
+}
+
+Result<void> NoteStore::flushPendingSaves(std::chrono::milliseconds busyPatience) {
+    const QDeadlineTimer deadline(busyPatience);
+    const QStringList urls = pendingBaseRevisions_.keys();
     for (const QString& url : urls) {
-        if (pendingSaves_.value(url)) pendingSaves_.value(url)->stop();
-        // A busy library at quit time is worth a short wait: the alternative is losing words.
-        for (int attempt = 0; attempt < 20; ++attempt) {
+        // A busy library is worth a short wait: another writer is finishing; the alternative is losing words.
+        while (true) {
             auto saved = persistPendingSave(url);
-            if (saved || saved.error().code() != Error::Code::busy) {
-                if (!saved && outcome) outcome = saved;
-                break;
-            }
-            if (QTimer* retry = pendingSaves_.value(url)) retry->stop();
+            if (saved || saved.error().code() != Error::Code::busy || deadline.hasExpired()) break;
             QThread::msleep(50);
         }
     }
-    return outcome;
+    if (pendingBaseRevisions_.isEmpty()) return {};
+    const QString first = pendingBaseRevisions_.keys().constFirst();
+    return fail(saveFailures_.contains(first) ? saveFailures_.value(first).error : Error::unsavedEdits());
+}
+
+QuitPreparation NoteStore::prepareForQuit(std::chrono::milliseconds busyPatience) {
+    auto span = diagnostics().span(QStringLiteral("Prepare to quit"));
+    const QDeadlineTimer deadline(busyPatience);
+    (void)flushPendingSaves(busyPatience);
+    QuitPreparation preparation;
+    for (const QString& url : conflicts_.keys()) {
+        const Note* original = note(url);
+        const QString name = original ? original->fileName() : url;
+        const auto remaining = std::chrono::milliseconds(std::max<qint64>(deadline.remainingTime(), 0));
+        auto copy = keepConflictCopy(url, remaining);
+        if (copy) {
+            const QString copyName = QFileInfo(*copy).fileName();
+            diagnostics().event(QStringLiteral("Conflict copy preserved at quit"), {{"file", copyName}});
+            preparation.conflictCopies.append(name + QStringLiteral(" \u2192 ") + copyName);
+        }
+    }
+    QStringList unsavedUrls = pendingBaseRevisions_.keys() + conflicts_.keys();
+    unsavedUrls.removeDuplicates();
+    for (const QString& url : unsavedUrls) {
+        const Note* target = note(url);
+        const QString reason = saveFailures_.contains(url) ? saveFailures_.value(url).error.description()
+                                                           : Error::unsavedEdits().description();
+        preparation.unsaved.push_back({url, target ? target->title : url, reason});
+    }
+    span.add(QStringLiteral("unsavedCount"), static_cast<qint64>(preparation.unsaved.size()));
+    return preparation;
+}
+
+Result<QStringList> NoteStore::saveUnsavedNotesTo(const QString& folder) {
+    QStringList written;
+    QStringList unsavedUrls = pendingBaseRevisions_.keys() + conflicts_.keys();
+    unsavedUrls.removeDuplicates();
+    for (const QString& url : unsavedUrls) {
+        const Note* target = note(url);
+        if (!target) continue;
+        const auto conflict = conflicts_.constFind(url);
+        const QByteArray bytes =
+            target->fileText(conflict != conflicts_.cend() ? conflict->userContent : target->content).toUtf8();
+        const QFileInfo name(target->fileName());
+        auto staged = AtomicFile::stage(QDir(folder).filePath(name.fileName()), bytes);
+        if (!staged) return fail(staged.error());
+        for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+            const QString candidate =
+                counter == 1 ? name.fileName()
+                             : QStringLiteral("%1 %2.%3").arg(name.completeBaseName()).arg(counter).arg(name.suffix());
+            const QString path = QDir(folder).filePath(candidate);
+            auto created = staged->commitIfAbsent(path);
+            if (!created) return fail(created.error());
+            if (*created) {
+                written.append(path);
+                break;
+            }
+        }
+    }
+    diagnostics().event(QStringLiteral("Unsaved notes written elsewhere"),
+                        {{"fileCount", static_cast<qint64>(written.size())}});
+    return written;
 }
 
 void NoteStore::beginConflict(const QString& url, const StoredNote& disk, const QString& userContent) {
-    const Note diskNote = noteFromStored(disk);
-    conflicts_.insert(url, NoteConflict{diskNote.content, diskNote.revision, diskNote.modifiedAt, userContent});
+    stopSaveTimer(url);
+    pendingBaseRevisions_.remove(url);
+    if (saveFailures_.remove(url) > 0) emit saveStateChanged(url);
+    conflicts_.insert(url, NoteConflict{noteFromStored(disk), userContent});
     diagnostics().event(QStringLiteral("Concurrent note edit detected"));
     emit conflictsChanged();
 }
@@ -307,20 +501,19 @@ void NoteStore::reloadConflict(const QString& url) {
     const auto it = conflicts_.constFind(url);
     if (it == conflicts_.cend()) return;
     if (Note* target = mutableNote(url)) {
-        target->content = it->diskContent;
-        target->revision = it->diskRevision;
-        target->modifiedAt = it->diskModifiedAt;
+        *target = it->disk;
+        touch(*target);
     }
     conflicts_.erase(it);
     diagnostics().event(QStringLiteral("Disk version reloaded"));
     diagnostics().event(QStringLiteral("Concurrent note edit resolved"));
     sortNotes();
     emit conflictsChanged();
-    emit noteReloaded(url);
+    emit noteContentChanged(url);
     emit notesChanged();
 }
 
-Result<QString> NoteStore::keepConflictCopy(const QString& url) {
+Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience) {
     const auto conflict = conflicts_.constFind(url);
     const Note* original = note(url);
     if (conflict == conflicts_.cend() || !original) return fail(Error::notFound(url));
@@ -331,12 +524,18 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url) {
     const QString base = identifier.left(dot);
     const QString extension = identifier.mid(dot + 1);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+    const QString text = original->fileText(conflict->userContent);
+    const QDeadlineTimer deadline(busyPatience);
     Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
         const QString name = counter == 1
                                  ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
                                  : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
-        copy = repository_.createAt(name, conflict->userContent);
+        copy = files_->createAt(name, text);
+        while (!copy && copy.error().code() == Error::Code::busy && !deadline.hasExpired()) {
+            QThread::msleep(50);
+            copy = files_->createAt(name, text);
+        }
         if (copy || copy.error().code() != Error::Code::alreadyExists) break;
     }
     if (!copy) {
@@ -344,7 +543,9 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url) {
         emit problemOccurred(copy.error().description());
         return fail(copy.error());
     }
-    notes_.push_back(noteFromStored(*copy));
+    Note copied = noteFromStored(*copy);
+    touch(copied);
+    notes_.push_back(std::move(copied));
     diagnostics().event(QStringLiteral("Conflict copy preserved"));
     reloadConflict(url);
     refreshSearchIndexInBackground();
@@ -357,23 +558,23 @@ void NoteStore::deleteNotes(const QSet<QString>& urls) {
     for (const QString& url : urls) {
         const Note* target = note(url);
         if (!target) continue;
-        if (QTimer* timer = pendingSaves_.take(url)) timer->deleteLater();
-        pendingBaseRevisions_.remove(url);
-        conflicts_.remove(url);
-        if (auto moved = repository_.moveToTrash(target->identifier); !moved) {
+        if (auto moved = files_->moveToTrash(target->identifier); !moved) {
+            // The note stays, and so does any edit still waiting to be saved.
             emit problemOccurred(moved.error().description());
             continue;
         }
+        forgetUnsavedState(url);
+        trashedAt_.insert(target->identifier, ++generation_);
         trashed.insert(url);
     }
-    removeNotesFromModel(trashed);
+    removeNotesFromModel(trashed, true);
     diagnostics().event(QStringLiteral("Notes moved to Trash"),
                         {{"deletedCount", static_cast<qint64>(trashed.size())},
                          {"noteCount", static_cast<qint64>(notes_.size())}});
     refreshSearchIndexInBackground();
 }
 
-void NoteStore::removeNotesFromModel(const QSet<QString>& urls) {
+void NoteStore::removeNotesFromModel(const QSet<QString>& urls, bool dropFolderMetadata) {
     if (urls.isEmpty()) return;
     // The selection moves to the note that followed the first removed one.
     std::optional<QString> nextSelection = selection_;
@@ -387,19 +588,31 @@ void NoteStore::removeNotesFromModel(const QSet<QString>& urls) {
             }
         }
     }
-    bool metadataChanged = false;
+    QSet<QString> names;
     for (const QString& url : urls) {
-        const Note* removed = note(url);
-        if (!removed) continue;
-        const QString name = removed->fileName();
-        metadataChanged |= metadata_.favoriteNoteNames.remove(name);
-        metadataChanged |= metadata_.noteAssignments.remove(name) > 0;
+        if (const Note* removed = note(url)) names.insert(removed->fileName());
+        forgetUnsavedState(url);
     }
     std::erase_if(notes_, [&](const Note& n) { return urls.contains(n.url); });
-    if (metadataChanged) writeFolderMetadata();
     emit notesChanged();
-    if (metadataChanged) emit foldersChanged();
+    if (dropFolderMetadata) dropFolderMetadataFor(names);
     select(nextSelection);
+}
+
+// Forgets the folder and favourite of notes that are gone, unless another
+// note of the library still has the same file name.
+void NoteStore::dropFolderMetadataFor(const QSet<QString>& fileNames) {
+    bool changed = false;
+    for (const QString& name : fileNames) {
+        const bool stillThere =
+            std::any_of(notes_.begin(), notes_.end(), [&](const Note& n) { return n.fileName() == name; });
+        if (stillThere) continue;
+        changed |= metadata_.favoriteNoteNames.remove(name);
+        changed |= metadata_.noteAssignments.remove(name) > 0;
+    }
+    if (!changed) return;
+    writeFolderMetadata();
+    emit foldersChanged();
 }
 
 std::optional<QString> NoteStore::resolveNoteID(const QString& url) const {
@@ -412,95 +625,6 @@ std::optional<QString> NoteStore::resolveNoteID(const QString& url) const {
         if (candidate.fileName() == name) return candidate.url;
     }
     return std::nullopt;
-}
-
-void NoteStore::invalidateExternalSync() {
-    ++externalSyncGeneration_;
-    // A scan in flight is now stale; scan again afterwards so nobody else's change is missed.
-    if (externalSyncRunning_) QTimer::singleShot(0, this, &NoteStore::scheduleExternalChanges);
-}
-
-void NoteStore::scheduleExternalChanges() {
-    const quint64 generation = ++externalSyncGeneration_;
-    externalSyncRunning_ = true;
-    QHash<QString, FileTime> known;
-    for (const Note& n : notes_) known.insert(n.identifier, n.modifiedAt);
-    const NoteRepository repository = repository_;
-    struct Scan {
-        QSet<QString> present;
-        std::vector<StoredNote> loaded;
-    };
-    runInBackground(
-        this,
-        [repository, known] {
-            Scan scan;
-            auto listing = repository.enumerateMetadata();
-            if (!listing) return scan;
-            for (const NoteFileMetadata& entry : *listing) {
-                scan.present.insert(entry.identifier);
-                const auto it = known.constFind(entry.identifier);
-                if (it != known.cend() && *it == entry.modifiedAt) continue;  // unchanged: not read
-                auto stored = repository.read(entry.identifier);
-                if (stored) {
-                    scan.loaded.push_back(std::move(*stored));
-                } else if (it == known.cend()) {
-                    scan.present.remove(entry.identifier);  // not readable as a note: not shown
-                }
-            }
-            return scan;
-        },
-        [this, generation](Scan scan) {
-            if (generation != externalSyncGeneration_) return;  // superseded
-            externalSyncRunning_ = false;
-            int added = 0, updated = 0, conflicts = 0;
-            QSet<QString> removed;
-            for (const Note& n : notes_) {
-                if (scan.present.contains(n.identifier)) continue;
-                if (pendingBaseRevisions_.contains(n.url) || conflicts_.contains(n.url)) {
-                    // Deleted elsewhere while the user had unsaved words in it: put the words back.
-                    if (auto restored = repository_.createAt(n.identifier, n.content); restored) {
-                        if (QTimer* timer = pendingSaves_.take(n.url)) timer->deleteLater();
-                        pendingBaseRevisions_.remove(n.url);
-                        conflicts_.remove(n.url);
-                        Note* kept = mutableNote(n.url);
-                        kept->revision = restored->document.revision();
-                        kept->modifiedAt = restored->modifiedAt;
-                        ++conflicts;
-                        continue;
-                    }
-                }
-                removed.insert(n.url);
-            }
-            for (const StoredNote& stored : scan.loaded) {
-                Note* existing = mutableNote(stored.url);
-                if (!existing) {
-                    notes_.push_back(noteFromStored(stored));
-                    ++added;
-                } else if (existing->revision == stored.document.revision()) {
-                    existing->modifiedAt = stored.modifiedAt;  // touched, not changed
-                } else if (pendingBaseRevisions_.contains(stored.url) || conflicts_.contains(stored.url)) {
-                    beginConflict(stored.url, stored, existing->content);
-                    if (QTimer* timer = pendingSaves_.take(stored.url)) timer->deleteLater();
-                    pendingBaseRevisions_.remove(stored.url);
-                    ++conflicts;
-                } else {
-                    *existing = noteFromStored(stored);
-                    ++updated;
-                    emit noteReloaded(stored.url);
-                }
-            }
-            const int removedCount = static_cast<int>(removed.size());
-            if (added + updated + removedCount + conflicts == 0) return;
-            removeNotesFromModel(removed);
-            sortNotes();
-            indexNeedsRefresh_ = true;
-            diagnostics().event(QStringLiteral("External note changes reconciled"),
-                                {{"added", added}, {"updated", updated}, {"removed", removedCount},
-                                 {"conflicts", conflicts}});
-            emit notesChanged();
-            if (conflicts > 0) emit conflictsChanged();
-            refreshSearchIndexInBackground();
-        });
 }
 
 }  // namespace mossly

@@ -7,12 +7,13 @@
 #include <QStringList>
 #include <QTimer>
 #include <QUuid>
+#include <chrono>
 #include <memory>
 #include <optional>
 #include <vector>
 
 #include "FolderMetadata.h"
-#include "NoteRepository.h"
+#include "NoteFileAccess.h"
 #include "NoteSearch.h"
 
 namespace mossly {
@@ -30,16 +31,40 @@ struct Note {
     QString revision;  // of the file as last read or written by us
     QString title;
     QString excerpt;  // the first line of text after the title, for lists
+    // The document as last read or written, so that text written back (a
+    // conflict copy, a note deleted elsewhere) keeps its front matter.
+    std::shared_ptr<const NoteDocument> base;
+    // The store's generation at the last change made here; a background result
+    // that started before it must not overwrite the note.
+    quint64 changeGeneration = 0;
 
     QString fileName() const { return identifier.mid(identifier.lastIndexOf(u'/') + 1); }
+    // The whole file text for `body` on top of the note's front matter.
+    QString fileText(const QString& body) const;
 };
 
 // A concurrent edit: the file changed on disk while the user had unsaved text.
 struct NoteConflict {
-    QString diskContent;
-    QString diskRevision;
-    FileTime diskModifiedAt;
-    QString userContent;
+    Note disk;            // the version on disk, as it would be shown after "Reload"
+    QString userContent;  // the user's text, which "Keep Conflict Copy" preserves
+};
+
+// A save that did not succeed; the text stays in memory and is retried.
+struct SaveFailure {
+    Error error = Error::busy();
+    int attempts = 0;
+};
+
+// What is left when the app quits: the notes still unsaved, and the conflict
+// copies written so that both texts of an unresolved conflict are on disk.
+struct QuitPreparation {
+    struct Unsaved {
+        QString url;
+        QString title;
+        QString reason;
+    };
+    std::vector<Unsaved> unsaved;
+    QStringList conflictCopies;  // "Plan.md → Plan (Conflict …).md", for the user
 };
 
 struct NoteFileImportReport {
@@ -65,10 +90,19 @@ public:
         bool createsWelcomeNote = true;
         bool loadsNotesSynchronously = false;
         QByteArray welcomeIconPng;  // stored beside the welcome note when given
+        NoteFileAccessFactory fileAccess = RepositoryFileAccess::make;
     };
 
     static constexpr int saveDelayMilliseconds = 250;
     static constexpr int searchDelayMilliseconds = 120;
+    // How long a flush keeps trying while another writer (an agent) holds the library lock.
+    static constexpr std::chrono::milliseconds defaultBusyPatience{5000};
+    // Busy retries at the save delay stay quiet this long before the user is told.
+    static constexpr int quietBusyAttempts = 20;
+    // A failed save is retried after 1, 2, 4 … seconds, at most this often.
+    static constexpr std::chrono::milliseconds maximumRetryDelay{30000};
+    // A note missing from one scan loses its folder and favourite only when a later scan agrees.
+    static constexpr int missingConfirmationMilliseconds = 2000;
 
     NoteStore(QString directory, Options options, QObject* parent = nullptr);
     ~NoteStore() override;
@@ -79,9 +113,21 @@ public:
     bool isLoadingInitialNotes() const { return isLoadingInitialNotes_; }
     Result<void> activateDirectory(const QString& directory, const QHash<QString, QString>& relocatedNotes = {});
     Result<void> reloadFromDiskPreservingSelection();
-    // Cancels every debounce and writes every pending edit now.
-    Result<void> flushPendingSaves();
-    bool hasPendingSaves() const { return !pendingSaves_.isEmpty(); }
+    // Cancels every debounce and writes every pending edit now, waiting up to
+    // `busyPatience` for a busy library. Fails while any edit is still unsaved.
+    Result<void> flushPendingSaves(std::chrono::milliseconds busyPatience = defaultBusyPatience);
+    bool hasPendingSaves() const { return !pendingBaseRevisions_.isEmpty(); }
+    // Pending edits or conflicts: text that is only in memory.
+    bool hasUnsavedChanges() const { return hasPendingSaves() || !conflicts_.isEmpty(); }
+    // A save that failed and is being retried, once the user has been told.
+    const SaveFailure* saveFailure(const QString& url) const;
+    void retrySave(const QString& url);
+    // Before quitting: flush, write unresolved conflicts as conflict copies,
+    // and report what could still not be saved.
+    QuitPreparation prepareForQuit(std::chrono::milliseconds busyPatience = defaultBusyPatience);
+    // The last resort when the notes folder will not take a save: every unsaved
+    // text written as a file into `folder`. Returns the files written.
+    Result<QStringList> saveUnsavedNotesTo(const QString& folder);
 
     // Notes
     const std::vector<Note>& notes() const { return notes_; }
@@ -100,7 +146,7 @@ public:
     // Conflicts
     const NoteConflict* conflict(const QString& url) const;
     void reloadConflict(const QString& url);
-    Result<QString> keepConflictCopy(const QString& url);
+    Result<QString> keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience = {});
 
     // Folders and favourites
     const std::vector<NoteFolder>& folders() const { return metadata_.folders; }
@@ -140,8 +186,11 @@ signals:
     void loadingChanged();
     void searchChanged();
     void conflictsChanged();
-    // A note's text was replaced from disk; editors showing it must reload it.
-    void noteReloaded(const QString& url);
+    // A note's text changed (an editor, a reload from disk, the store itself);
+    // every editor showing it whose text differs takes the new text.
+    void noteContentChanged(const QString& url);
+    // A save failed, or a failed save finally succeeded.
+    void saveStateChanged(const QString& url);
     void editorFocusRequested(const QUuid& requestId, const QString& url);
     void importFinished(const NoteFileImportReport& report);
     void saveCommitted(const QString& url);
@@ -150,13 +199,20 @@ signals:
 
 private:
     struct LoadedLibrary;
-    void applyLibrary(LoadedLibrary library);
+    struct Scan;
+    void applyLibrary(LoadedLibrary library, quint64 startGeneration);
     void startMonitoring();
     void scheduleSave(const QString& url);
+    void startSaveTimer(const QString& url, int milliseconds);
+    void stopSaveTimer(const QString& url);
     Result<void> persistPendingSave(const QString& url);
+    void commitSaved(const QString& url, const StoredNote& saved);
+    void recordSaveFailure(const QString& url, const Error& error);
+    void forgetUnsavedState(const QString& url);
+    Result<void> restoreDeletedNote(const QString& url);
     void beginConflict(const QString& url, const StoredNote& disk, const QString& userContent);
     void scheduleExternalChanges();
-    void invalidateExternalSync();
+    void applyExternalChanges(Scan scan, quint64 startGeneration);
     void refreshSearchIndexInBackground();
     void runSearch();
     void createWelcomeNoteIfNeeded();
@@ -164,11 +220,13 @@ private:
     bool folderMetadataWritable();
     void sortNotes();
     Note* mutableNote(const QString& url);
-    void removeNotesFromModel(const QSet<QString>& urls);
+    void touch(Note& note) { note.changeGeneration = ++generation_; }
+    void removeNotesFromModel(const QSet<QString>& urls, bool dropFolderMetadata);
+    void dropFolderMetadataFor(const QSet<QString>& fileNames);
 
     QString directory_;
     Options options_;
-    NoteRepository repository_;
+    std::shared_ptr<NoteFileAccess> files_;
     std::shared_ptr<NoteSearchCatalog> catalog_;
     bool catalogReady_ = false;  // the first synchronisation has finished
     std::unique_ptr<DirectoryMonitor> monitor_;
@@ -176,17 +234,26 @@ private:
     std::vector<Note> notes_;
     FolderMetadata metadata_;
     std::optional<Error> metadataError_;
+    bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read
     bool isLoadingInitialNotes_ = true;
     bool didStartInitialLoad_ = false;
     std::optional<QString> selection_;
 
-    QHash<QString, QTimer*> pendingSaves_;
+    // Counts every change made here; background work remembers where it started.
+    quint64 generation_ = 0;
+    // Identifiers trashed here, with the generation: a scan that began earlier must not bring them back.
+    QHash<QString, quint64> trashedAt_;
+
+    // A note with an entry here has text that is not on disk yet.
     QHash<QString, QString> pendingBaseRevisions_;
+    QHash<QString, QTimer*> saveTimers_;  // the debounce or the next retry
+    QHash<QString, SaveFailure> saveFailures_;
     QHash<QString, NoteConflict> conflicts_;
     QHash<QString, QString> relocatedNoteIDs_;
 
     quint64 externalSyncGeneration_ = 0;
-    bool externalSyncRunning_ = false;
+    bool directoryUnavailable_ = false;
+    QSet<QString> missingNoteNames_;  // gone on the last scan; confirmed by the next
 
     bool indexRefreshRunning_ = false;
     bool indexNeedsRefresh_ = false;

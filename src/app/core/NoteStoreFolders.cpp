@@ -4,14 +4,15 @@
 namespace mossly {
 
 bool NoteStore::folderMetadataWritable() {
+    if (!metadataLoaded_) return false;  // writing now would replace the user's folders with none
     if (!metadataError_) return true;
     emit problemOccurred(metadataError_->description());
     return false;
 }
 
 bool NoteStore::writeFolderMetadata() {
-    if (metadataError_) return false;  // never replace a file we could not read
-    if (auto saved = metadata_.save(directory_); !saved) {
+    if (metadataError_ || !metadataLoaded_) return false;  // never replace a file we could not read
+    if (auto saved = files_->saveFolderMetadata(metadata_); !saved) {
         emit problemOccurred(saved.error().description());
         return false;
     }

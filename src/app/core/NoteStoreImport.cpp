@@ -7,23 +7,27 @@
 namespace mossly {
 
 void NoteStore::importNoteFiles(const QStringList& paths) {
-    (void)flushPendingSaves();
-    const NoteRepository repository = repository_;
+    (void)flushPendingSaves();  // what cannot be saved now stays pending and is retried
+    const std::shared_ptr<NoteFileAccess> files = files_;
     runInBackground(
-        this, [repository, paths] { return mossly::importNoteFiles(repository, paths); },
-        [this](NoteFileImportReport report) {
+        this, [files, paths] { return mossly::importNoteFiles(files->repository(), paths); },
+        [this, files](NoteFileImportReport report) {
+            if (files != files_) return;  // the library moved meanwhile
             for (const auto& [file, reason] : report.failures) {
                 DiagnosticsCenter::shared().event(QStringLiteral("Note file import failed"),
                                                   {{"file", file}, {"reason", reason}});
             }
             for (const QString& identifier : report.imported) {
-                auto stored = repository_.read(identifier);
+                auto stored = files_->read(identifier);
                 if (!stored) {
                     DiagnosticsCenter::shared().event(QStringLiteral("Imported note could not be loaded"),
                                                       {{"file", identifier}});
                     continue;
                 }
-                if (!note(stored->url)) notes_.push_back(noteFromStored(*stored));
+                if (note(stored->url)) continue;  // a scan found it first
+                Note imported = noteFromStored(*stored);
+                touch(imported);
+                notes_.push_back(std::move(imported));
             }
             sortNotes();
             emit notesChanged();

@@ -11,15 +11,27 @@ namespace {
 
 constexpr qint64 searchResultLimit = 200;
 
+// Folds text the way query terms are folded (accents dropped, lower case),
+// so that "cafe" and "café" find each other in both directions.
+QString foldedForSearch(const QString& text) {
+    const QString decomposed = text.normalized(QString::NormalizationForm_D);
+    QString folded;
+    folded.reserve(decomposed.size());
+    for (const QChar c : decomposed) {
+        if (c.category() != QChar::Mark_NonSpacing) folded += c;
+    }
+    return folded.normalized(QString::NormalizationForm_C).toLower();
+}
+
 // Until the catalog has indexed the library once, search what is in memory:
 // notes containing every term, in list order. Slower to rank, never empty-handed.
 std::vector<NoteSearchResult> searchInMemory(const std::vector<Note>& notes, const QString& query) {
     const QStringList terms = NoteSearch::normalizedTerms(query);
     std::vector<NoteSearchResult> results;
     for (const Note& n : notes) {
-        const QString text = n.title + u'\n' + n.content;
-        const bool all = std::all_of(terms.begin(), terms.end(),
-                                     [&](const QString& term) { return text.contains(term, Qt::CaseInsensitive); });
+        const QString text = foldedForSearch(n.title + u'\n' + n.content);
+        const bool all =
+            std::all_of(terms.begin(), terms.end(), [&](const QString& term) { return text.contains(term); });
         if (!all || terms.isEmpty()) continue;
         NoteSearchResult result;
         result.identifier = n.identifier;
@@ -110,21 +122,21 @@ void NoteStore::refreshSearchIndexInBackground() {
     indexNeedsRefresh_ = false;
     const QString directory = directory_;
     std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
-    const NoteRepository repository = repository_;
+    const std::shared_ptr<NoteFileAccess> files = files_;
     struct Refresh {
         std::shared_ptr<NoteSearchCatalog> catalog;
         Result<int> indexed = 0;
     };
     runInBackground(
         this,
-        [directory, catalog, repository]() mutable {
+        [directory, catalog, files]() mutable {
             auto span = DiagnosticsCenter::shared().span(QStringLiteral("Refresh search index"));
             if (!catalog) {
                 auto opened = NoteSearchCatalog::open(librarySearchCatalogPath(directory));
                 if (!opened) return Refresh{nullptr, fail(opened.error())};
                 catalog = std::move(*opened);
             }
-            auto indexed = catalog->synchronize(repository);
+            auto indexed = catalog->synchronize(files->repository());
             span.add(QStringLiteral("indexed"), indexed.value_or(-1));
             return Refresh{catalog, indexed};
         },

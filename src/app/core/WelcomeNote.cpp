@@ -10,12 +10,6 @@
 
 namespace mossly {
 
-QString manualAddress() {
-    const QString installed = QStringLiteral(MOSSLY_INSTALLED_MANUAL);
-    const QString path = QFileInfo::exists(installed) ? installed : QStringLiteral(MOSSLY_SOURCE_MANUAL);
-    return QUrl::fromLocalFile(path).toString();
-}
-
 QString welcomeNoteText(const std::optional<QString>& imageLine) {
     QStringList parts{QStringLiteral("# Welcome to Mossly")};
     if (imageLine) parts.append(*imageLine);
@@ -26,7 +20,7 @@ QString welcomeNoteText(const std::optional<QString>& imageLine) {
     parts.append(QStringLiteral("## Advanced tips\n\n1. Drag notes into other notes\n2. Drag or paste images\n"
                                 "3. Paste websites for nice previews\n4. Drag in static HTML files\n"
                                 "5. Go into split mode and write markup\n6. Import your Apple and Granola notes"));
-    parts.append(manualAddress());
+    parts.append(QString::fromLatin1(manualAddress));
     return parts.join(QStringLiteral("\n\n")) + u'\n';
 }
 

@@ -6,8 +6,8 @@
 namespace mossly {
 
 inline const QString welcomeIconAssetName = QStringLiteral("Mossly Icon.png");
-// The user manual is the project README: the installed copy when there is one, else the source tree's.
-QString manualAddress();
+// The online manual, which ends the welcome note.
+inline constexpr char manualAddress[] = "https://mossly.app/manual";
 
 // The welcome note's Markdown; `imageLine` is left out when there is no icon.
 QString welcomeNoteText(const std::optional<QString>& imageLine);

@@ -97,8 +97,9 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QObject::connect(addAction(file, QObject::tr("Show Notes Folder")), &QAction::triggered, &store,
                      [&store] { QDesktopServices::openUrl(QUrl::fromLocalFile(store.directory())); });
     file->addSeparator();
+    // Quitting is closing the library window: the app's lifecycle then saves first.
     QAction* quit = addAction(file, QObject::tr("Quit"), QKeySequence::Quit);
-    QObject::connect(quit, &QAction::triggered, qApp, &QApplication::quit, Qt::QueuedConnection);
+    QObject::connect(quit, &QAction::triggered, &window, &QWidget::close, Qt::QueuedConnection);
 
     QMenu* edit = window.menuBar()->addMenu(QObject::tr("&Edit"));
     QAction* search = addAction(edit, QObject::tr("Search Notes"), QKeySequence(QStringLiteral("Ctrl+F")));
@@ -144,6 +145,12 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QObject::connect(bigger, &QAction::triggered, &window, [applySize] { applySize(+1); });
     QObject::connect(smaller, &QAction::triggered, &window, [applySize] { applySize(-1); });
     applySize(0);
+
+    // On Linux new versions come from the package manager, so the updater can never check.
+    QMenu* help = window.menuBar()->addMenu(QObject::tr("&Help"));
+    QAction* updates = help->addAction(QObject::tr("Check for Updates…"));
+    updates->setEnabled(false);
+    updates->setStatusTip(QObject::tr("Updates come from your system's package manager."));
 }
 
 }  // namespace mossly

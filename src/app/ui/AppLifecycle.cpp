@@ -1,7 +1,10 @@
 #include "AppLifecycle.h"
 
+#include <QCloseEvent>
 #include <QCoreApplication>
 #include <QSocketNotifier>
+#include <QTimer>
+#include <QWidget>
 #include <csignal>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -27,13 +30,28 @@ AppLifecycle::AppLifecycle(QObject* parent) : QObject(parent) {
 
 AppLifecycle::~AppLifecycle() = default;
 
+void AppLifecycle::watchMainWindow(QWidget* window) {
+    mainWindow_ = window;
+    window->installEventFilter(this);
+}
+
+bool AppLifecycle::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == mainWindow_ && event->type() == QEvent::Close && !handlerDone_) {
+        // The window stays until the work before quitting is done (or the user stays).
+        event->ignore();
+        QTimer::singleShot(0, this, &AppLifecycle::requestQuit);
+        return true;
+    }
+    return QObject::eventFilter(watched, event);
+}
+
 void AppLifecycle::handleTerminationSignals() {
     if (signalNotifier_ || ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, signalPipe) != 0) return;
     signalNotifier_ = new QSocketNotifier(signalPipe[1], QSocketNotifier::Read, this);
-    connect(signalNotifier_, &QSocketNotifier::activated, this, [] {
+    connect(signalNotifier_, &QSocketNotifier::activated, this, [this] {
         char byte = 0;
         (void)!::read(signalPipe[1], &byte, 1);
-        QCoreApplication::quit();
+        requestQuit();
     });
     struct sigaction action {};
     action.sa_handler = forwardSignal;
@@ -43,9 +61,21 @@ void AppLifecycle::handleTerminationSignals() {
     ::sigaction(SIGINT, &action, nullptr);
 }
 
+void AppLifecycle::requestQuit() {
+    if (asking_ || handlerDone_) return;
+    asking_ = true;
+    const bool mayQuit = !terminationHandler_ || terminationHandler_(true);
+    asking_ = false;
+    if (!mayQuit) return;
+    handlerDone_ = true;
+    QCoreApplication::quit();
+}
+
 void AppLifecycle::aboutToQuit() {
     DiagnosticsCenter::shared().event(QStringLiteral("Application will terminate"));
-    if (terminationHandler_) terminationHandler_();
+    // A quit that did not come through requestQuit still gets its work done.
+    if (!handlerDone_ && terminationHandler_) (void)terminationHandler_(false);
+    handlerDone_ = true;
 }
 
 }  // namespace mossly

@@ -6,27 +6,30 @@
 #include <QStackedWidget>
 #include <QVBoxLayout>
 
+#include "EditorTextSync.h"
 #include "MarkdownTextView.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
 namespace mossly {
 
-EditorPane::EditorPane(NoteStore& store, QWidget* parent) : QWidget(parent), store_(store) {
+EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString> fixedNote)
+    : QWidget(parent), store_(store), fixedNote_(std::move(fixedNote)) {
     banner_ = new QFrame(this);
-    banner_->setObjectName(QStringLiteral("conflictBanner"));
-    banner_->setStyleSheet(QStringLiteral("#conflictBanner { background: #fff4d6; border-bottom: 1px solid #e8c868; }"
-                                          "#conflictBanner QLabel { color: #5a4300; }"));
-    bannerText_ = new QLabel(tr("This note was changed somewhere else while you were editing it. "
-                                "Reload the saved version, or keep your text as a conflict copy."),
-                             banner_);
+    banner_->setObjectName(QStringLiteral("noteBanner"));
+    banner_->setStyleSheet(QStringLiteral("#noteBanner { background: #fff4d6; border-bottom: 1px solid #e8c868; }"
+                                          "#noteBanner QLabel { color: #5a4300; }"));
+    bannerText_ = new QLabel(banner_);
+    bannerText_->setObjectName(QStringLiteral("noteBannerText"));
     bannerText_->setWordWrap(true);
-    auto* reload = new QPushButton(tr("Reload"), banner_);
-    auto* keepCopy = new QPushButton(tr("Keep Conflict Copy"), banner_);
+    reload_ = new QPushButton(tr("Reload"), banner_);
+    keepCopy_ = new QPushButton(tr("Keep Conflict Copy"), banner_);
+    retry_ = new QPushButton(tr("Try Again"), banner_);
     auto* bannerLayout = new QHBoxLayout(banner_);
     bannerLayout->addWidget(bannerText_, 1);
-    bannerLayout->addWidget(reload);
-    bannerLayout->addWidget(keepCopy);
+    bannerLayout->addWidget(reload_);
+    bannerLayout->addWidget(keepCopy_);
+    bannerLayout->addWidget(retry_);
 
     editor_ = new PlainNoteEditor(store_, this);
     markdownEditor_ = new MarkdownTextView(this);
@@ -44,24 +47,33 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent) : QWidget(parent), sto
     layout->addWidget(banner_);
     layout->addWidget(stack_, 1);
 
-    connect(reload, &QPushButton::clicked, this, [this] { store_.reloadConflict(url_); });
-    connect(keepCopy, &QPushButton::clicked, this, [this] { (void)store_.keepConflictCopy(url_); });
+    connect(reload_, &QPushButton::clicked, this, [this] { store_.reloadConflict(url_); });
+    connect(keepCopy_, &QPushButton::clicked, this, [this] { (void)store_.keepConflictCopy(url_); });
+    connect(retry_, &QPushButton::clicked, this, [this] { store_.retrySave(url_); });
     connect(markdownEditor_, &MarkdownTextView::markdownEdited, this, [this](const QString& text) {
-        if (!url_.isEmpty()) store_.setBody(url_, text);
+        if (url_.isEmpty()) return;
+        shownMarkdown_ = text;
+        store_.setBody(url_, text);
     });
-    connect(&store_, &NoteStore::noteReloaded, this, [this](const QString& url) {
-        if (url == url_ && currentEditor() == markdownEditor_) markdownEditor_->setMarkdown(store_.body(url), url);
-    });
+    connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
     connect(markdownEditor_, &MarkdownTextView::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
     });
-    connect(&store_, &NoteStore::selectionChanged, this, &EditorPane::showSelection);
-    connect(&store_, &NoteStore::conflictsChanged, this, &EditorPane::updateBanner);
+    connect(&store_, &NoteStore::conflictsChanged, this, &EditorPane::updateBanners);
+    connect(&store_, &NoteStore::saveStateChanged, this, &EditorPane::updateBanners);
     connect(&store_, &NoteStore::editorFocusRequested, this, [this](const QUuid&, const QString& url) {
         if (url == url_ && currentEditor()) currentEditor()->setFocus();
     });
-    showSelection();
+    if (fixedNote_) {
+        connect(&store_, &NoteStore::notesChanged, this, [this] {
+            if (!store_.note(*fixedNote_)) emit noteClosed();
+        });
+        showNote(*fixedNote_);
+    } else {
+        connect(&store_, &NoteStore::selectionChanged, this, &EditorPane::showSelection);
+        showSelection();
+    }
 }
 
 QWidget* EditorPane::currentEditor() const {
@@ -71,12 +83,16 @@ QWidget* EditorPane::currentEditor() const {
 
 void EditorPane::showSelection() {
     const auto& selection = store_.selection();
-    const Note* note = selection ? store_.note(*selection) : nullptr;
+    showNote(selection ? *selection : QString());
+}
+
+void EditorPane::showNote(const QString& url) {
+    const Note* note = url.isEmpty() ? nullptr : store_.note(url);
     if (!note) {
         url_.clear();
         editor_->showNote(QString());
         stack_->setCurrentWidget(placeholder_);
-        updateBanner();
+        updateBanners();
         return;
     }
     if (note->url != url_) {
@@ -84,6 +100,7 @@ void EditorPane::showSelection() {
         // Markdown notes get the styled editor; HTML and sketches stay plain text until their views arrive.
         if (note->contentType == NoteContentType::markdown) {
             editor_->showNote(QString());
+            shownMarkdown_ = note->content;
             markdownEditor_->setMarkdown(note->content, note->url);
             stack_->setCurrentWidget(markdownEditor_);
         } else {
@@ -91,11 +108,33 @@ void EditorPane::showSelection() {
             stack_->setCurrentWidget(editor_);
         }
     }
-    updateBanner();
+    updateBanners();
 }
 
-void EditorPane::updateBanner() {
-    banner_->setVisible(!url_.isEmpty() && store_.conflict(url_));
+// The note changed somewhere else: another view, the disk, the store itself.
+void EditorPane::takeStoreText(const QString& url) {
+    if (url != url_ || currentEditor() != markdownEditor_) return;
+    const QString text = store_.body(url);
+    if (text == shownMarkdown_) return;  // our own edit coming back
+    replaceTextKeepingView(*markdownEditor_, shownMarkdown_, text,
+                           [this](const QString& after) { markdownEditor_->setMarkdown(after, url_); });
+    shownMarkdown_ = text;
+}
+
+void EditorPane::updateBanners() {
+    const NoteConflict* conflict = url_.isEmpty() ? nullptr : store_.conflict(url_);
+    const SaveFailure* failure = url_.isEmpty() || conflict ? nullptr : store_.saveFailure(url_);
+    if (conflict) {
+        bannerText_->setText(tr("This note was changed somewhere else while you were editing it. "
+                                "Reload the saved version, or keep your text as a conflict copy."));
+    } else if (failure) {
+        bannerText_->setText(tr("This note could not be saved (%1). Your text is kept here, and Mossly keeps trying.")
+                                 .arg(failure->error.description()));
+    }
+    reload_->setVisible(conflict);
+    keepCopy_->setVisible(conflict);
+    retry_->setVisible(failure);
+    banner_->setVisible(conflict || failure);
 }
 
 void EditorPane::setFontPointSize(qreal size) {

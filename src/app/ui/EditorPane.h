@@ -1,9 +1,11 @@
 #pragma once
 
 #include <QWidget>
+#include <optional>
 
 class QLabel;
 class QFrame;
+class QPushButton;
 class QStackedWidget;
 
 namespace mossly {
@@ -12,12 +14,15 @@ class MarkdownTextView;
 class NoteStore;
 class PlainNoteEditor;
 
-// The right side of the window: a banner when the open note has a conflict,
-// and the editor for the selected note.
+// An editor for one note at a time: a banner when the note has a conflict or
+// cannot be saved, and the editor for its kind. The library window's pane
+// follows the store's selection; a standalone note window shows a fixed note.
+// Every view of a note edits it through the store, so two views of one note
+// stay in step and there is only ever one writer.
 class EditorPane : public QWidget {
     Q_OBJECT
 public:
-    explicit EditorPane(NoteStore& store, QWidget* parent = nullptr);
+    explicit EditorPane(NoteStore& store, QWidget* parent = nullptr, std::optional<QString> fixedNote = std::nullopt);
 
     PlainNoteEditor* editor() const { return editor_; }
     MarkdownTextView* markdownEditor() const { return markdownEditor_; }
@@ -26,18 +31,29 @@ public:
     const QString& noteUrl() const { return url_; }
     void setFontPointSize(qreal size);
 
+signals:
+    // The note this pane shows is gone (a fixed note that was deleted).
+    void noteClosed();
+
 private:
+    void showNote(const QString& url);
     void showSelection();
-    void updateBanner();
+    void takeStoreText(const QString& url);
+    void updateBanners();
 
     NoteStore& store_;
+    std::optional<QString> fixedNote_;
     QFrame* banner_;
     QLabel* bannerText_;
+    QPushButton* reload_;
+    QPushButton* keepCopy_;
+    QPushButton* retry_;
     QStackedWidget* stack_;
     QLabel* placeholder_;
     PlainNoteEditor* editor_;
     MarkdownTextView* markdownEditor_;
     QString url_;
+    QString shownMarkdown_;  // the Markdown editor's text as last taken from or given to the store
 };
 
 }  // namespace mossly

@@ -46,6 +46,9 @@ LibrarySidebar::LibrarySidebar(NoteStore& store, QWidget* parent) : QWidget(pare
         if (index.isValid()) store_.select(index.data(NoteListModel::UrlRole).toString());
     });
     connect(list_, &QListView::customContextMenuRequested, this, &LibrarySidebar::showNoteMenu);
+    connect(list_, &QListView::doubleClicked, this, [this](const QModelIndex& index) {
+        if (index.isValid()) emit openInWindowRequested(index.data(NoteListModel::UrlRole).toString());
+    });
     connect(&store_, &NoteStore::selectionChanged, this, &LibrarySidebar::followSelection);
     connect(model_, &QAbstractItemModel::modelReset, this, &LibrarySidebar::followSelection);
 }
@@ -81,6 +84,8 @@ void LibrarySidebar::showNoteMenu(const QPoint& position) {
     if (!urls.contains(url)) urls = {url};
 
     QMenu menu(this);
+    menu.addAction(tr("Open in New Window"), this, [this, url] { emit openInWindowRequested(url); });
+    menu.addSeparator();
     const bool favorite = store_.isFavorite(url);
     menu.addAction(favorite ? tr("Remove from Favourites") : tr("Add to Favourites"), this, [this, urls, favorite] {
         for (const QString& u : urls) store_.setFavorite(!favorite, u);

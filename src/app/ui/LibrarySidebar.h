@@ -22,6 +22,10 @@ public:
     LibraryTree* tree() const { return tree_; }
     void focusSearch();
 
+signals:
+    // The user asked for a note in a window of its own (double click, context menu).
+    void openInWindowRequested(const QString& url);
+
 private:
     void showNoteMenu(const QPoint& position);
     void followSelection();

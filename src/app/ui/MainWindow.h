@@ -7,6 +7,7 @@ namespace mossly {
 class EditorPane;
 class LibrarySidebar;
 class NoteStore;
+class NoteWindow;
 
 // The library window: sidebar and editor side by side, with the app's menus.
 // A thin composition root; behaviour lives in the parts.
@@ -17,8 +18,13 @@ public:
 
     LibrarySidebar* sidebar() const { return sidebar_; }
     EditorPane* editorPane() const { return editorPane_; }
+    // Opens the note in a standalone window, or raises the one already showing it.
+    NoteWindow* openNoteWindow(const QString& url);
 
 private:
+    void showLaunchNotices();
+
+    NoteStore& store_;
     LibrarySidebar* sidebar_;
     EditorPane* editorPane_;
 };

@@ -1,5 +1,6 @@
 #include "PlainNoteEditor.h"
 
+#include "EditorTextSync.h"
 #include "NoteStore.h"
 
 namespace mossly {
@@ -9,27 +10,32 @@ PlainNoteEditor::PlainNoteEditor(NoteStore& store, QWidget* parent) : QPlainText
     setFrameShape(QFrame::NoFrame);
     document()->setDocumentMargin(16);
     connect(this, &QPlainTextEdit::textChanged, this, [this] {
-        if (!loading_ && !url_.isEmpty()) store_.setBody(url_, toPlainText());
+        if (loading_ || url_.isEmpty()) return;
+        shownText_ = documentText(*document());
+        store_.setBody(url_, shownText_);
     });
-    connect(&store_, &NoteStore::noteReloaded, this, [this](const QString& url) {
+    connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
         if (url == url_) reloadText();
     });
 }
 
 void PlainNoteEditor::showNote(const QString& url) {
     url_ = url;
-    reloadText();
+    loading_ = true;
+    shownText_ = store_.body(url_);
+    setPlainText(shownText_);
+    loading_ = false;
     setReadOnly(url_.isEmpty());
 }
 
+// Another view or the disk changed the note: take its text, keeping the caret on the same words.
 void PlainNoteEditor::reloadText() {
-    const int position = textCursor().position();
+    const QString text = store_.body(url_);
+    if (text == shownText_) return;  // our own edit coming back
     loading_ = true;
-    setPlainText(store_.body(url_));
+    replaceTextKeepingView(*this, shownText_, text, [this](const QString& after) { setPlainText(after); });
+    shownText_ = text;
     loading_ = false;
-    QTextCursor cursor = textCursor();
-    cursor.setPosition(std::min(position, static_cast<int>(document()->characterCount()) - 1));
-    setTextCursor(cursor);
 }
 
 }  // namespace mossly

@@ -7,8 +7,8 @@ namespace mossly {
 class NoteStore;
 
 // A plain-text editor bound to one note of the store: every change goes to
-// the store (which saves it, debounced and revision-checked), and a reload
-// from disk replaces the text. Used for HTML and sketch notes until their
+// the store (which saves it, debounced and revision-checked), and a change
+// made elsewhere (another window, the disk) replaces the text. Used for HTML and sketch notes until their
 // own views exist; Markdown notes open in MarkdownTextView.
 class PlainNoteEditor : public QPlainTextEdit {
     Q_OBJECT
@@ -23,6 +23,7 @@ private:
 
     NoteStore& store_;
     QString url_;
+    QString shownText_;  // the text as last taken from or given to the store
     bool loading_ = false;
 };
 
