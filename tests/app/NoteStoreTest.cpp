@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
 
@@ -55,7 +56,14 @@ TEST_F(NoteStoreTest, TypingForSecondsWritesOnceAfterTheLastKey) {
         ASSERT_EQ(recorder.count(QStringLiteral("Note save committed")), 0) << "saved while typing";
     }
     EXPECT_EQ(folder.read(QStringLiteral("a.md")), "start");
+    // The one write comes a quarter of a second after the last key, not much later.
+    QElapsedTimer sinceLastKey;
+    sinceLastKey.start();
+    text += u'!';
+    store->setBody(url("a.md"), text);
     ASSERT_TRUE(test::waitUntil([&] { return recorder.count(QStringLiteral("Note save committed")) == 1; }));
+    EXPECT_GE(sinceLastKey.elapsed(), NoteStore::saveDelayMilliseconds);
+    EXPECT_LT(sinceLastKey.elapsed(), NoteStore::saveDelayMilliseconds + 400);
     EXPECT_EQ(bodyOnDisk(QStringLiteral("a.md")), text);
     test::spin(400);
     EXPECT_EQ(recorder.count(QStringLiteral("Note save committed")), 1);
@@ -179,9 +187,14 @@ TEST_F(NoteStoreTest, SearchAsYouType) {
     folder.write(QStringLiteral("budget.md"), "# Budget\nnumbers for Q3");
     folder.write(QStringLiteral("other.md"), "# Other\nnothing");
     auto store = openStore();
+    QElapsedTimer sinceTyping;
+    sinceTyping.start();
     store->setSearchText(QStringLiteral("budget"));
-    EXPECT_FALSE(store->searchResults());  // not before 0.12 s
+    test::spin(60);
+    EXPECT_FALSE(store->searchResults()) << "searched before the typing paused";
     ASSERT_TRUE(test::waitUntil([&] { return store->searchResults().has_value(); }));
+    EXPECT_GE(sinceTyping.elapsed(), NoteStore::searchDelayMilliseconds);
+    EXPECT_LT(sinceTyping.elapsed(), NoteStore::searchDelayMilliseconds + 400);
     ASSERT_EQ(store->filteredNotes().size(), 1u);
     EXPECT_EQ(store->filteredNotes()[0]->identifier, QStringLiteral("budget.md"));
     // Once the catalog has indexed the library, results come from it, excerpts included.

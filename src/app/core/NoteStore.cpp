@@ -101,6 +101,7 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     diagnostics().addPrivatePath(directory_);
     searchTimer_.setSingleShot(true);
     searchTimer_.setInterval(searchDelayMilliseconds);
+    searchTimer_.setTimerType(Qt::PreciseTimer);  // a coarse timer may fire 5 % early
     connect(&searchTimer_, &QTimer::timeout, this, &NoteStore::runSearch);
     if (options_.loadsNotesSynchronously) {
         didStartInitialLoad_ = true;
@@ -283,6 +284,7 @@ void NoteStore::startSaveTimer(const QString& url, int milliseconds) {
     if (!timer) {
         timer = new QTimer(this);
         timer->setSingleShot(true);
+        timer->setTimerType(Qt::PreciseTimer);  // a coarse timer may fire 5 % early
         connect(timer, &QTimer::timeout, this, [this, url] { (void)persistPendingSave(url); });
     }
     timer->start(milliseconds);  // restarting cancels the previous debounce

@@ -265,6 +265,10 @@ private:
     bool isSearching_ = false;
 };
 
+// Until the catalog has indexed the library once, searches run over the notes
+// in memory: the notes containing every query term, accents and case folded.
+std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query);
+
 // The app's per-library catalog file inside the notes folder.
 QString librarySearchCatalogPath(const QString& directory);
 

@@ -23,9 +23,10 @@ QString foldedForSearch(const QString& text) {
     return folded.normalized(QString::NormalizationForm_C).toLower();
 }
 
-// Until the catalog has indexed the library once, search what is in memory:
-// notes containing every term, in list order. Slower to rank, never empty-handed.
-std::vector<NoteSearchResult> searchInMemory(const std::vector<Note>& notes, const QString& query) {
+}  // namespace
+
+// Notes in list order: slower to rank than the catalog, never empty-handed.
+std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query) {
     const QStringList terms = NoteSearch::normalizedTerms(query);
     std::vector<NoteSearchResult> results;
     for (const Note& n : notes) {
@@ -43,8 +44,6 @@ std::vector<NoteSearchResult> searchInMemory(const std::vector<Note>& notes, con
     }
     return results;
 }
-
-}  // namespace
 
 void NoteStore::setSearchText(const QString& text) {
     if (text == searchText_) return;
@@ -67,7 +66,7 @@ void NoteStore::runSearch() {
     isSearching_ = true;
     emit searchChanged();
     if (!catalog_ || !catalogReady_) {
-        searchResults_ = searchInMemory(notes_, query);
+        searchResults_ = searchNotesInMemory(notes_, query);
         isSearching_ = false;
         emit searchChanged();
         return;
@@ -83,7 +82,7 @@ void NoteStore::runSearch() {
             } else {
                 DiagnosticsCenter::shared().event(QStringLiteral("Search failed"),
                                                   {{"reason", response.error().description()}});
-                searchResults_ = searchInMemory(notes_, query);
+                searchResults_ = searchNotesInMemory(notes_, query);
             }
             emit searchChanged();
         });
