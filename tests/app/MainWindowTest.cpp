@@ -6,6 +6,7 @@
 #include <QListView>
 #include <QMenuBar>
 #include <QTest>
+#include <QTimer>
 
 #include "AppLifecycle.h"
 #include "AppTestSupport.h"
@@ -93,6 +94,33 @@ TEST(AppLifecycleTest, QuittingWritesAPendingEdit) {
     QApplication::exec();  // aboutToQuit runs the handler before exec returns
     EXPECT_EQ(folder.read(QStringLiteral("a.md")),
               "---\nnotes-created-by: human\nnotes-last-edited-by: human\n---\ntyped a moment before quitting");
+}
+
+TEST(AppLifecycleTest, ClosingTheWindowWaitsForTheHandlerWhichMayKeepTheAppOpen) {
+    test::TemporaryNotesFolder folder;
+    NoteStore store(folder.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+    MainWindow window(store);
+    window.show();
+    AppLifecycle lifecycle;
+    lifecycle.watchMainWindow(&window);
+    std::vector<bool> calls;
+    bool allow = false;
+    lifecycle.setTerminationHandler([&](bool mayCancel) {
+        calls.push_back(mayCancel);
+        return allow;
+    });
+    // "Keep Trying": the window stays and the app goes on.
+    window.close();
+    ASSERT_TRUE(test::waitUntil([&] { return calls.size() == 1; }));
+    test::spin(50);
+    EXPECT_TRUE(window.isVisible());
+    EXPECT_TRUE(calls[0]) << "a quit asked for by the user may still be cancelled";
+
+    // Allowed: the quit goes ahead, and the handler is not asked twice.
+    allow = true;
+    QTimer::singleShot(0, &window, &QWidget::close);
+    QApplication::exec();
+    EXPECT_EQ(calls.size(), 2u);
 }
 
 }  // namespace
