@@ -5,6 +5,7 @@
 #include <QDir>
 #include <QMenuBar>
 #include <QProcess>
+#include <QPushButton>
 #include <QTest>
 
 #include "AppTestSupport.h"
@@ -147,6 +148,29 @@ TEST_F(EditorSyncTest, NonBreakingSpacesSurviveThePlainEditor) {
     editor->setTextCursor(end);
     QTest::keyClicks(editor, QStringLiteral("!"));
     EXPECT_EQ(store->body(url("page.html")), QStringLiteral("<p>It is 10\u00A0km away</p>!"));
+}
+
+TEST_F(EditorSyncTest, NotesThatCannotBeReadAreListedNotSilentlyMissing) {
+    folder.write(QStringLiteral("fine.md"), "# Fine");
+    folder.write(QStringLiteral("latin1.md"), "caf\xe9");
+    open();
+    ASSERT_EQ(store->unreadableNotes().size(), 1u);
+    EXPECT_EQ(store->unreadableNotes()[0].identifier, QStringLiteral("latin1.md"));
+    EXPECT_EQ(store->unreadableNotes()[0].reason, Error::invalidEncoding(QStringLiteral("latin1.md")).description());
+    QPushButton* notice = window->unreadableNotesNotice();
+    EXPECT_TRUE(notice->isVisible());
+    EXPECT_EQ(notice->text(), QStringLiteral("1 note(s) could not be opened"));
+
+    // Another one goes bad while Mossly runs; then the user fixes both.
+    test::spin(300);
+    folder.write(QStringLiteral("fine.md"), "\xff\xfe broken");
+    ASSERT_TRUE(test::waitUntil([&] { return store->unreadableNotes().size() == 2; }));
+    EXPECT_EQ(folder.read(QStringLiteral("fine.md")), "\xff\xfe broken") << "never rewritten";
+    folder.write(QStringLiteral("fine.md"), "# Fine again");
+    folder.write(QStringLiteral("latin1.md"), "caf\xc3\xa9");
+    ASSERT_TRUE(test::waitUntil([&] { return store->unreadableNotes().empty(); }));
+    EXPECT_FALSE(notice->isVisible());
+    EXPECT_TRUE(store->note(url("latin1.md")));
 }
 
 TEST_F(EditorSyncTest, CheckForUpdatesIsThereButDisabled) {

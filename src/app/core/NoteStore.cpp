@@ -24,20 +24,21 @@ namespace {
 DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
 
 // Reads and decodes every note, on all cores: at start-up this is what the
-// user waits for. Notes that cannot be shown (not UTF-8, vanished mid-read)
-// are left out of the list, not fatal. Keeps the repository's order.
+// user waits for. Notes that cannot be shown (not UTF-8, unreadable) are kept
+// aside with the reason, for the notice that lists them. Keeps the
+// repository's order.
 std::vector<Note> readAllNotes(const NoteFileAccess& files, const std::vector<NoteFileMetadata>& listing,
-                               int& unreadable) {
+                               std::vector<UnreadableNote>& unreadable) {
     std::vector<std::optional<Note>> loaded(listing.size());
+    std::vector<std::optional<Error>> failures(listing.size());
     std::atomic<size_t> next{0};
-    std::atomic<int> failed{0};
     const auto work = [&] {
         for (size_t i = next++; i < loaded.size(); i = next++) {
             auto stored = files.read(listing[i].identifier);
             if (stored) {
                 loaded[i] = noteFromStored(*stored);
             } else {
-                ++failed;
+                failures[i] = stored.error();
             }
         }
     };
@@ -46,11 +47,14 @@ std::vector<Note> readAllNotes(const NoteFileAccess& files, const std::vector<No
     for (int w = 1; w < workers; ++w) threads.emplace_back(work);
     work();
     threads.clear();  // joins
-    unreadable = failed;
     std::vector<Note> notes;
     notes.reserve(loaded.size());
-    for (auto& entry : loaded) {
-        if (entry) notes.push_back(std::move(*entry));
+    for (size_t i = 0; i < loaded.size(); ++i) {
+        if (loaded[i]) {
+            notes.push_back(std::move(*loaded[i]));
+        } else if (failures[i] && failures[i]->code() != Error::Code::notFound) {  // vanished mid-read: not a problem
+            unreadable.push_back({listing[i].identifier, failures[i]->description()});
+        }
     }
     return notes;
 }
@@ -66,6 +70,18 @@ QString Note::fileText(const QString& body) const {
     return base ? base->serialized(body, NoteEditor::human()) : body;
 }
 
+void NoteStore::setUnreadableNotes(std::vector<UnreadableNote> unreadable) {
+    std::sort(unreadable.begin(), unreadable.end(),
+              [](const UnreadableNote& a, const UnreadableNote& b) { return a.identifier < b.identifier; });
+    if (unreadable == unreadableNotes_) return;
+    unreadableNotes_ = std::move(unreadable);
+    if (!unreadableNotes_.empty()) {
+        diagnostics().event(QStringLiteral("Notes could not be read"),
+                            {{"count", static_cast<qint64>(unreadableNotes_.size())}});
+    }
+    emit unreadableNotesChanged();
+}
+
 QString librarySearchCatalogPath(const QString& directory) {
     return directory + u'/' + NoteSearchCatalog::notesFolderCatalogName;
 }
@@ -74,7 +90,7 @@ struct NoteStore::LoadedLibrary {
     std::vector<Note> notes;
     Result<FolderMetadata> metadata = FolderMetadata{};
     std::optional<Error> listingError;
-    int unreadable = 0;
+    std::vector<UnreadableNote> unreadable;
 
     // Everything a library load reads; safe on any thread.
     static LoadedLibrary read(const NoteFileAccess& files) {
@@ -159,6 +175,7 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
     }
     notes_ = std::move(merged);
     sortNotes();
+    setUnreadableNotes(std::move(library.unreadable));
     for (const QString& url : QStringList(pendingBaseRevisions_.keys()) + QStringList(conflicts_.keys())) {
         if (!note(url)) forgetUnsavedState(url);
     }

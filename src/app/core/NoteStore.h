@@ -55,6 +55,14 @@ struct SaveFailure {
     int attempts = 0;
 };
 
+// A file of the notes folder that looks like a note but cannot be shown
+// (not UTF-8, no permission). It is listed for the user and never rewritten.
+struct UnreadableNote {
+    QString identifier;
+    QString reason;
+    bool operator==(const UnreadableNote&) const = default;
+};
+
 // What is left when the app quits: the notes still unsaved, and the conflict
 // copies written so that both texts of an unresolved conflict are on disk.
 struct QuitPreparation {
@@ -131,6 +139,8 @@ public:
 
     // Notes
     const std::vector<Note>& notes() const { return notes_; }
+    // Note files that could not be read, by identifier, as of the last load or scan.
+    const std::vector<UnreadableNote>& unreadableNotes() const { return unreadableNotes_; }
     const Note* note(const QString& url) const;
     std::optional<QString> createNote(const QString& content, NoteContentType contentType);
     // The editor binding: the body as held in memory, and a change to it.
@@ -191,6 +201,7 @@ signals:
     void noteContentChanged(const QString& url);
     // A save failed, or a failed save finally succeeded.
     void saveStateChanged(const QString& url);
+    void unreadableNotesChanged();
     void editorFocusRequested(const QUuid& requestId, const QString& url);
     void importFinished(const NoteFileImportReport& report);
     void saveCommitted(const QString& url);
@@ -223,6 +234,7 @@ private:
     void touch(Note& note) { note.changeGeneration = ++generation_; }
     void removeNotesFromModel(const QSet<QString>& urls, bool dropFolderMetadata);
     void dropFolderMetadataFor(const QSet<QString>& fileNames);
+    void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
 
     QString directory_;
     Options options_;
@@ -232,6 +244,7 @@ private:
     std::unique_ptr<DirectoryMonitor> monitor_;
 
     std::vector<Note> notes_;
+    std::vector<UnreadableNote> unreadableNotes_;
     FolderMetadata metadata_;
     std::optional<Error> metadataError_;
     bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read

@@ -18,6 +18,7 @@ struct NoteStore::Scan {
     bool available = true;  // false: the folder was missing or unreadable, which says nothing about its notes
     QSet<QString> present;  // identifiers of every note file seen
     std::vector<StoredNote> loaded;  // new files, and files whose modification date changed
+    std::vector<UnreadableNote> unreadable;
 };
 
 // Something changed in the notes folder. Only files that are new or whose
@@ -29,6 +30,8 @@ void NoteStore::scheduleExternalChanges() {
     const quint64 start = generation_;
     QHash<QString, FileTime> known;
     for (const Note& n : notes_) known.insert(n.identifier, n.modifiedAt);
+    // Unreadable files are read again on every scan: fixing one is a change the user expects to see.
+    for (const UnreadableNote& unreadable : unreadableNotes_) known.remove(unreadable.identifier);
     const std::shared_ptr<NoteFileAccess> files = files_;
     runInBackground(
         this,
@@ -47,8 +50,9 @@ void NoteStore::scheduleExternalChanges() {
                 auto stored = files->read(entry.identifier);
                 if (stored) {
                     scan.loaded.push_back(std::move(*stored));
-                } else if (it == known.cend()) {
-                    scan.present.remove(entry.identifier);  // not readable as a note: not shown
+                } else if (stored.error().code() != Error::Code::notFound) {
+                    scan.unreadable.push_back({entry.identifier, stored.error().description()});
+                    if (it == known.cend()) scan.present.remove(entry.identifier);  // not shown
                 }
             }
             return scan;
@@ -81,6 +85,7 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
         startMonitoring();
     }
 
+    setUnreadableNotes(std::move(scan.unreadable));
     bool lookAgain = false;
     int added = 0, updated = 0, conflicts = 0;
     QSet<QString> removed;

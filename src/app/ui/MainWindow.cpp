@@ -1,6 +1,7 @@
 #include "MainWindow.h"
 
 #include <QMessageBox>
+#include <QPushButton>
 #include <QSplitter>
 #include <QStatusBar>
 
@@ -46,6 +47,31 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     openNewest();
     if (store.folderMetadataError()) statusBar()->showMessage(store.folderMetadataError()->description());
     showLaunchNotices();
+
+    // Files that look like notes but cannot be read are never silently missing.
+    unreadableNotice_ = new QPushButton(this);
+    unreadableNotice_->setObjectName(QStringLiteral("unreadableNotesNotice"));
+    unreadableNotice_->setFlat(true);
+    statusBar()->addPermanentWidget(unreadableNotice_);
+    connect(unreadableNotice_, &QPushButton::clicked, this, &MainWindow::showUnreadableNotes);
+    connect(&store, &NoteStore::unreadableNotesChanged, this, &MainWindow::updateUnreadableNotice);
+    updateUnreadableNotice();
+}
+
+void MainWindow::updateUnreadableNotice() {
+    const auto count = static_cast<int>(store_.unreadableNotes().size());
+    unreadableNotice_->setVisible(count > 0);
+    unreadableNotice_->setText(tr("%n note(s) could not be opened", nullptr, count));
+}
+
+void MainWindow::showUnreadableNotes() {
+    QStringList lines;
+    for (const UnreadableNote& unreadable : store_.unreadableNotes()) {
+        lines.append(QStringLiteral("\u2022 %1: %2").arg(unreadable.identifier, unreadable.reason));
+    }
+    QMessageBox::information(this, tr("Notes that could not be opened"),
+                             tr("These files are left exactly as they are; Mossly never rewrites them.") +
+                                 QStringLiteral("\n\n") + lines.join(u'\n'));
 }
 
 NoteWindow* MainWindow::openNoteWindow(const QString& url) {

@@ -2,6 +2,8 @@
 
 #include <QMainWindow>
 
+class QPushButton;
+
 namespace mossly {
 
 class EditorPane;
@@ -21,12 +23,17 @@ public:
     // Opens the note in a standalone window, or raises the one already showing it.
     NoteWindow* openNoteWindow(const QString& url);
 
+    QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
+
 private:
     void showLaunchNotices();
+    void updateUnreadableNotice();
+    void showUnreadableNotes();
 
     NoteStore& store_;
     LibrarySidebar* sidebar_;
     EditorPane* editorPane_;
+    QPushButton* unreadableNotice_;
 };
 
 }  // namespace mossly
