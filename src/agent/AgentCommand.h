@@ -74,6 +74,8 @@ int runUpdate(const QStringList& arguments, AgentIo& io);
 int runSearch(const QStringList& arguments, AgentIo& io);
 int runTrash(const QStringList& arguments, AgentIo& io);
 int runSync(const QStringList& arguments, AgentIo& io);
+int runMcp(const QStringList& arguments, AgentIo& io);
+int runAccess(const QStringList& arguments, AgentIo& io);
 
 // Dispatches "mossly-agent <subcommand> …" (arguments exclude the program name).
 int runAgent(const QStringList& arguments, AgentIo& io);

@@ -1,3 +1,4 @@
+#include "AgentAccess.h"
 #include "AgentCommand.h"
 
 namespace mossly::agent {
@@ -18,8 +19,11 @@ Commands:
   search QUERY [--limit N]               ranked keyword search (indexes first)
   trash ID                               move a note to the Trash
   sync                                   bring the search catalog up to date
+  mcp [--agent NAME]                     serve the notes to AI agents over MCP (stdio)
+  access on|off|status                   let agents use the notes, or not
 
-Output is one JSON document on stdout. Errors go to stderr; exit code 1 for a
+Every command but access needs agent access turned on (Mossly's Settings, or
+"mossly-agent access on"). Output is one JSON document on stdout. Errors go to stderr; exit code 1 for a
 failed operation, 2 for a usage error.
 )";
 
@@ -34,13 +38,19 @@ int runAgent(const QStringList& arguments, AgentIo& io) {
         io.out.flush();
         return success;
     }
+    if (command == u"access") return runAccess(rest, io);
     using Runner = int (*)(const QStringList&, AgentIo&);
     const std::pair<const char16_t*, Runner> commands[] = {
         {u"list", runList},     {u"read", runRead},   {u"create", runCreate}, {u"update", runUpdate},
-        {u"search", runSearch}, {u"trash", runTrash}, {u"sync", runSync},
+        {u"search", runSearch}, {u"trash", runTrash}, {u"sync", runSync},     {u"mcp", runMcp},
     };
     for (const auto& [name, run] : commands) {
-        if (command == QStringView(name)) return run(rest, io);
+        if (command != QStringView(name)) continue;
+        // The user decides whether agents may touch the notes at all. The MCP
+        // server starts anyway and answers each call with the reason, which
+        // the agent can show.
+        if (auto allowed = AgentAccess::require(); !allowed && command != u"mcp") return printError(io, allowed.error());
+        return run(rest, io);
     }
     return printUsage(io, {QStringLiteral("Unknown command: ") + command});
 }

@@ -84,6 +84,14 @@ Error Error::unsupportedImportFile(const QString& fileName) {
             QStringLiteral("Only Markdown, HTML and sketch files can be imported: ") + fileName, fileName};
 }
 
+Error Error::agentAccessOff() {
+    return {Code::agentAccessOff,
+            QStringLiteral("Agent access to your notes is turned off. Turn it on in Mossly (Settings \u25B8 Agents) "
+                           "or run: mossly-agent access on")};
+}
+
+Error Error::invalidArgument(const QString& description) { return {Code::invalidArgument, description}; }
+
 Error Error::unsavedEdits() {
     return {Code::unsavedEdits, QStringLiteral("Some notes have changes that are not saved yet.")};
 }

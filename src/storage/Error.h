@@ -35,6 +35,10 @@ public:
         folderMetadataUnreadable,
         unsupportedImportFile,
         unsavedEdits,
+        // Agents
+        agentAccessOff,
+        // A caller passed something the operation cannot take; the text says what.
+        invalidArgument,
         // An operating-system call failed; `systemErrno()` holds errno.
         system,
     };
@@ -59,6 +63,8 @@ public:
     static Error unsupportedImportFile(const QString& fileName);
     // Text that is only in memory (a pending edit or an open conflict) stands in the way.
     static Error unsavedEdits();
+    static Error agentAccessOff();
+    static Error invalidArgument(const QString& description);
     // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
     static Error system(int errnoValue, const QString& path);
 

@@ -1,0 +1,105 @@
+#include <gtest/gtest.h>
+
+#include <QBuffer>
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include "AgentAccess.h"
+#include "AgentCommand.h"
+#include "McpServer.h"
+#include "TestSupport.h"
+
+namespace mossly::agent {
+namespace {
+
+// The protocol edges; the whole session runs against the official client in mcp-client.mjs.
+class McpServerTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    test::TemporaryNotesFolder caches;
+    McpServer server{NoteRepository(folder.path()), {caches.filePath("catalog.sqlite"), std::nullopt}};
+
+    QJsonObject request(int id, const QString& method, const QJsonObject& params = {}) {
+        return *server.handle({{"jsonrpc", "2.0"}, {"id", id}, {"method", method}, {"params", params}});
+    }
+    void TearDown() override { ASSERT_TRUE(AgentAccess::setEnabled(true)); }
+};
+
+TEST_F(McpServerTest, NegotiatesTheProtocolVersion) {
+    for (const QString& version : McpServer::supportedProtocolVersions()) {
+        EXPECT_EQ(request(1, "initialize", {{"protocolVersion", version}}).value("result")["protocolVersion"], version);
+    }
+    // A version we do not speak gets our newest; the client decides whether to go on.
+    EXPECT_EQ(request(2, "initialize", {{"protocolVersion", "2099-01-01"}}).value("result")["protocolVersion"],
+              McpServer::supportedProtocolVersions().front());
+}
+
+TEST_F(McpServerTest, ProtocolErrorsAreJsonRpcErrorsAndNotificationsGetNoAnswer) {
+    EXPECT_EQ(request(1, "resources/subscribe").value("error")["code"], -32601);
+    EXPECT_EQ(request(2, "tools/call", {{"name", "format_disk"}}).value("error")["code"], -32602);
+    EXPECT_EQ(server.handle({{"id", 3}, {"method", "ping"}})->value("error")["code"], -32600) << "no jsonrpc";
+    EXPECT_EQ(McpServer::parseError().value("error")["code"], -32700);
+    EXPECT_FALSE(server.handle({{"jsonrpc", "2.0"}, {"method", "notifications/initialized"}}));
+    EXPECT_FALSE(server.handle({{"jsonrpc", "2.0"}, {"id", 9}, {"result", QJsonObject{}}})) << "a stray response";
+    // A request the client cancelled before we reached it is dropped.
+    EXPECT_FALSE(server.handle({{"jsonrpc", "2.0"},
+                                {"method", "notifications/cancelled"},
+                                {"params", QJsonObject{{"requestId", 7}}}}));
+    EXPECT_FALSE(server.handle({{"jsonrpc", "2.0"}, {"id", 7}, {"method", "ping"}}));
+    EXPECT_TRUE(request(8, "ping").contains("result"));
+}
+
+TEST_F(McpServerTest, ToolFailuresAreResultsTheAgentCanRead) {
+    const auto call = [&](const QString& name, const QJsonObject& arguments) {
+        return request(1, "tools/call", {{"name", name}, {"arguments", arguments}}).value("result").toObject();
+    };
+    EXPECT_TRUE(call("read_note", {{"identifier", "../etc/passwd"}}).value("isError").toBool());
+    EXPECT_TRUE(call("update_note", {{"identifier", "a.md"}}).value("isError").toBool());
+    EXPECT_TRUE(call("create_note", {{"title", "T"}, {"fields", QJsonObject{{"x", QJsonObject{}}}}}).value("isError").toBool());
+    EXPECT_TRUE(call("list_notes", {{"cursor", "-3"}}).value("isError").toBool());
+    const QJsonObject created = call("create_note", {{"title", "T"}, {"fields", QJsonObject{{"tags", QJsonArray{"a", "b"}}}}});
+    ASSERT_FALSE(created.value("isError").toBool());
+    EXPECT_TRUE(QString::fromUtf8(folder.read(QStringLiteral("T.md"))).contains(QStringLiteral("tags: [\"a\",\"b\"]")));
+
+    // Turned off while the agent runs: every call says so and nothing is written.
+    ASSERT_TRUE(AgentAccess::setEnabled(false));
+    const QJsonObject refused = call("create_note", {{"title", "Sneaky"}});
+    EXPECT_TRUE(refused.value("isError").toBool());
+    EXPECT_EQ(refused.value("content")[0]["text"].toString(), Error::agentAccessOff().description());
+    EXPECT_FALSE(folder.exists(QStringLiteral("Sneaky.md")));
+}
+
+TEST(AgentAccessTest, CommandsAreRefusedWhileAccessIsOff) {
+    test::TemporaryNotesFolder folder;
+    const auto run = [&](const QStringList& arguments, QString& out, QString& err) {
+        QTextStream outStream(&out), errStream(&err);
+        QBuffer in;
+        in.open(QIODevice::ReadOnly);
+        AgentIo io{outStream, errStream, in};
+        const int code = runAgent(arguments, io);
+        outStream.flush();
+        errStream.flush();
+        return code;
+    };
+    QString out, err;
+    EXPECT_EQ(run({"access", "off"}, out, err), 0);
+    EXPECT_EQ(out.trimmed(), QStringLiteral("{\"enabled\":false}"));
+    out.clear();
+    EXPECT_EQ(run({"list", "--notes-dir", folder.path()}, out, err), 1);
+    EXPECT_EQ(err.trimmed(), Error::agentAccessOff().description());
+    EXPECT_TRUE(out.isEmpty());
+    EXPECT_EQ(run({"access", "maybe"}, out, err), 2);
+    EXPECT_EQ(run({"access", "on"}, out, err), 0);
+    err.clear();
+    EXPECT_EQ(run({"list", "--notes-dir", folder.path()}, out, err), 0) << err.toStdString();
+    // A record that cannot be read counts as off.
+    QFile record(AgentAccess::recordPath());
+    ASSERT_TRUE(record.open(QIODevice::WriteOnly));
+    record.write("{broken");
+    record.close();
+    EXPECT_FALSE(AgentAccess::isEnabled());
+    ASSERT_TRUE(AgentAccess::setEnabled(true));
+}
+
+}  // namespace
+}  // namespace mossly::agent
