@@ -76,6 +76,9 @@ int runTrash(const QStringList& arguments, AgentIo& io);
 int runSync(const QStringList& arguments, AgentIo& io);
 int runMcp(const QStringList& arguments, AgentIo& io);
 int runAccess(const QStringList& arguments, AgentIo& io);
+int runRegister(const QStringList& arguments, AgentIo& io, bool add);
+int runClients(const QStringList& arguments, AgentIo& io);
+int runInstall(const QStringList& arguments, AgentIo& io);
 
 // Dispatches "mossly-agent <subcommand> …" (arguments exclude the program name).
 int runAgent(const QStringList& arguments, AgentIo& io);

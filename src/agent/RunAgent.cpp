@@ -21,8 +21,12 @@ Commands:
   sync                                   bring the search catalog up to date
   mcp [--agent NAME]                     serve the notes to AI agents over MCP (stdio)
   access on|off|status                   let agents use the notes, or not
+  register CLIENT | unregister CLIENT    add or remove the MCP server in an agent's
+                                         settings: claude-desktop, claude-code, codex
+  clients                                where each agent stands
+  install                                link ~/.local/bin/mossly-agent to this program
 
-Every command but access needs agent access turned on (Mossly's Settings, or
+Every command that reads or writes notes needs agent access turned on (Mossly's Settings, or
 "mossly-agent access on"). Output is one JSON document on stdout. Errors go to stderr; exit code 1 for a
 failed operation, 2 for a usage error.
 )";
@@ -38,7 +42,12 @@ int runAgent(const QStringList& arguments, AgentIo& io) {
         io.out.flush();
         return success;
     }
+    // Setting up needs no access: it is how the user grants it.
     if (command == u"access") return runAccess(rest, io);
+    if (command == u"register") return runRegister(rest, io, true);
+    if (command == u"unregister") return runRegister(rest, io, false);
+    if (command == u"clients") return runClients(rest, io);
+    if (command == u"install") return runInstall(rest, io);
     using Runner = int (*)(const QStringList&, AgentIo&);
     const std::pair<const char16_t*, Runner> commands[] = {
         {u"list", runList},     {u"read", runRead},   {u"create", runCreate}, {u"update", runUpdate},

@@ -90,6 +90,10 @@ Error Error::agentAccessOff() {
                            "or run: mossly-agent access on")};
 }
 
+Error Error::agentClientConfiguration(const QString& description) {
+    return {Code::agentClientConfiguration, description};
+}
+
 Error Error::invalidArgument(const QString& description) { return {Code::invalidArgument, description}; }
 
 Error Error::unsavedEdits() {

@@ -37,6 +37,7 @@ public:
         unsavedEdits,
         // Agents
         agentAccessOff,
+        agentClientConfiguration,
         // A caller passed something the operation cannot take; the text says what.
         invalidArgument,
         // An operating-system call failed; `systemErrno()` holds errno.
@@ -64,6 +65,8 @@ public:
     // Text that is only in memory (a pending edit or an open conflict) stands in the way.
     static Error unsavedEdits();
     static Error agentAccessOff();
+    // An agent client's configuration could not be changed; the text says why.
+    static Error agentClientConfiguration(const QString& description);
     static Error invalidArgument(const QString& description);
     // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
     static Error system(int errnoValue, const QString& path);
