@@ -5,6 +5,8 @@
 #include <QDir>
 #include <QMenuBar>
 #include <QProcess>
+#include <QCheckBox>
+#include <QLabel>
 #include <QPushButton>
 #include <QTest>
 
@@ -15,6 +17,8 @@
 #include "NoteStore.h"
 #include "NoteWindow.h"
 #include "PlainNoteEditor.h"
+#include "SettingsWindow.h"
+#include "AgentAccess.h"
 #include "QuitFlow.h"
 #include "TestSupport.h"
 #include "TextChangeMapping.h"
@@ -171,6 +175,30 @@ TEST_F(EditorSyncTest, NotesThatCannotBeReadAreListedNotSilentlyMissing) {
     ASSERT_TRUE(test::waitUntil([&] { return store->unreadableNotes().empty(); }));
     EXPECT_FALSE(notice->isVisible());
     EXPECT_TRUE(store->note(url("latin1.md")));
+}
+
+TEST_F(EditorSyncTest, SettingsTurnAgentAccessOnAndRegisterAClient) {
+    open();
+    QAction* settings = findAction(*window, QStringLiteral("Settings…"));
+    ASSERT_TRUE(settings);
+    EXPECT_EQ(settings->shortcut(), QKeySequence(QStringLiteral("Ctrl+,")));
+    ASSERT_TRUE(AgentAccess::setEnabled(false));
+    settings->trigger();
+    auto* dialog = window->findChild<SettingsWindow*>();
+    ASSERT_TRUE(dialog);
+    EXPECT_FALSE(dialog->accessSwitch()->isChecked());
+    dialog->accessSwitch()->click();
+    EXPECT_TRUE(AgentAccess::isEnabled());
+    auto* registerCodex = dialog->findChild<QPushButton*>(QStringLiteral("register-codex"));
+    ASSERT_TRUE(registerCodex);
+    registerCodex->click();
+    const QString config = QDir::homePath() + QStringLiteral("/.codex/config.toml");
+    QFile file(config);
+    ASSERT_TRUE(file.open(QIODevice::ReadOnly)) << "the test's own home folder, not the user's";
+    EXPECT_TRUE(file.readAll().contains("[mcp_servers.mossly]"));
+    EXPECT_EQ(dialog->findChild<QLabel*>(QStringLiteral("status-codex"))->text(), QStringLiteral("Registered"));
+    QFile::remove(config);
+    dialog->close();
 }
 
 TEST_F(EditorSyncTest, CheckForUpdatesIsThereButDisabled) {

@@ -126,6 +126,31 @@ TEST_F(NoteStoreConflictTest, KeepConflictCopyPreservesBothTexts) {
     EXPECT_FALSE(store->conflict(url("plan.md")));
 }
 
+// The same race through the MCP server an agent keeps running.
+TEST_F(NoteStoreTest, AnMcpUpdateOfAnOpenEditedNoteBecomesAConflict) {
+    folder.write(QStringLiteral("plan.md"), "shared plan");
+    auto store = openStore();
+    test::spin(200);
+    store->setBody(url("plan.md"), QStringLiteral("user's unsaved words"));
+    QProcess server;
+    server.start(QStringLiteral(MOSSLY_AGENT_PATH), {"mcp", "--notes-dir", folder.path()});
+    ASSERT_TRUE(server.waitForStarted());
+    const QString revision = NoteDocument::revision(QByteArray("shared plan"));
+    server.write(R"({"jsonrpc":"2.0","id":1,"method":"initialize","params":{"protocolVersion":"2025-06-18","clientInfo":{"name":"codex"}}})"
+                 "\n");
+    server.write(QStringLiteral(R"({"jsonrpc":"2.0","id":2,"method":"tools/call","params":{"name":"update_note",)"
+                                R"("arguments":{"identifier":"plan.md","expectedRevision":"%1","body":"agent's words"}}})")
+                     .arg(revision)
+                     .toUtf8() +
+                 "\n");
+    server.closeWriteChannel();
+    ASSERT_TRUE(server.waitForFinished(10000));
+    EXPECT_TRUE(server.readAllStandardOutput().contains("agent:codex"));
+    ASSERT_TRUE(test::waitUntil([&] { return store->conflict(url("plan.md")) != nullptr; }));
+    EXPECT_EQ(store->conflict(url("plan.md"))->userContent, QStringLiteral("user's unsaved words"));
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("plan.md")), QStringLiteral("agent's words"));
+}
+
 TEST_F(NoteStoreTest, ExternalChangesAreReconciled) {
     folder.write(QStringLiteral("keep.md"), "keep");
     folder.write(QStringLiteral("gone.md"), "gone");

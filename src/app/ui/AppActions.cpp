@@ -3,6 +3,7 @@
 #include <QAction>
 #include <QApplication>
 #include <QDesktopServices>
+#include <QDir>
 #include <QFileDialog>
 #include <QLineEdit>
 #include <QMenuBar>
@@ -10,7 +11,10 @@
 #include <QSettings>
 #include <QUrl>
 
+#include "AgentCommandInstall.h"
 #include "EditorPane.h"
+#include "LinkPreviews.h"
+#include "SettingsWindow.h"
 #include "LibrarySidebar.h"
 #include "MainWindow.h"
 #include "MarkdownTextView.h"
@@ -142,6 +146,30 @@ void installAppActions(MainWindow& window, NoteStore& store) {
         window.editorPane()->markdownEditor()->setPresentation(showSource ? markdown::Presentation::source
                                                                           : markdown::Presentation::styled);
     });
+    QAction* linkPreviews = view->addAction(QObject::tr("Link Previews"));
+    linkPreviews->setCheckable(true);
+    linkPreviews->setChecked(window.linkPreviews().isEnabled());
+    QObject::connect(linkPreviews, &QAction::toggled, &window.linkPreviews(), &LinkPreviews::setEnabled);
+    QObject::connect(&window.linkPreviews(), &LinkPreviews::enabledChanged, linkPreviews, &QAction::setChecked);
+
+    edit->addSeparator();
+    QAction* settings = addAction(edit, QObject::tr("Settings…"), QKeySequence(QStringLiteral("Ctrl+,")));
+    QObject::connect(settings, &QAction::triggered, &window, [&window] {
+        if (auto* open = window.findChild<SettingsWindow*>()) {
+            open->raise();
+            return;
+        }
+        const QString program = locateAgentCommand(QCoreApplication::applicationFilePath());
+        SettingsWindow::Agents agents{
+            AgentClientRegistration(AgentClientEnvironment::system(), preferredAgentCommand(program, QDir::homePath())),
+            program, QDir::homePath()};
+        auto* dialog = new SettingsWindow(
+            window.linkPreviews(), [&window](qreal size) { window.editorPane()->setFontPointSize(size); },
+            std::move(agents), &window);
+        dialog->setAttribute(Qt::WA_DeleteOnClose);
+        dialog->show();
+    });
+
     QObject::connect(bigger, &QAction::triggered, &window, [applySize] { applySize(+1); });
     QObject::connect(smaller, &QAction::triggered, &window, [applySize] { applySize(-1); });
     applySize(0);

@@ -10,6 +10,7 @@
 #include "Diagnostics.h"
 #include "EditorPane.h"
 #include "LaunchNotices.h"
+#include "LinkPreviews.h"
 #include "LibrarySidebar.h"
 #include "NoteStore.h"
 #include "NoteWindow.h"
@@ -17,6 +18,7 @@
 namespace mossly {
 
 MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent), store_(store) {
+    linkPreviews_ = new LinkPreviews(LinkPreviews::systemService(), this);
     setWindowTitle(QStringLiteral("Mossly"));
     setWindowIcon(appIcon());
     sidebar_ = new LibrarySidebar(store, this);

@@ -10,6 +10,7 @@ class EditorPane;
 class LibrarySidebar;
 class NoteStore;
 class NoteWindow;
+class LinkPreviews;
 
 // The library window: sidebar and editor side by side, with the app's menus.
 // A thin composition root; behaviour lives in the parts.
@@ -24,6 +25,7 @@ public:
     NoteWindow* openNoteWindow(const QString& url);
 
     QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
+    LinkPreviews& linkPreviews() const { return *linkPreviews_; }
 
 private:
     void showLaunchNotices();
@@ -34,6 +36,7 @@ private:
     LibrarySidebar* sidebar_;
     EditorPane* editorPane_;
     QPushButton* unreadableNotice_;
+    LinkPreviews* linkPreviews_;
 };
 
 }  // namespace mossly

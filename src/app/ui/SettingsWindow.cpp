@@ -1,0 +1,138 @@
+#include "SettingsWindow.h"
+
+#include <QCheckBox>
+#include <QFileInfo>
+#include <QFormLayout>
+#include <QGridLayout>
+#include <QLabel>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QSettings>
+#include <QSpinBox>
+#include <QTabWidget>
+#include <QVBoxLayout>
+
+#include "AgentAccess.h"
+#include "AgentCommandInstall.h"
+#include "LinkPreviews.h"
+
+namespace mossly {
+
+SettingsWindow::SettingsWindow(LinkPreviews& previews, std::function<void(qreal)> applyFontSize, Agents agents,
+                               QWidget* parent)
+    : QDialog(parent), previews_(previews), applyFontSize_(std::move(applyFontSize)), agents_(std::move(agents)) {
+    setObjectName(QStringLiteral("settingsWindow"));
+    setWindowTitle(tr("Settings"));
+    auto* tabs = new QTabWidget(this);
+    tabs->addTab(editorPage(), tr("Editor"));
+    tabs->addTab(agentsPage(), tr("Agents"));
+    auto* layout = new QVBoxLayout(this);
+    layout->addWidget(tabs);
+    resize(560, 380);
+}
+
+QWidget* SettingsWindow::editorPage() {
+    auto* page = new QWidget(this);
+    auto* form = new QFormLayout(page);
+    auto* size = new QSpinBox(page);
+    size->setRange(8, 48);
+    size->setSuffix(tr(" pt"));
+    size->setValue(QSettings().value(QStringLiteral("editor.fontSize"), 12).toInt());
+    connect(size, &QSpinBox::valueChanged, this, [this](int points) {
+        QSettings().setValue(QStringLiteral("editor.fontSize"), points);
+        applyFontSize_(points);
+    });
+    form->addRow(tr("Text size:"), size);
+    auto* linkPreviews = new QCheckBox(tr("Show previews of web links (fetches the page's title and image)"), page);
+    linkPreviews->setChecked(previews_.isEnabled());
+    connect(linkPreviews, &QCheckBox::toggled, &previews_, &LinkPreviews::setEnabled);
+    connect(&previews_, &LinkPreviews::enabledChanged, linkPreviews, &QCheckBox::setChecked);
+    form->addRow(linkPreviews);
+    return page;
+}
+
+QWidget* SettingsWindow::agentsPage() {
+    auto* page = new QWidget(this);
+    auto* layout = new QVBoxLayout(page);
+    access_ = new QCheckBox(tr("Let AI agents read and edit my notes"), page);
+    access_->setObjectName(QStringLiteral("agentAccess"));
+    auto* explanation = new QLabel(tr("Agents use the same safe saving as Mossly: they can never write over your "
+                                      "words, and every note records who last edited it."),
+                                   page);
+    explanation->setWordWrap(true);
+    layout->addWidget(access_);
+    layout->addWidget(explanation);
+
+    auto* install = new QPushButton(tr("Install Command"), page);
+    installStatus_ = new QLabel(page);
+    installStatus_->setWordWrap(true);
+    auto* installRow = new QHBoxLayout;
+    installRow->addWidget(install);
+    installRow->addWidget(installStatus_, 1);
+    layout->addLayout(installRow);
+    connect(install, &QPushButton::clicked, this, [this] {
+        auto installed = installAgentCommand(agents_.agentProgram, agents_.home, qEnvironmentVariable("PATH"));
+        if (!installed) {
+            QMessageBox::warning(this, tr("The command could not be installed"), installed.error().description());
+            return;
+        }
+        refreshAgents();
+        if (!installed->folderOnPath) {
+            installStatus_->setText(tr("Installed as %1, but %2 is not on your PATH.")
+                                        .arg(installed->linkPath, QFileInfo(installed->linkPath).path()));
+        }
+    });
+
+    auto* grid = new QGridLayout;
+    int row = 0;
+    for (const AgentClient client : allAgentClients) {
+        auto* status = new QLabel(page);
+        status->setObjectName(QStringLiteral("status-") + agentClientName(client));
+        auto* add = new QPushButton(tr("Register"), page);
+        add->setObjectName(QStringLiteral("register-") + agentClientName(client));
+        auto* remove = new QPushButton(tr("Unregister"), page);
+        grid->addWidget(new QLabel(agentClientTitle(client), page), row, 0);
+        grid->addWidget(status, row, 1);
+        grid->addWidget(add, row, 2);
+        grid->addWidget(remove, row, 3);
+        clientStatus_.emplace_back(client, status);
+        const auto act = [this, client](bool registering) {
+            auto done = registering ? agents_.registration.registerClient(client)
+                                    : agents_.registration.unregisterClient(client);
+            if (!done) QMessageBox::warning(this, agentClientTitle(client), done.error().description());
+            refreshAgents();
+        };
+        connect(add, &QPushButton::clicked, this, [act] { act(true); });
+        connect(remove, &QPushButton::clicked, this, [act] { act(false); });
+        ++row;
+    }
+    grid->setColumnStretch(1, 1);
+    layout->addLayout(grid);
+    layout->addStretch(1);
+
+    connect(access_, &QCheckBox::toggled, this, [this](bool enabled) {
+        if (auto saved = AgentAccess::setEnabled(enabled); !saved) {
+            QMessageBox::warning(this, tr("Agent access"), saved.error().description());
+        }
+        refreshAgents();
+    });
+    refreshAgents();
+    return page;
+}
+
+void SettingsWindow::refreshAgents() {
+    const QSignalBlocker quiet(access_);
+    access_->setChecked(AgentAccess::isEnabled());
+    const QString command = preferredAgentCommand(agents_.agentProgram, agents_.home);
+    installStatus_->setText(command == agents_.agentProgram ? tr("Not installed in ~/.local/bin")
+                                                            : tr("Installed as %1").arg(command));
+    for (const auto& [client, label] : clientStatus_) {
+        const auto registered = agents_.registration.isRegistered(client);
+        label->setText(!registered ? registered.error().description()
+                       : *registered ? tr("Registered")
+                                     : tr("Not registered"));
+        label->setToolTip(agents_.registration.location(client));
+    }
+}
+
+}  // namespace mossly

@@ -1,0 +1,46 @@
+#pragma once
+
+#include <QDialog>
+#include <functional>
+
+#include "AgentClientRegistration.h"
+
+class QCheckBox;
+class QLabel;
+class QSpinBox;
+
+namespace mossly {
+
+class LinkPreviews;
+
+// Settings (Ctrl+,): the Editor page (text size, link previews) and the Agents
+// page (whether AI agents may use the notes, the command on the PATH, and
+// registration with each agent client).
+class SettingsWindow : public QDialog {
+    Q_OBJECT
+public:
+    struct Agents {
+        AgentClientRegistration registration;
+        QString agentProgram;  // the mossly-agent to install and register
+        QString home;
+    };
+
+    SettingsWindow(LinkPreviews& previews, std::function<void(qreal)> applyFontSize, Agents agents,
+                   QWidget* parent = nullptr);
+
+    QCheckBox* accessSwitch() const { return access_; }
+
+private:
+    QWidget* editorPage();
+    QWidget* agentsPage();
+    void refreshAgents();
+
+    LinkPreviews& previews_;
+    std::function<void(qreal)> applyFontSize_;
+    Agents agents_;
+    QCheckBox* access_ = nullptr;
+    QLabel* installStatus_ = nullptr;
+    std::vector<std::pair<AgentClient, QLabel*>> clientStatus_;
+};
+
+}  // namespace mossly
