@@ -79,6 +79,10 @@ void TestHttpServer::answer(int connection) {
         return ::send(connection, bytes.constData(), bytes.size(), MSG_NOSIGNAL) == bytes.size();
     };
     if (!send(head)) return;
+    if (response.cutAfterBytes >= 0) {
+        send(response.body.left(response.cutAfterBytes));
+        return;
+    }
     for (qsizetype at = 0; at < response.body.size() && !stopping_; at += response.chunkSize) {
         if (response.chunkDelay.count() > 0) std::this_thread::sleep_for(response.chunkDelay);
         const QByteArray chunk = response.body.mid(at, response.chunkSize);

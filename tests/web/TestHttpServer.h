@@ -28,6 +28,7 @@ public:
         bool declareLength = true;  // else the body is sent chunked
         std::chrono::milliseconds chunkDelay{0};
         int chunkSize = 4096;
+        qsizetype cutAfterBytes = -1;  // hang up after this much of the body (a dropped connection)
     };
     using Handler = std::function<Response(const Request&)>;
 

@@ -1,0 +1,238 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QMutex>
+#include <QUrlQuery>
+
+#include "GranolaSync.h"
+#include "TestHttpServer.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+using namespace std::chrono_literals;
+using test::TestHttpServer;
+
+// A Granola stand-in that speaks the documented shapes: pages of two notes with
+// a cursor, the updated_after filter, notes with transcripts, and scripted faults.
+class FakeGranola {
+public:
+    QMutex mutex;
+    QHash<QString, QJsonObject> notes;  // by id
+    QHash<QString, TestHttpServer::Response> faults;  // by path prefix, served once
+    QString lastUpdatedAfter;
+    QString key = QStringLiteral("grn_good");
+
+    void add(const QString& id, const QString& title, const QString& updatedAt, const QString& summary) {
+        QMutexLocker lock(&mutex);
+        notes.insert(id, QJsonObject{
+                             {"id", id}, {"object", "note"}, {"title", title},
+                             {"created_at", "2026-11-20T09:00:00Z"}, {"updated_at", updatedAt},
+                             {"web_url", "https://notes.granola.ai/d/" + id},
+                             {"calendar_event", QJsonObject{{"event_title", title},
+                                                            {"scheduled_start_time", "2026-11-20T09:00:00Z"},
+                                                            {"scheduled_end_time", "2026-11-20T09:30:00Z"}}},
+                             {"attendees", QJsonArray{QJsonObject{{"name", "Oat Benson"}, {"email", "oat@example.com"}}}},
+                             {"folder_membership", QJsonArray{QJsonObject{{"id", "fol_1"}, {"name", "Team"}}}},
+                             {"summary_markdown", summary},
+                             {"transcript", QJsonArray{
+                                  QJsonObject{{"speaker", QJsonObject{{"source", "microphone"}}}, {"text", "Shall we start?"},
+                                              {"start_time", "2026-11-20T09:00:02Z"}},
+                                  QJsonObject{{"speaker", QJsonObject{{"source", "speaker"}}}, {"text", "Yes, budget first."},
+                                              {"start_time", "2026-11-20T09:01:15Z"}}}}});
+    }
+
+    TestHttpServer::Response answer(const TestHttpServer::Request& request) {
+        QMutexLocker lock(&mutex);
+        for (auto it = faults.begin(); it != faults.end(); ++it) {
+            if (request.path.startsWith(it.key())) {
+                const auto fault = it.value();
+                faults.erase(it);
+                return fault;
+            }
+        }
+        if (!request.headers.contains("Authorization: Bearer " + key.toUtf8())) return {.status = 401, .body = "{}"};
+        const QUrl url(QStringLiteral("http://x") + request.path);
+        const QUrlQuery query(url);
+        if (url.path() == u"/v1/notes") {
+            lastUpdatedAfter = query.queryItemValue(QStringLiteral("updated_after"));
+            QStringList ids = notes.keys();
+            ids.sort();
+            QJsonArray page;
+            const int start = query.queryItemValue(QStringLiteral("cursor")).toInt();
+            int index = 0, sent = 0;
+            bool more = false;
+            for (const QString& id : ids) {
+                const QJsonObject note = notes.value(id);
+                if (!lastUpdatedAfter.isEmpty() &&
+                    QDateTime::fromString(note.value("updated_at").toString(), Qt::ISODate) <=
+                        QDateTime::fromString(lastUpdatedAfter, Qt::ISODate)) {
+                    continue;
+                }
+                if (index++ < start) continue;
+                if (sent == 2) {
+                    more = true;
+                    break;
+                }
+                page.append(QJsonObject{{"id", id}, {"title", note.value("title")}, {"updated_at", note.value("updated_at")}});
+                ++sent;
+            }
+            QJsonObject body{{"notes", page}, {"hasMore", more}};
+            body.insert("cursor", more ? QJsonValue(QString::number(start + 2)) : QJsonValue());
+            return {.contentType = "application/json", .body = QJsonDocument(body).toJson()};
+        }
+        const QString id = url.path().section(u'/', 3, 3);
+        if (!notes.contains(id)) return {.status = 404, .body = "{}"};
+        return {.contentType = "application/json", .body = QJsonDocument(notes.value(id)).toJson()};
+    }
+};
+
+class GranolaImportTest : public ::testing::Test {
+protected:
+    FakeGranola granola;
+    TestHttpServer server{[this](const TestHttpServer::Request& request) { return granola.answer(request); }};
+    test::TemporaryNotesFolder folder;
+    std::vector<std::chrono::milliseconds> pauses;
+    std::chrono::milliseconds now{0};
+
+    GranolaImportReport sync(const QString& key = QStringLiteral("grn_good")) {
+        auto limiter = std::make_shared<GranolaRateLimiter>([this] { return now; },
+                                                            [this](std::chrono::milliseconds d) {
+                                                                pauses.push_back(d);
+                                                                now += d;
+                                                            });
+        GranolaClient client({.baseUrl = QStringLiteral("http://127.0.0.1:%1").arg(server.port()), .apiKey = key,
+                              .timeout = 5000ms, .maximumRetries = 4, .maximumRetryWait = 60000ms},
+                             limiter);
+        GranolaSync sync(client, NoteRepository(folder.path()), folder.path());
+        return sync.run();
+    }
+    QStringList noteFiles() const {
+        QStringList files = QDir(folder.path()).entryList({QStringLiteral("*.md")}, QDir::Files);
+        files.sort();
+        return files;
+    }
+    NoteDocument document(const QString& name) const {
+        return NoteDocument(QString::fromUtf8(folder.read(name)), NoteContentType::markdown);
+    }
+};
+
+TEST_F(GranolaImportTest, FirstImportWritesMeetingNotesLikeTheRecordersOwn) {
+    granola.add("not_a", "Budget review", "2026-11-20T10:00:00Z", "- Travel **over** plan");
+    granola.add("not_b", "Hiring", "2026-11-20T11:00:00Z", "");
+    granola.add("not_c", "Offsite", "2026-11-20T12:00:00Z", "Venue chosen");
+    const GranolaImportReport report = sync();
+    EXPECT_FALSE(report.stoppedBecause) << report.stoppedBecause->toStdString();
+    EXPECT_EQ(report.imported, (QStringList{"Budget review.md", "Hiring.md", "Offsite.md"}));
+    EXPECT_EQ(noteFiles(), (QStringList{"Budget review.md", "Hiring.md", "Offsite.md"}));
+
+    const NoteDocument budget = document(QStringLiteral("Budget review.md"));
+    EXPECT_EQ(budget.createdBy, NoteEditor::agent(QStringLiteral("granola")));
+    EXPECT_EQ(budget.body, QStringLiteral("# Budget review\n\n<!-- notes:meeting-summary:start -->\n## Summary\n\n"
+                                          "- Travel **over** plan\n<!-- notes:meeting-summary:end -->\n\n"
+                                          "<!-- notes:meeting-transcript:start -->\n## Transcript\n\n"
+                                          "[00:00] You: Shall we start?\n[01:13] System: Yes, budget first.\n"
+                                          "<!-- notes:meeting-transcript:end -->"));
+    EXPECT_EQ(budget.frontMatterFields.at("meeting-started-at").get<QString>(), QStringLiteral("2026-11-20T09:00:00Z"));
+    EXPECT_EQ(budget.frontMatterFields.at("meeting-attendees").get<QStringList>(),
+              QStringList{QStringLiteral("Oat Benson <oat@example.com>")});
+    EXPECT_EQ(document(QStringLiteral("Hiring.md")).frontMatterFields.at("meeting-summary-status").get<QString>(),
+              QStringLiteral("disabled"));
+    ASSERT_EQ(report.folders.size(), 3u);
+    EXPECT_EQ(report.folders[0].second, QStringList{QStringLiteral("fol_1\tTeam")});
+
+    // Nothing changed at Granola: nothing is fetched or written again, and the filter is used.
+    const QByteArray before = folder.read(QStringLiteral("Budget review.md"));
+    const GranolaImportReport again = sync();
+    EXPECT_TRUE(again.imported.isEmpty() && again.updated.isEmpty());
+    EXPECT_EQ(granola.lastUpdatedAfter, QStringLiteral("2026-11-20T12:00:00Z"));
+    EXPECT_EQ(folder.read(QStringLiteral("Budget review.md")), before);
+}
+
+TEST_F(GranolaImportTest, UpdatesFollowGranolaButNeverOverwriteTheUsersEdits) {
+    granola.add("not_a", "Budget review", "2026-11-20T10:00:00Z", "first summary");
+    granola.add("not_b", "Hiring", "2026-11-20T11:00:00Z", "first summary");
+    ASSERT_FALSE(sync().stoppedBecause);
+    // The user adds a line to one note in Mossly.
+    const QByteArray edited = folder.read(QStringLiteral("Hiring.md")) + "\nMy own follow-up.";
+    folder.write(QStringLiteral("Hiring.md"), edited);
+    granola.add("not_a", "Budget review", "2026-11-21T10:00:00Z", "revised summary");
+    granola.add("not_b", "Hiring", "2026-11-21T11:00:00Z", "revised summary");
+
+    const GranolaImportReport report = sync();
+    EXPECT_EQ(report.updated, QStringList{QStringLiteral("Budget review.md")});
+    EXPECT_EQ(report.conflictCopies, QStringList{QStringLiteral("Hiring (Granola update).md")});
+    EXPECT_TRUE(document(QStringLiteral("Budget review.md")).body.contains(QStringLiteral("revised summary")));
+    EXPECT_EQ(folder.read(QStringLiteral("Hiring.md")), edited) << "the user's words were overwritten";
+    EXPECT_TRUE(document(QStringLiteral("Hiring (Granola update).md")).body.contains(QStringLiteral("revised summary")));
+
+    // A note the user deleted stays deleted.
+    QFile::remove(folder.filePath("Budget review.md"));
+    granola.add("not_a", "Budget review", "2026-11-22T10:00:00Z", "third summary");
+    const GranolaImportReport third = sync();
+    EXPECT_EQ(third.skipped, QStringList{QStringLiteral("Budget review.md")});
+    EXPECT_FALSE(folder.exists(QStringLiteral("Budget review.md")));
+}
+
+TEST_F(GranolaImportTest, AnInterruptedRunResumesWithoutDuplicates) {
+    granola.add("not_a", "One", "2026-11-20T10:00:00Z", "s");
+    granola.add("not_b", "Two", "2026-11-20T11:00:00Z", "s");
+    granola.add("not_c", "Three", "2026-11-20T12:00:00Z", "s");
+    granola.faults.insert(QStringLiteral("/v1/notes/not_b"), {.status = 500, .body = "{}"});
+    const GranolaImportReport broken = sync();
+    ASSERT_TRUE(broken.stoppedBecause);
+    EXPECT_EQ(*broken.stoppedBecause, GranolaError(GranolaError::Code::server, 500).description());
+    EXPECT_EQ(noteFiles(), QStringList{QStringLiteral("One.md")});
+
+    const GranolaImportReport resumed = sync();
+    EXPECT_FALSE(resumed.stoppedBecause);
+    EXPECT_EQ(resumed.imported, (QStringList{"Two.md", "Three.md"}));
+    EXPECT_EQ(noteFiles(), (QStringList{"One.md", "Three.md", "Two.md"}));
+}
+
+TEST_F(GranolaImportTest, FailuresSayWhatHappenedAndWriteNothing) {
+    granola.add("not_a", "One", "2026-11-20T10:00:00Z", "s");
+    EXPECT_EQ(*sync(QStringLiteral("grn_wrong")).stoppedBecause, GranolaError(GranolaError::Code::badKey).description());
+    granola.faults.insert(QStringLiteral("/v1/notes?"), {.status = 403, .body = "{}"});
+    EXPECT_EQ(*sync().stoppedBecause, GranolaError(GranolaError::Code::noAccess).description());
+    granola.faults.insert(QStringLiteral("/v1/notes?"), {.contentType = "application/json", .body = R"({"notes":"x"})"});
+    EXPECT_EQ(*sync().stoppedBecause, GranolaError(GranolaError::Code::malformed).description());
+    granola.faults.insert(QStringLiteral("/v1/notes?"),
+                          {.contentType = "application/json", .body = QByteArray(5000, ' ') + "{}", .cutAfterBytes = 100});
+    EXPECT_EQ(*sync().stoppedBecause, GranolaError(GranolaError::Code::offline).description());
+    EXPECT_TRUE(noteFiles().isEmpty());
+    EXPECT_FALSE(folder.exists(GranolaImportManifest::fileName));
+
+    // One malformed note is reported on its own; the others still come in.
+    granola.add("not_b", "Two", "2026-11-20T11:00:00Z", "s");
+    granola.faults.insert(QStringLiteral("/v1/notes/not_a"),
+                          {.contentType = "application/json", .body = R"({"id":"not_a","transcript":"garbage"})"});
+    const GranolaImportReport report = sync();
+    ASSERT_EQ(report.failed.size(), 1u);
+    EXPECT_EQ(report.failed[0].second, GranolaError(GranolaError::Code::malformed).description());
+    EXPECT_EQ(noteFiles(), QStringList{QStringLiteral("Two.md")});
+}
+
+TEST_F(GranolaImportTest, RateLimitsArePacedAndRetryAfterIsHonoured) {
+    for (int i = 0; i < 3; ++i) granola.add(QStringLiteral("not_%1").arg(i), QStringLiteral("N%1").arg(i), "2026-11-20T10:00:00Z", "s");
+    granola.faults.insert(QStringLiteral("/v1/notes/not_1"),
+                          {.status = 429, .body = "{}", .extraHeaders = "Retry-After: 7\r\n"});
+    const GranolaImportReport report = sync();
+    EXPECT_FALSE(report.stoppedBecause);
+    EXPECT_EQ(report.imported.size(), 3u);
+    EXPECT_NE(std::find(pauses.begin(), pauses.end(), 7000ms), pauses.end()) << "Retry-After was not waited out";
+
+    // The limiter alone: 60 requests at once take at least 11 seconds (25 per 5 s, one per 200 ms).
+    std::chrono::milliseconds clock{0};
+    GranolaRateLimiter limiter([&] { return clock; }, [&](std::chrono::milliseconds d) { clock += d; });
+    for (int i = 0; i < 60; ++i) limiter.acquire();
+    EXPECT_GE(clock, 11800ms);
+    EXPECT_LE(clock, 12000ms);
+}
+
+}  // namespace
+}  // namespace mossly
