@@ -79,6 +79,7 @@ int runAccess(const QStringList& arguments, AgentIo& io);
 int runRegister(const QStringList& arguments, AgentIo& io, bool add);
 int runClients(const QStringList& arguments, AgentIo& io);
 int runInstall(const QStringList& arguments, AgentIo& io);
+int runImportGranola(const QStringList& arguments, AgentIo& io);
 
 // Dispatches "mossly-agent <subcommand> …" (arguments exclude the program name).
 int runAgent(const QStringList& arguments, AgentIo& io);

@@ -25,6 +25,8 @@ Commands:
                                          settings: claude-desktop, claude-code, codex
   clients                                where each agent stands
   install                                link ~/.local/bin/mossly-agent to this program
+  import-granola                         import and update notes from Granola (key from
+                                         MOSSLY_GRANOLA_API_KEY or the keyring)
 
 Every command that reads or writes notes needs agent access turned on (Mossly's Settings, or
 "mossly-agent access on"). Output is one JSON document on stdout. Errors go to stderr; exit code 1 for a
@@ -48,6 +50,8 @@ int runAgent(const QStringList& arguments, AgentIo& io) {
     if (command == u"unregister") return runRegister(rest, io, false);
     if (command == u"clients") return runClients(rest, io);
     if (command == u"install") return runInstall(rest, io);
+    // The user's own importer, writing as "agent:granola".
+    if (command == u"import-granola") return runImportGranola(rest, io);
     using Runner = int (*)(const QStringList&, AgentIo&);
     const std::pair<const char16_t*, Runner> commands[] = {
         {u"list", runList},     {u"read", runRead},   {u"create", runCreate}, {u"update", runUpdate},

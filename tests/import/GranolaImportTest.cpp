@@ -7,6 +7,11 @@
 #include <QMutex>
 #include <QUrlQuery>
 
+#include <QBuffer>
+
+#include "AgentCommand.h"
+#include "GranolaKeyStore.h"
+#include "FakeGranola.h"
 #include "GranolaSync.h"
 #include "TestHttpServer.h"
 #include "TestSupport.h"
@@ -16,80 +21,7 @@ namespace {
 
 using namespace std::chrono_literals;
 using test::TestHttpServer;
-
-// A Granola stand-in that speaks the documented shapes: pages of two notes with
-// a cursor, the updated_after filter, notes with transcripts, and scripted faults.
-class FakeGranola {
-public:
-    QMutex mutex;
-    QHash<QString, QJsonObject> notes;  // by id
-    QHash<QString, TestHttpServer::Response> faults;  // by path prefix, served once
-    QString lastUpdatedAfter;
-    QString key = QStringLiteral("grn_good");
-
-    void add(const QString& id, const QString& title, const QString& updatedAt, const QString& summary) {
-        QMutexLocker lock(&mutex);
-        notes.insert(id, QJsonObject{
-                             {"id", id}, {"object", "note"}, {"title", title},
-                             {"created_at", "2026-11-20T09:00:00Z"}, {"updated_at", updatedAt},
-                             {"web_url", "https://notes.granola.ai/d/" + id},
-                             {"calendar_event", QJsonObject{{"event_title", title},
-                                                            {"scheduled_start_time", "2026-11-20T09:00:00Z"},
-                                                            {"scheduled_end_time", "2026-11-20T09:30:00Z"}}},
-                             {"attendees", QJsonArray{QJsonObject{{"name", "Oat Benson"}, {"email", "oat@example.com"}}}},
-                             {"folder_membership", QJsonArray{QJsonObject{{"id", "fol_1"}, {"name", "Team"}}}},
-                             {"summary_markdown", summary},
-                             {"transcript", QJsonArray{
-                                  QJsonObject{{"speaker", QJsonObject{{"source", "microphone"}}}, {"text", "Shall we start?"},
-                                              {"start_time", "2026-11-20T09:00:02Z"}},
-                                  QJsonObject{{"speaker", QJsonObject{{"source", "speaker"}}}, {"text", "Yes, budget first."},
-                                              {"start_time", "2026-11-20T09:01:15Z"}}}}});
-    }
-
-    TestHttpServer::Response answer(const TestHttpServer::Request& request) {
-        QMutexLocker lock(&mutex);
-        for (auto it = faults.begin(); it != faults.end(); ++it) {
-            if (request.path.startsWith(it.key())) {
-                const auto fault = it.value();
-                faults.erase(it);
-                return fault;
-            }
-        }
-        if (!request.headers.contains("Authorization: Bearer " + key.toUtf8())) return {.status = 401, .body = "{}"};
-        const QUrl url(QStringLiteral("http://x") + request.path);
-        const QUrlQuery query(url);
-        if (url.path() == u"/v1/notes") {
-            lastUpdatedAfter = query.queryItemValue(QStringLiteral("updated_after"));
-            QStringList ids = notes.keys();
-            ids.sort();
-            QJsonArray page;
-            const int start = query.queryItemValue(QStringLiteral("cursor")).toInt();
-            int index = 0, sent = 0;
-            bool more = false;
-            for (const QString& id : ids) {
-                const QJsonObject note = notes.value(id);
-                if (!lastUpdatedAfter.isEmpty() &&
-                    QDateTime::fromString(note.value("updated_at").toString(), Qt::ISODate) <=
-                        QDateTime::fromString(lastUpdatedAfter, Qt::ISODate)) {
-                    continue;
-                }
-                if (index++ < start) continue;
-                if (sent == 2) {
-                    more = true;
-                    break;
-                }
-                page.append(QJsonObject{{"id", id}, {"title", note.value("title")}, {"updated_at", note.value("updated_at")}});
-                ++sent;
-            }
-            QJsonObject body{{"notes", page}, {"hasMore", more}};
-            body.insert("cursor", more ? QJsonValue(QString::number(start + 2)) : QJsonValue());
-            return {.contentType = "application/json", .body = QJsonDocument(body).toJson()};
-        }
-        const QString id = url.path().section(u'/', 3, 3);
-        if (!notes.contains(id)) return {.status = 404, .body = "{}"};
-        return {.contentType = "application/json", .body = QJsonDocument(notes.value(id)).toJson()};
-    }
-};
+using test::FakeGranola;
 
 class GranolaImportTest : public ::testing::Test {
 protected:
@@ -232,6 +164,31 @@ TEST_F(GranolaImportTest, RateLimitsArePacedAndRetryAfterIsHonoured) {
     for (int i = 0; i < 60; ++i) limiter.acquire();
     EXPECT_GE(clock, 11800ms);
     EXPECT_LE(clock, 12000ms);
+}
+
+TEST_F(GranolaImportTest, TheCommandImportsWithTheKeyFromTheEnvironment) {
+    granola.add("not_a", "Budget review", "2026-11-20T10:00:00Z", "s");
+    qputenv("MOSSLY_GRANOLA_API_URL", QStringLiteral("http://127.0.0.1:%1").arg(server.port()).toUtf8());
+    const auto run = [&](const char* key, QString& out, QString& err) {
+        qputenv(granolaKeyVariable, key);
+        QTextStream outStream(&out), errStream(&err);
+        QBuffer in;
+        in.open(QIODevice::ReadOnly);
+        agent::AgentIo io{outStream, errStream, in};
+        const int code = agent::runAgent({"import-granola", "--notes-dir", folder.path()}, io);
+        outStream.flush();
+        errStream.flush();
+        return code;
+    };
+    QString out, err;
+    EXPECT_EQ(run("grn_wrong", out, err), 1);
+    EXPECT_EQ(err.trimmed(), GranolaError(GranolaError::Code::badKey).description());
+    out.clear();
+    EXPECT_EQ(run("grn_good", out, err), 0);
+    EXPECT_TRUE(out.startsWith(QStringLiteral(R"({"imported":["Budget review.md"],"updated":[])"))) << out.toStdString();
+    EXPECT_TRUE(folder.exists(QStringLiteral("Budget review.md")));
+    qunsetenv(granolaKeyVariable);
+    qunsetenv("MOSSLY_GRANOLA_API_URL");
 }
 
 }  // namespace

@@ -188,6 +188,10 @@ public:
 
     // Import
     void importNoteFiles(const QStringList& paths);
+    // After a Granola import: a "Granola" folder holding one folder per Granola
+    // folder, and each imported note (identifier, its Granola folders as
+    // "id\tname") assigned to its first. Written once.
+    void applyGranolaFolders(const std::vector<std::pair<QString, QStringList>>& noteFolders);
 
 signals:
     void notesChanged();
@@ -235,6 +239,7 @@ private:
     void removeNotesFromModel(const QSet<QString>& urls, bool dropFolderMetadata);
     void dropFolderMetadataFor(const QSet<QString>& fileNames);
     void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
+    QUuid ensureImportedFolder(const QString& name, const QString& sourceIdentifier, const std::optional<QUuid>& parent);
 
     QString directory_;
     Options options_;

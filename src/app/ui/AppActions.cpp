@@ -13,6 +13,7 @@
 
 #include "AgentCommandInstall.h"
 #include "EditorPane.h"
+#include "GranolaImportDialog.h"
 #include "LinkPreviews.h"
 #include "SettingsWindow.h"
 #include "LibrarySidebar.h"
@@ -95,6 +96,18 @@ void installAppActions(MainWindow& window, NoteStore& store) {
                              &window, QObject::tr("Choose Markdown or HTML notes to import."), QString(),
                              QObject::tr("Notes (*.md *.markdown *.html *.htm *.tldr)"));
                          if (!paths.isEmpty()) store.importNoteFiles(paths);
+                     });
+    QObject::connect(addAction(file, QObject::tr("Import from Granola…")), &QAction::triggered, &window,
+                     [&window, &store] {
+                         if (auto* open = window.findChild<GranolaImportDialog*>()) {
+                             open->raise();
+                             return;
+                         }
+                         const QString url = QSettings().value(QStringLiteral("import.granola.baseURL"),
+                                                               QStringLiteral("https://public-api.granola.ai")).toString();
+                         auto* dialog = new GranolaImportDialog(store, granolaKeyStore(), url, &window);
+                         dialog->setAttribute(Qt::WA_DeleteOnClose);
+                         dialog->show();
                      });
     QObject::connect(&store, &NoteStore::importFinished, &window,
                      [&window](const NoteFileImportReport& report) { showImportReport(&window, report); });
