@@ -12,6 +12,7 @@
 #include "LaunchNotices.h"
 #include "LinkPreviews.h"
 #include "LibrarySidebar.h"
+#include "MarkdownTextView.h"
 #include "NoteStore.h"
 #include "NoteWindow.h"
 
@@ -23,6 +24,7 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     setWindowIcon(appIcon());
     sidebar_ = new LibrarySidebar(store, this);
     editorPane_ = new EditorPane(store, this);
+    editorPane_->markdownEditor()->setLinkPreviews(linkPreviews_);
     auto* splitter = new QSplitter(this);
     splitter->addWidget(sidebar_);
     splitter->addWidget(editorPane_);
@@ -86,6 +88,7 @@ NoteWindow* MainWindow::openNoteWindow(const QString& url) {
     }
     if (!store_.note(url)) return nullptr;
     auto* window = new NoteWindow(store_, url, this);
+    window->editorPane()->markdownEditor()->setLinkPreviews(linkPreviews_);
     window->show();
     return window;
 }

@@ -9,11 +9,14 @@
 #include <QPainter>
 #include <QPainterPath>
 #include <QScrollBar>
+#include <QSet>
 #include <QTextBlock>
 #include <QUrl>
 #include <cmath>
 
 #include "Diagnostics.h"
+#include "LinkCardPainter.h"
+#include "LinkPreviews.h"
 #include "MarkdownFormats.h"
 #include "MarkdownHighlighter.h"
 #include "MarkdownStyler.h"
@@ -201,6 +204,14 @@ void MarkdownTextView::applyParagraphFormats() {
                                 std::min<double>(natural.height(), QFontMetricsF(font()).height() * 4));
         }
     }
+    // A lone web link gets its card in the room above its line; the line stays the link.
+    QSet<int> cardBlocks;
+    if (showsLinkCards()) {
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.kind == DrawnKind::linkCard) cardBlocks.insert(document()->findBlock(object.start).position());
+        }
+    }
+    const double cardRoom = linkCardHeight(font()) + 8;
     std::vector<std::pair<int, QTextBlockFormat>> changes;
     size_t run = 0;
     for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
@@ -225,6 +236,7 @@ void MarkdownTextView::applyParagraphFormats() {
         wanted.setLeftMargin(head);
         wanted.setTextIndent(first - head);
         wanted.setBottomMargin(paragraph.paragraphSpacing.value_or(0));
+        wanted.setTopMargin(cardBlocks.contains(start) ? cardRoom : 0);
         if (paragraph.minimumLineHeight) {
             wanted.setLineHeight(*paragraph.minimumLineHeight, QTextBlockFormat::MinimumHeight);
         } else if (paragraph.lineSpacing) {
@@ -237,6 +249,7 @@ void MarkdownTextView::applyParagraphFormats() {
         const bool same = qFuzzyCompare(current.leftMargin() + 1, wanted.leftMargin() + 1) &&
                           qFuzzyCompare(current.textIndent() + 1, wanted.textIndent() + 1) &&
                           qFuzzyCompare(current.bottomMargin() + 1, wanted.bottomMargin() + 1) &&
+                          qFuzzyCompare(current.topMargin() + 1, wanted.topMargin() + 1) &&
                           qFuzzyCompare(current.lineHeight() + 1, wanted.lineHeight() + 1) &&
                           current.lineHeightType() == wanted.lineHeightType() &&
                           (current.alignment() & Qt::AlignHorizontal_Mask) == (wanted.alignment() & Qt::AlignHorizontal_Mask);
@@ -582,7 +595,14 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                 }
                 break;
             case DrawnKind::linkCard:
-            case DrawnKind::noteReference: break;  // shown as styled links until previews arrive
+                if (!behindText && object.link) {
+                    if (const auto card = linkCardRect(object)) {
+                        paintLinkCard(painter, *card, linkPreviews_->metadata(object.link->url), object.link->url,
+                                      font(), palette());
+                    }
+                }
+                break;
+            case DrawnKind::noteReference: break;  // shown as a styled link
         }
     }
 }
@@ -606,6 +626,13 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
             if (auto edit = MarkdownEditing::toggleChecklist(toPlainText(), box->start, selection())) applyEdit(*edit);
             return;
         }
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.kind != DrawnKind::linkCard || !object.link) continue;
+            if (const auto card = linkCardRect(object); card && card->contains(point)) {
+                openLink(object.link->url);
+                return;
+            }
+        }
         if (const DrawnObject* disclosure = objectAt(point, DrawnKind::detailsDisclosure)) {
             const int tag = disclosure->related.start >= 0 ? disclosure->related.start : disclosure->start;
             if (auto edit = MarkdownEditing::toggleDetails(toPlainText(), tag, selection())) applyEdit(*edit);
@@ -624,6 +651,36 @@ void MarkdownTextView::mouseReleaseEvent(QMouseEvent* event) {
 void MarkdownTextView::mouseMoveEvent(QMouseEvent* event) {
     viewport()->setCursor(anchorAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
     QTextEdit::mouseMoveEvent(event);
+}
+
+void MarkdownTextView::setLinkPreviews(LinkPreviews* previews) {
+    if (linkPreviews_) disconnect(linkPreviews_, nullptr, this, nullptr);
+    linkPreviews_ = previews;
+    if (previews) {
+        // Only the cards are repainted when a preview arrives; the text is not restyled.
+        connect(previews, &LinkPreviews::metadataArrived, this, [this] { viewport()->update(); });
+        connect(previews, &LinkPreviews::enabledChanged, this, [this] { restyle(); });
+    }
+    restyle();
+}
+
+bool MarkdownTextView::showsLinkCards() const {
+    return linkPreviews_ && linkPreviews_->isEnabled() && presentation_ == Presentation::styled;
+}
+
+// The card sits in the room reserved above the link's line.
+std::optional<QRectF> MarkdownTextView::linkCardRect(const DrawnObject& object) const {
+    if (!showsLinkCards()) return std::nullopt;
+    const QTextBlock block = document()->findBlock(object.start);
+    if (!block.layout()) return std::nullopt;
+    const QRectF bounds = document()->documentLayout()->blockBoundingRect(block);
+    // The layout's position is where the line's text starts, below the room.
+    const double textTop = block.layout()->position().y();
+    const double height = linkCardHeight(font());
+    const double left = bounds.left() + block.blockFormat().leftMargin();
+    const double width = std::min(bounds.width() - block.blockFormat().leftMargin(), 520.0);
+    return QRectF(left - horizontalScrollBar()->value(),
+                  textTop - block.blockFormat().topMargin() + 2 - verticalScrollBar()->value(), width, height);
 }
 
 void MarkdownTextView::openLink(const QString& href) {

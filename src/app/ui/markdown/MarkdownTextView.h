@@ -10,6 +10,7 @@
 
 namespace mossly {
 
+class LinkPreviews;
 class MarkdownFormats;
 class MarkdownHighlighter;
 
@@ -35,6 +36,8 @@ public:
     void setBaseSize(double points);
 
     void applyFormatting(markdown::FormattingAction action);
+    // Where lone web links get their cards from; none draws them as plain links.
+    void setLinkPreviews(LinkPreviews* previews);
 
     const markdown::StylePass& stylePass() const { return pass_; }
     // Milliseconds the last pass took to compute and to apply.
@@ -66,6 +69,8 @@ private:
     void paintObjects(QPainter& painter, bool behindText);
     const markdown::DrawnObject* objectAt(const QPoint& point, markdown::DrawnKind kind) const;
     void openLink(const QString& href);
+    bool showsLinkCards() const;
+    std::optional<QRectF> linkCardRect(const markdown::DrawnObject& object) const;
 
     std::unique_ptr<MarkdownFormats> formats_;
     // Reserved-room formats by kind and width, reused across passes (see MarkdownHighlighter).
@@ -78,6 +83,7 @@ private:
     QString styledText_;
     bool styling_ = false;
     int previousCaret_ = 0;
+    LinkPreviews* linkPreviews_ = nullptr;
     double lastStyleMs_ = 0;
     double lastApplyMs_ = 0;
 };
