@@ -42,4 +42,21 @@ Note noteFromStored(const StoredNote& stored) {
                 std::make_shared<const NoteDocument>(stored.document)};
 }
 
+Note noteListEntryFromStored(const StoredNote& stored) {
+    const QString visibleText = stored.document.visibleText();
+    Note note{stored.url,
+              stored.identifier,
+              QString(),
+              stored.contentType,
+              stored.modifiedAt,
+              stored.document.revision(),
+              noteTitle(visibleText, stored.identifier),
+              excerptAfterTitle(visibleText),
+              nullptr};
+    note.bodyLoaded = false;
+    note.title.squeeze();
+    note.excerpt.squeeze();
+    return note;
+}
+
 }  // namespace mossly

@@ -36,7 +36,7 @@ std::vector<Note> readAllNotes(const NoteFileAccess& files, const std::vector<No
         for (size_t i = next++; i < loaded.size(); i = next++) {
             auto stored = files.read(listing[i].identifier);
             if (stored) {
-                loaded[i] = noteFromStored(*stored);
+                loaded[i] = noteListEntryFromStored(*stored);
             } else {
                 failures[i] = stored.error();
             }
@@ -158,8 +158,9 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
     for (Note& loaded : library.notes) {
         loadedUrls.insert(loaded.url);
         const Note* current = note(loaded.url);
+        const bool sameLoadedText = current && current->bodyLoaded && current->revision == loaded.revision;
         if (current && (current->changeGeneration > startGeneration || pendingBaseRevisions_.contains(loaded.url) ||
-                        conflicts_.contains(loaded.url))) {
+                        conflicts_.contains(loaded.url) || sameLoadedText)) {
             merged.push_back(*current);
             continue;
         }
@@ -274,12 +275,39 @@ std::optional<QString> NoteStore::createNote(const QString& content, NoteContent
     return created->url;
 }
 
-QString NoteStore::body(const QString& url) const {
+QString NoteStore::body(const QString& url) {
+    Note* found = mutableNote(url);
+    if (!found) return {};
+    if (!found->bodyLoaded) {
+        auto stored = files_->read(found->identifier);
+        if (!stored) {
+            emit problemOccurred(QStringLiteral("Could not open \u201C%1\u201D: ").arg(found->title) +
+                                 stored.error().description());
+            return {};
+        }
+        found->content = stored->document.body;
+        found->base = std::make_shared<const NoteDocument>(stored->document);
+        found->bodyLoaded = true;
+        if (stored->document.revision() != found->revision) {
+            // Changed since the list was read: take the file as it is now.
+            Note fresh = noteFromStored(*stored);
+            fresh.changeGeneration = found->changeGeneration;
+            *found = std::move(fresh);
+            emit notesChanged();
+        }
+    }
+    return found->content;
+}
+
+bool NoteStore::isBodyAvailable(const QString& url) {
+    (void)body(url);
     const Note* found = note(url);
-    return found ? found->content : QString();
+    return found && found->bodyLoaded;
 }
 
 void NoteStore::setBody(const QString& url, const QString& body) {
+    // A body never read (or unreadable) is never replaced: the editor showed nothing of it.
+    if (!isBodyAvailable(url)) return;
     Note* target = mutableNote(url);
     if (!target || target->content == body) return;
     target->content = body;

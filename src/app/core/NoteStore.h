@@ -8,6 +8,7 @@
 #include <QTimer>
 #include <QUuid>
 #include <chrono>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <vector>
@@ -25,7 +26,7 @@ class NoteSearchCatalog;
 struct Note {
     QString url;
     QString identifier;  // path below the notes folder
-    QString content;     // the body an editor shows and edits
+    QString content;     // the body an editor shows and edits, once loaded (see bodyLoaded)
     NoteContentType contentType = NoteContentType::markdown;
     FileTime modifiedAt;
     QString revision;  // of the file as last read or written by us
@@ -37,6 +38,9 @@ struct Note {
     // The store's generation at the last change made here; a background result
     // that started before it must not overwrite the note.
     quint64 changeGeneration = 0;
+    // Whether `content` holds the body. The list needs only titles and
+    // excerpts; a body is read when its note is opened or edited.
+    bool bodyLoaded = true;
 
     QString fileName() const { return identifier.mid(identifier.lastIndexOf(u'/') + 1); }
     // The whole file text for `body` on top of the note's front matter.
@@ -143,8 +147,11 @@ public:
     const std::vector<UnreadableNote>& unreadableNotes() const { return unreadableNotes_; }
     const Note* note(const QString& url) const;
     std::optional<QString> createNote(const QString& content, NoteContentType contentType);
-    // The editor binding: the body as held in memory, and a change to it.
-    QString body(const QString& url) const;
+    // The editor binding: the body (read from disk the first time a note is
+    // opened), and a change to it. A note whose body cannot be read cannot be
+    // changed either.
+    QString body(const QString& url);
+    bool isBodyAvailable(const QString& url);
     void setBody(const QString& url, const QString& body);
     void deleteNotes(const QSet<QString>& urls);
     std::optional<QString> resolveNoteID(const QString& url) const;
@@ -285,7 +292,9 @@ private:
 
 // Until the catalog has indexed the library once, searches run over the notes
 // in memory: the notes containing every query term, accents and case folded.
-std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query);
+// Bodies not in memory come from `unloadedBody`.
+std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query,
+                                                  const std::function<QString(const Note&)>& unloadedBody = {});
 
 // The app's per-library catalog file inside the notes folder.
 QString librarySearchCatalogPath(const QString& directory);

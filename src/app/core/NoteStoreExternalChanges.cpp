@@ -107,7 +107,7 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
         Note* existing = mutableNote(stored.url);
         if (!existing) {
             if (trashedAt_.value(stored.identifier) > startGeneration) continue;
-            Note fresh = noteFromStored(stored);
+            Note fresh = noteListEntryFromStored(stored);
             touch(fresh);
             notes_.push_back(std::move(fresh));
             ++added;
@@ -121,7 +121,8 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
             beginConflict(stored.url, stored, userContent);
             ++conflicts;
         } else {
-            Note fresh = noteFromStored(stored);
+            // A body nobody has opened stays unread; an open one takes the new text.
+            Note fresh = existing->bodyLoaded ? noteFromStored(stored) : noteListEntryFromStored(stored);
             touch(fresh);
             *existing = std::move(fresh);
             ++updated;

@@ -25,7 +25,7 @@ void NoteStore::importNoteFiles(const QStringList& paths) {
                     continue;
                 }
                 if (note(stored->url)) continue;  // a scan found it first
-                Note imported = noteFromStored(*stored);
+                Note imported = noteListEntryFromStored(*stored);
                 touch(imported);
                 notes_.push_back(std::move(imported));
             }

@@ -26,14 +26,17 @@ QString foldedForSearch(const QString& text) {
 }  // namespace
 
 // Notes in list order: slower to rank than the catalog, never empty-handed.
-std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query) {
+std::vector<NoteSearchResult> searchNotesInMemory(const std::vector<Note>& notes, const QString& query,
+                                                  const std::function<QString(const Note&)>& unloadedBody) {
     const QStringList terms = NoteSearch::normalizedTerms(query);
     std::vector<NoteSearchResult> results;
+    if (terms.isEmpty()) return results;
     for (const Note& n : notes) {
-        const QString text = foldedForSearch(n.title + u'\n' + n.content);
+        const QString body = n.bodyLoaded || !unloadedBody ? n.content : unloadedBody(n);
+        const QString text = foldedForSearch(n.title + u'\n' + body);
         const bool all =
             std::all_of(terms.begin(), terms.end(), [&](const QString& term) { return text.contains(term); });
-        if (!all || terms.isEmpty()) continue;
+        if (!all) continue;
         NoteSearchResult result;
         result.identifier = n.identifier;
         result.title = n.title;
@@ -66,9 +69,23 @@ void NoteStore::runSearch() {
     isSearching_ = true;
     emit searchChanged();
     if (!catalog_ || !catalogReady_) {
-        searchResults_ = searchNotesInMemory(notes_, query);
-        isSearching_ = false;
-        emit searchChanged();
+        // Bodies that were never opened are read from disk, off this thread.
+        const std::vector<Note> snapshot = notes_;
+        const std::shared_ptr<NoteFileAccess> files = files_;
+        runInBackground(
+            this,
+            [snapshot, files, query] {
+                return searchNotesInMemory(snapshot, query, [&](const Note& n) {
+                    auto stored = files->read(n.identifier);
+                    return stored ? stored->document.body : QString();
+                });
+            },
+            [this, generation](std::vector<NoteSearchResult> results) {
+                if (generation != searchGeneration_) return;  // cancelled by newer typing
+                searchResults_ = std::move(results);
+                isSearching_ = false;
+                emit searchChanged();
+            });
         return;
     }
     const std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
@@ -82,7 +99,10 @@ void NoteStore::runSearch() {
             } else {
                 DiagnosticsCenter::shared().event(QStringLiteral("Search failed"),
                                                   {{"reason", response.error().description()}});
-                searchResults_ = searchNotesInMemory(notes_, query);
+                searchResults_ = searchNotesInMemory(notes_, query, [this](const Note& n) {
+                    auto stored = files_->read(n.identifier);
+                    return stored ? stored->document.body : QString();
+                });
             }
             emit searchChanged();
         });

@@ -100,8 +100,8 @@ void EditorPane::showNote(const QString& url) {
         // Markdown notes get the styled editor; HTML and sketches stay plain text until their views arrive.
         if (note->contentType == NoteContentType::markdown) {
             editor_->showNote(QString());
-            shownMarkdown_ = note->content;
-            markdownEditor_->setMarkdown(note->content, note->url);
+            shownMarkdown_ = store_.body(url_);
+            markdownEditor_->setMarkdown(shownMarkdown_, url_);
             stack_->setCurrentWidget(markdownEditor_);
         } else {
             editor_->showNote(note->url);
