@@ -53,7 +53,9 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    NoteStore store(*directory, {.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()});
+    NoteStore::Options options{.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()};
+    options.usesNoteListCache = true;
+    NoteStore store(*directory, options);
     AppLifecycle lifecycle;
     diagnostics.event(QStringLiteral("Application initialized"));
 

@@ -9,6 +9,7 @@
 #include "AppTestSupport.h"
 #include "FaultyFileAccess.h"
 #include "LaunchNotices.h"
+#include "NoteListCache.h"
 #include "NoteStore.h"
 #include "QuitFlow.h"
 #include "TestSupport.h"
@@ -323,6 +324,49 @@ TEST_F(NoteStoreFailureTest, SearchBeforeTheFirstIndexIgnoresAccentsBothWays) {
         EXPECT_EQ(results[0].identifier, QStringLiteral("cafe.md"));
     }
     EXPECT_EQ(searchNotesInMemory(store->notes(), QStringLiteral("naïve"), fromDisk).size(), 1u);
+}
+
+TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFromTheFolder) {
+    folder.write(QStringLiteral("keep.md"), "# Keep\nsame");
+    folder.write(QStringLiteral("edit.md"), "# Before\nold text");
+    folder.write(QStringLiteral("gone.md"), "# Gone");
+    NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = false, .welcomeIconPng = {}};
+    options.usesNoteListCache = true;
+    {
+        NoteStore first(folder.path(), options);
+        first.loadInitialNotes();
+        ASSERT_TRUE(test::waitUntil([&] { return !first.isLoadingInitialNotes(); }));
+        (void)first.prepareForQuit();  // writes the cache it has not written yet
+    }
+    ASSERT_TRUE(QFile::exists(NoteListCache::pathFor(folder.path())));
+
+    // While Mossly is closed: an edit, a new note, a deletion, a file gone bad.
+    test::spin(20);
+    folder.write(QStringLiteral("edit.md"), "# After\nnew text");
+    folder.write(QStringLiteral("new.md"), "# New");
+    QFile::remove(folder.filePath("gone.md"));
+    folder.write(QStringLiteral("keep.md"), "\xff\xfe not text any more");
+
+    NoteStore second(folder.path(), options);
+    test::DiagnosticsRecorder recorder;
+    second.loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return !second.isLoadingInitialNotes(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return second.note(url("new.md")) != nullptr && !second.note(url("gone.md")); }));
+    EXPECT_EQ(second.note(url("edit.md"))->title, QStringLiteral("After"));
+    EXPECT_EQ(second.body(url("edit.md")), QStringLiteral("# After\nnew text"));
+    ASSERT_EQ(second.unreadableNotes().size(), 1u);
+    EXPECT_EQ(second.unreadableNotes()[0].identifier, QStringLiteral("keep.md"));
+
+    // A damaged cache only costs the slow path.
+    QFile damaged(NoteListCache::pathFor(folder.path()));
+    ASSERT_TRUE(damaged.open(QIODevice::WriteOnly | QIODevice::Truncate));
+    damaged.write("MNLC and then nonsense");
+    damaged.close();
+    EXPECT_FALSE(NoteListCache::load(folder.path()));
+    NoteStore third(folder.path(), options);
+    third.loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return !third.isLoadingInitialNotes(); }));
+    EXPECT_EQ(third.notes().size(), 2u);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
 #include "DirectoryMonitor.h"
+#include "NoteListCache.h"
 #include "NoteModel.h"
 #include "NoteSearchCatalog.h"
 #include "WelcomeNote.h"
@@ -70,6 +71,25 @@ QString Note::fileText(const QString& body) const {
     return base ? base->serialized(body, NoteEditor::human()) : body;
 }
 
+void NoteStore::saveNoteListCache(bool now) {
+    if (!options_.usesNoteListCache || isLoadingInitialNotes_) return;
+    noteListCacheTimer_.stop();
+    const std::vector<Note> snapshot = notes_;
+    const QString directory = directory_;
+    const auto save = [snapshot, directory] {
+        if (auto saved = NoteListCache::save(directory, snapshot); !saved) {
+            DiagnosticsCenter::shared().event(QStringLiteral("Note list cache not written"),
+                                              {{"reason", saved.error().description()}});
+        }
+        return true;
+    };
+    if (now) {
+        save();
+    } else {
+        runInBackground(this, save, [](bool) {});
+    }
+}
+
 void NoteStore::setUnreadableNotes(std::vector<UnreadableNote> unreadable) {
     std::sort(unreadable.begin(), unreadable.end(),
               [](const UnreadableNote& a, const UnreadableNote& b) { return a.identifier < b.identifier; });
@@ -91,6 +111,18 @@ struct NoteStore::LoadedLibrary {
     Result<FolderMetadata> metadata = FolderMetadata{};
     std::optional<Error> listingError;
     std::vector<UnreadableNote> unreadable;
+    bool fromCache = false;
+
+    // The list as last seen, when there is a cache of it; the folder is checked afterwards.
+    static std::optional<LoadedLibrary> readCached(const NoteFileAccess& files) {
+        auto cached = NoteListCache::load(files.directory());
+        if (!cached) return std::nullopt;
+        LoadedLibrary library;
+        library.notes = std::move(*cached);
+        library.metadata = files.loadFolderMetadata();
+        library.fromCache = true;
+        return library;
+    }
 
     // Everything a library load reads; safe on any thread.
     static LoadedLibrary read(const NoteFileAccess& files) {
@@ -118,6 +150,12 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
     searchTimer_.setSingleShot(true);
     searchTimer_.setInterval(searchDelayMilliseconds);
     searchTimer_.setTimerType(Qt::PreciseTimer);  // a coarse timer may fire 5 % early
+    if (options_.usesNoteListCache) {
+        noteListCacheTimer_.setSingleShot(true);
+        noteListCacheTimer_.setInterval(5000);
+        connect(&noteListCacheTimer_, &QTimer::timeout, this, [this] { saveNoteListCache(false); });
+        connect(this, &NoteStore::notesChanged, &noteListCacheTimer_, qOverload<>(&QTimer::start));
+    }
     connect(&searchTimer_, &QTimer::timeout, this, &NoteStore::runSearch);
     if (options_.loadsNotesSynchronously) {
         didStartInitialLoad_ = true;
@@ -137,12 +175,23 @@ void NoteStore::loadInitialNotes() {
     const std::shared_ptr<NoteFileAccess> files = files_;
     const quint64 start = generation_;
     auto span = std::make_shared<DiagnosticsCenter::Span>(diagnostics(), QStringLiteral("Load initial note library"));
+    const bool cached = options_.usesNoteListCache;
     runInBackground(
-        this, [files] { return LoadedLibrary::read(*files); },
+        this,
+        [files, cached] {
+            if (cached) {
+                if (auto library = LoadedLibrary::readCached(*files)) return std::move(*library);
+            }
+            return LoadedLibrary::read(*files);
+        },
         [this, span, start, files](LoadedLibrary library) {
             if (files != files_) return;  // the library moved meanwhile
             span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
+            span->add(QStringLiteral("source"), library.fromCache ? QStringLiteral("cache") : QStringLiteral("folder"));
+            const bool fromCache = library.fromCache;
             applyLibrary(std::move(library), start);
+            // The cached list is shown; now see what changed while Mossly was closed.
+            if (fromCache) scheduleExternalChanges();
         });
 }
 
@@ -473,6 +522,7 @@ Result<void> NoteStore::flushPendingSaves(std::chrono::milliseconds busyPatience
 
 QuitPreparation NoteStore::prepareForQuit(std::chrono::milliseconds busyPatience) {
     auto span = diagnostics().span(QStringLiteral("Prepare to quit"));
+    if (noteListCacheTimer_.isActive()) saveNoteListCache(true);
     const QDeadlineTimer deadline(busyPatience);
     (void)flushPendingSaves(busyPatience);
     QuitPreparation preparation;

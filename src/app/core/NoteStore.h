@@ -103,6 +103,8 @@ public:
         bool loadsNotesSynchronously = false;
         QByteArray welcomeIconPng;  // stored beside the welcome note when given
         NoteFileAccessFactory fileAccess = RepositoryFileAccess::make;
+        // Start from the list as last seen (NoteListCache) and check the folder afterwards.
+        bool usesNoteListCache = false;
     };
 
     static constexpr int saveDelayMilliseconds = 250;
@@ -246,6 +248,7 @@ private:
     void removeNotesFromModel(const QSet<QString>& urls, bool dropFolderMetadata);
     void dropFolderMetadataFor(const QSet<QString>& fileNames);
     void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
+    void saveNoteListCache(bool now);
     QUuid ensureImportedFolder(const QString& name, const QString& sourceIdentifier, const std::optional<QUuid>& parent);
 
     QString directory_;
@@ -285,6 +288,7 @@ private:
 
     QString searchText_;
     QTimer searchTimer_;
+    QTimer noteListCacheTimer_;  // writes the list cache a while after the list changed
     quint64 searchGeneration_ = 0;
     std::optional<std::vector<NoteSearchResult>> searchResults_;
     bool isSearching_ = false;
