@@ -1,4 +1,5 @@
 #include <QFile>
+#include <QFileInfo>
 #include <cmath>
 
 #include "AgentCommand.h"
@@ -68,7 +69,12 @@ QStringList CommandOptions::values(const QString& name) const {
 }
 
 Result<NoteRepository> repositoryFor(const CommandOptions& options, AgentIo& io) {
-    if (auto directory = options.value(QStringLiteral("notes-dir"))) return NoteRepository(*directory);
+    if (auto directory = options.value(QStringLiteral("notes-dir"))) {
+        // Identifiers are checked against the folder's absolute, canonical path: "." and "../x" must work too.
+        const QFileInfo folder(*directory);
+        const QString canonical = folder.canonicalFilePath();
+        return NoteRepository(canonical.isEmpty() ? folder.absoluteFilePath() : canonical);
+    }
     auto resolution = resolveConfiguredNotesDirectory();
     if (!resolution) return fail(resolution.error());
     if (resolution->notice) io.err << *resolution->notice << '\n';

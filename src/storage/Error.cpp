@@ -90,6 +90,12 @@ Error Error::agentAccessOff() {
                            "or run: mossly-agent access on")};
 }
 
+Error Error::invalidEditorName(const QString& name) {
+    return {Code::invalidEditorName,
+            QStringLiteral("An agent's name must be one line of text, without line breaks or control characters."),
+            name};
+}
+
 Error Error::agentClientConfiguration(const QString& description) {
     return {Code::agentClientConfiguration, description};
 }

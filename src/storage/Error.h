@@ -22,6 +22,7 @@ public:
         contentTypeMismatch,
         invalidFrontMatterKey,
         invalidEncoding,
+        invalidEditorName,
         trashFailed,
         stale,
         // Notes location
@@ -53,6 +54,7 @@ public:
     static Error contentTypeMismatch(const QString& identifier, const QString& expected, const QString& actual);
     static Error invalidFrontMatterKey(const QString& key);
     static Error invalidEncoding(const QString& identifier);
+    static Error invalidEditorName(const QString& name);
     static Error trashFailed(const QString& identifier);
     static Error stale(const QString& expectedRevision, const QString& actualRevision);
     static Error unsupportedLocationVersion(qint64 version);

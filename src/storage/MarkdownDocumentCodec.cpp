@@ -25,10 +25,23 @@ struct SplitText {
     QString body;
 };
 
+// An editor's name never breaks its line, whatever a caller passes: a line
+// break there would let a name forge other metadata lines.
+QString singleLine(QString value) {
+    for (QChar& c : value) {
+        const auto category = c.category();
+        if (category == QChar::Other_Control || category == QChar::Separator_Line ||
+            category == QChar::Separator_Paragraph) {
+            c = QChar::ReplacementCharacter;
+        }
+    }
+    return value;
+}
+
 SplitText splitFrontMatter(const QString& text) {
     if (!text.startsWith(openingDelimiter)) return {false, {}, text};
-    // Search from the opening delimiter's own newline so that an empty block ("---\n---\n") closes.
-    const qsizetype close = text.indexOf(closingDelimiter, openingDelimiter.size() - 1);
+    // The closing line comes after the opening line: "---\n---\n" is two rules of the body, not an empty block.
+    const qsizetype close = text.indexOf(closingDelimiter, openingDelimiter.size());
     if (close < 0) return {false, {}, text};
     const qsizetype start = openingDelimiter.size();
     return {true, close > start ? text.mid(start, close - start) : QString(),
@@ -154,13 +167,18 @@ NoteDocumentPayload MarkdownDocumentCodec::decode(const QString& text) const {
 QString MarkdownDocumentCodec::encode(const QString& body, const std::optional<NoteEditor>& editedBy,
                                       const NoteDocumentPayload& payload) const {
     const std::optional<NoteEditor> lastEditor = editedBy ? editedBy : payload.lastEditedBy;
+    // A body that would itself read as a block (it starts with "---" lines) gets a
+    // block of its own, so that it reads back exactly as written.
     const bool plain = !payload.hadMetadata && payload.createdBy.isHuman() && !lastEditor &&
-                       payload.frontMatterFields.empty() && payload.unrelatedMetadata.isEmpty();
+                       payload.frontMatterFields.empty() && payload.unrelatedMetadata.isEmpty() &&
+                       !splitFrontMatter(body).hasFrontMatter;
     if (plain) return body;
 
     QString text = openingDelimiter;
-    text += NoteDocument::createdByKey + QStringLiteral(": ") + payload.createdBy.storedValue() + u'\n';
-    if (lastEditor) text += NoteDocument::lastEditedByKey + QStringLiteral(": ") + lastEditor->storedValue() + u'\n';
+    text += NoteDocument::createdByKey + QStringLiteral(": ") + singleLine(payload.createdBy.storedValue()) + u'\n';
+    if (lastEditor) {
+        text += NoteDocument::lastEditedByKey + QStringLiteral(": ") + singleLine(lastEditor->storedValue()) + u'\n';
+    }
 
     QStringList keys;
     for (const auto& entry : payload.frontMatterFields) keys.append(entry.first);
@@ -168,7 +186,12 @@ QString MarkdownDocumentCodec::encode(const QString& body, const std::optional<N
     for (const QString& key : keys) {
         text += key + QStringLiteral(": ") + writtenValue(payload.frontMatterFields.at(key)) + u'\n';
     }
-    for (const QString& line : payload.unrelatedMetadata) text += line + u'\n';
+    for (const QString& line : payload.unrelatedMetadata) {
+        // A key set as a field replaces its old line instead of adding a second one.
+        const QString key = line.section(u':', 0, 0).trimmed();
+        if (line.contains(u':') && payload.frontMatterFields.contains(key)) continue;
+        text += line + u'\n';
+    }
     text += openingDelimiter;
     text += body;
     return text;

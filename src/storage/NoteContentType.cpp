@@ -36,7 +36,9 @@ QString preferredExtension(NoteContentType type) {
     return {};
 }
 
-std::optional<NoteContentType> noteContentTypeFromPathExtension(const QString& extension) {
+std::optional<NoteContentType> noteContentTypeFromPathExtension(const QString& raw) {
+    // "Plan.MD" is as much a note as "Plan.md"; the identifier keeps the case it has on disk.
+    const QString extension = raw.toLower();
     if (extension == u"md" || extension == u"markdown") return NoteContentType::markdown;
     if (extension == u"html" || extension == u"htm") return NoteContentType::html;
     if (extension == u"tldr") return NoteContentType::sketch;

@@ -13,6 +13,9 @@ public:
     // "agent:" (case-sensitive) followed by anything is an agent; every other value is human.
     static NoteEditor fromStoredValue(const QString& stored);
 
+    // Agent names are one line of visible text: no line breaks or other control characters.
+    static bool isValidAgentName(const QString& name);
+
     bool isAgent() const { return isAgent_; }
     bool isHuman() const { return !isAgent_; }
     const QString& agentName() const { return name_; }

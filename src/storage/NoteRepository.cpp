@@ -154,9 +154,17 @@ Result<StoredNote> NoteRepository::readAt(const QString& directory, const QStrin
     return StoredNote{identifier, *path, *text, NoteDocument(*text, *bytes, type), type, fileTime(info.st_mtim)};
 }
 
+Result<void> NoteRepository::validateEditor(const NoteEditor& editor) {
+    if (editor.isAgent() && !NoteEditor::isValidAgentName(editor.agentName())) {
+        return fail(Error::invalidEditorName(editor.agentName()));
+    }
+    return {};
+}
+
 Result<StoredNote> NoteRepository::create(const QString& title, const QString& body, const NoteEditor& createdBy,
                                           NoteContentType contentType,
                                           const NoteFrontMatterFields& frontMatterFields) const {
+    if (auto name = validateEditor(createdBy); !name) return fail(name.error());
     if (auto keys = validateFrontMatterKeys(frontMatterFields); !keys) return fail(keys.error());
     const NoteDocument document(body, createdBy, contentType, frontMatterFields);
     return createFromText(title, document.serialized(), contentType);
@@ -213,6 +221,7 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
     if (!directory) return fail(directory.error());
     auto path = pathPolicy_.url(identifier, *directory);
     if (!path) return fail(path.error());
+    if (auto name = validateEditor(editedBy); !name) return fail(name.error());
     if (auto keys = validateFrontMatterKeys(frontMatterUpdates); !keys) return fail(keys.error());
 
     return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
@@ -258,15 +267,14 @@ QString NoteRepository::safeBaseName(const QString& title) {
     QString text = title;
     text.replace(headingMarker, QString());
 
-    // Separators and control characters become "-". Invisible format characters
-    // (zero-width joiners in emoji, direction marks) are dropped: identifiers
-    // may not contain them, and they carry nothing visible.
+    // Separators and control characters (Cc and Cf: identifiers may contain
+    // neither) become "-".
     QString joined;
     joined.reserve(text.size());
     for (const char32_t codePoint : text.toUcs4()) {
         const QChar::Category category = QChar::category(codePoint);
-        if (category == QChar::Other_Format) continue;
-        if (codePoint == U'/' || codePoint == U'\\' || codePoint == U':' || category == QChar::Other_Control) {
+        if (codePoint == U'/' || codePoint == U'\\' || codePoint == U':' || category == QChar::Other_Control ||
+            category == QChar::Other_Format) {
             joined += u'-';
         } else {
             joined += QString::fromUcs4(&codePoint, 1);

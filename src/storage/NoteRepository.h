@@ -64,6 +64,8 @@ public:
     static QString safeBaseName(const QString& title);
     // Keys callers may set: "^[A-Za-z0-9][A-Za-z0-9_-]*$", minus the two editor keys.
     static Result<void> validateFrontMatterKeys(const NoteFrontMatterFields& fields);
+    // Agent names are one line of visible text (see NoteEditor::isValidAgentName).
+    static Result<void> validateEditor(const NoteEditor& editor);
 
     static constexpr int maximumNameAttempts = 10000;
 

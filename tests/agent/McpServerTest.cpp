@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QBuffer>
+#include <QDir>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -99,6 +100,39 @@ TEST(AgentAccessTest, CommandsAreRefusedWhileAccessIsOff) {
     record.close();
     EXPECT_FALSE(AgentAccess::isEnabled());
     ASSERT_TRUE(AgentAccess::setEnabled(true));
+}
+
+}  // namespace
+}  // namespace mossly::agent
+
+namespace mossly::agent {
+namespace {
+
+TEST(AgentNotesFolderTest, ARelativeNotesFolderWorksForEveryCommand) {
+    test::TemporaryNotesFolder folder;
+    folder.write(QStringLiteral("sub/Plan.md"), "# Plan\nbudget");
+    const QString previous = QDir::currentPath();
+    ASSERT_TRUE(QDir::setCurrent(folder.filePath("sub")));
+    const auto run = [](const QStringList& arguments) {
+        QString out, err;
+        QTextStream outStream(&out), errStream(&err);
+        QBuffer in;
+        in.open(QIODevice::ReadOnly);
+        AgentIo io{outStream, errStream, in};
+        const int code = runAgent(arguments, io);
+        outStream.flush();
+        errStream.flush();
+        return std::pair{code, out + err};
+    };
+    const QString catalog = folder.filePath("catalog.sqlite");
+    for (const QString& directory : {QStringLiteral(".."), QStringLiteral("../sub/..")}) {
+        const auto read = run({"read", "sub/Plan.md", "--notes-dir", directory});
+        EXPECT_EQ(read.first, 0) << read.second.toStdString();
+        const auto search = run({"search", "budget", "--notes-dir", directory, "--catalog", catalog});
+        EXPECT_EQ(search.first, 0) << search.second.toStdString();
+        EXPECT_TRUE(search.second.contains(QStringLiteral("sub\\/Plan.md"))) << search.second.toStdString();
+    }
+    QDir::setCurrent(previous);
 }
 
 }  // namespace

@@ -24,12 +24,12 @@ TEST(MarkdownDocumentCodec, BlockBoundaries) {
     EXPECT_FALSE(payload.hadMetadata);
     EXPECT_EQ(payload.body, QStringLiteral("---\nnotes-created-by: agent:a\nno end"));
     EXPECT_TRUE(payload.createdBy.isHuman());
-    // An empty block closes immediately.
+    // Two rules at the top are body: the closing line must come after the opening line.
     payload = codec.decode(QStringLiteral("---\n---\nbody"));
-    EXPECT_TRUE(payload.hadMetadata);
-    EXPECT_EQ(payload.body, QStringLiteral("body"));
+    EXPECT_FALSE(payload.hadMetadata);
+    EXPECT_EQ(payload.body, QStringLiteral("---\n---\nbody"));
     // Body is taken exactly, leading blank lines included.
-    EXPECT_EQ(codec.decode(QStringLiteral("---\n---\n\n\n  x ")).body, QStringLiteral("\n\n  x "));
+    EXPECT_EQ(codec.decode(QStringLiteral("---\nmeeting-a: 1\n---\n\n\n  x ")).body, QStringLiteral("\n\n  x "));
 }
 
 TEST(MarkdownDocumentCodec, ValueGrammar) {
@@ -146,6 +146,43 @@ TEST(MarkdownDocumentCodec, MalformedInputNeverFails) {
         const QString again = codec.encode(payload.body, std::nullopt, payload);
         EXPECT_EQ(codec.decode(again).body, payload.body);
     }
+}
+
+// Whatever the body and the editors, what is written reads back the same.
+TEST(MarkdownDocumentCodec, BodiesThatLookLikeMetadataReadBackExactly) {
+    for (const QString& body : {QStringLiteral("---\ntags: x\n---\nHello"), QStringLiteral("---\n---\n"),
+                                QStringLiteral("---\nmeeting-id: 1\n---\n"), QStringLiteral("---\nnot closed"),
+                                QStringLiteral("plain"), QString()}) {
+        const NoteDocumentPayload fresh;
+        const QString written = codec.encode(body, std::nullopt, fresh);
+        const auto read = codec.decode(written);
+        EXPECT_EQ(read.body, body) << written.toStdString();
+        EXPECT_TRUE(read.frontMatterFields.empty()) << written.toStdString();
+        EXPECT_TRUE(read.unrelatedMetadata.isEmpty()) << written.toStdString();
+    }
+}
+
+TEST(MarkdownDocumentCodec, AnEditorNameCannotWriteALineBreak) {
+    NoteDocumentPayload payload;
+    payload.createdBy = NoteEditor::agent(QStringLiteral("x\nnotes-created-by: human"));
+    const QString written = codec.encode(QStringLiteral("body"), NoteEditor::agent(QStringLiteral("y\r\n---\nz\u2028w")), payload);
+    EXPECT_EQ(written.count(u'\n'), 4) << written.toStdString();  // two editor lines between the delimiters
+    const auto read = codec.decode(written);
+    EXPECT_TRUE(read.createdBy.isAgent());
+    EXPECT_EQ(read.body, QStringLiteral("body"));
+    EXPECT_FALSE(NoteEditor::isValidAgentName(QStringLiteral("x\nnotes-created-by: human")));
+    EXPECT_FALSE(NoteEditor::isValidAgentName(QStringLiteral("zero\u200Bwidth")));
+    EXPECT_FALSE(NoteEditor::isValidAgentName(QStringLiteral("  ")));
+    EXPECT_TRUE(NoteEditor::isValidAgentName(QStringLiteral("Claude Desktop")));
+}
+
+TEST(MarkdownDocumentCodec, SettingAFieldReplacesItsLine) {
+    auto payload = codec.decode(QStringLiteral("---\nnotes-created-by: human\nstatus: \"draft\"\nowner: me\n---\nbody"));
+    payload.frontMatterFields.insert_or_assign(QStringLiteral("status"), QStringLiteral("final"));
+    const QString written = codec.encode(payload.body, NoteEditor::agent(QStringLiteral("a")), payload);
+    EXPECT_EQ(written.count(QStringLiteral("status:")), 1) << written.toStdString();
+    EXPECT_TRUE(written.contains(QStringLiteral("status: \"final\"")));
+    EXPECT_TRUE(written.contains(QStringLiteral("owner: me")));
 }
 
 }  // namespace

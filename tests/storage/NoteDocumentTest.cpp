@@ -28,7 +28,8 @@ TEST(NoteDocument, ContentTypeFromExtension) {
     EXPECT_EQ(noteContentTypeForFileName(QStringLiteral("a.b/Plan.markdown")), NoteContentType::markdown);
     EXPECT_EQ(noteContentTypeForFileName(QStringLiteral("x.tldr")), NoteContentType::sketch);
     EXPECT_FALSE(noteContentTypeForFileName(QStringLiteral("Plan.txt")));
-    EXPECT_FALSE(noteContentTypeForFileName(QStringLiteral("Plan.MD")));
+    EXPECT_EQ(noteContentTypeForFileName(QStringLiteral("Plan.MD")), NoteContentType::markdown);  // case-insensitive
+    EXPECT_EQ(noteContentTypeForFileName(QStringLiteral("Page.Html")), NoteContentType::html);
     EXPECT_FALSE(noteContentTypeForFileName(QStringLiteral("notes.md/Plan")));
 }
 

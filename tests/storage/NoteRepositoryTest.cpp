@@ -42,10 +42,10 @@ TEST_F(NoteRepositoryTest, FileNamesFromTitles) {
     EXPECT_EQ(createdName(QStringLiteral("..hidden..")), QStringLiteral("hidden.md"));
     EXPECT_EQ(createdName(QStringLiteral("a\\b\tc")), QStringLiteral("a-b-c.md"));
     EXPECT_EQ(NoteRepository::safeBaseName(QString(500, u'x')).size(), 160);
-    // An emoji built with zero-width joiners keeps its picture characters, and the
-    // identifier stays valid.
+    // Format characters (Cf) are control characters too: like a line break, they become "-".
+    EXPECT_EQ(createdName(QString::fromUtf8("zero\u200Bwidth")), QStringLiteral("zero-width.md"));
     const QString emoji = QString::fromUtf8("\U0001F469\u200D\U0001F4BB Work");
-    EXPECT_EQ(createdName(emoji), QString::fromUtf8("\U0001F469\U0001F4BB Work.md"));
+    EXPECT_EQ(createdName(emoji), QString::fromUtf8("\U0001F469-\U0001F4BB Work.md"));
     // 160 CJK characters are 480 bytes: the name is shortened to fit the file system.
     const QString longCjk = createdName(QString(200, QChar(0x8A18)));
     EXPECT_LE(longCjk.toUtf8().size(), 255);
@@ -80,6 +80,37 @@ TEST_F(NoteRepositoryTest, CreateRejectsReservedAndMalformedKeysWritingNothing) 
                   QStringLiteral("The front-matter key is invalid or reserved: ") + QString::fromUtf8(key));
     }
     EXPECT_TRUE(visibleEntries().isEmpty());
+}
+
+// A name with a line break could forge "notes-created-by: human" or end the block early.
+TEST_F(NoteRepositoryTest, AgentNamesThatCouldForgeAuthorshipAreRefused) {
+    const NoteEditor forger = NoteEditor::agent(QStringLiteral("x\nnotes-created-by: human"));
+    auto created = repository.create(QStringLiteral("T"), QStringLiteral("hi"), forger);
+    ASSERT_FALSE(created);
+    EXPECT_EQ(created.error().code(), Error::Code::invalidEditorName);
+    EXPECT_TRUE(visibleEntries().isEmpty());
+
+    auto mine = repository.create(QStringLiteral("Mine"), QStringLiteral("my words"), NoteEditor::human());
+    ASSERT_TRUE(mine);
+    const QByteArray before = folder.read(mine->identifier);
+    auto updated = repository.update(mine->identifier, mine->document.revision(), QStringLiteral("x"),
+                                     NoteEditor::agent(QStringLiteral("y\n---\n")));
+    ASSERT_FALSE(updated);
+    EXPECT_EQ(updated.error().code(), Error::Code::invalidEditorName);
+    EXPECT_EQ(folder.read(mine->identifier), before);
+}
+
+TEST_F(NoteRepositoryTest, UpperCaseExtensionsAreNotesWithTheirOwnCase) {
+    folder.write(QStringLiteral("Plan.MD"), "# Plan");
+    folder.write(QStringLiteral("Page.HTML"), "<p>page</p>");
+    auto listing = repository.enumerateMetadata();
+    ASSERT_TRUE(listing);
+    QStringList identifiers;
+    for (const auto& entry : *listing) identifiers.append(entry.identifier);
+    EXPECT_EQ(identifiers, (QStringList{"Page.HTML", "Plan.MD"}));
+    auto plan = repository.read(QStringLiteral("Plan.MD"));
+    ASSERT_TRUE(plan);
+    EXPECT_EQ(plan->contentType, NoteContentType::markdown);
 }
 
 TEST_F(NoteRepositoryTest, CreateGivesUpAfterTenThousandNames) {
@@ -174,9 +205,10 @@ TEST_F(NoteRepositoryTest, ListingFindsOnlyNoteFiles) {
     ASSERT_TRUE(listing);
     QStringList identifiers;
     for (const auto& entry : *listing) identifiers.append(entry.identifier);
-    EXPECT_EQ(identifiers, (QStringList{"a/b/c.tldr", "a/z.html", "b.md", "page.htm", "readme.markdown"}));
-    EXPECT_EQ(listing->front().contentType, NoteContentType::sketch);
-    EXPECT_EQ(listing->front().fileSize, 1);
+    // Sorted by code point: upper case first.
+    EXPECT_EQ(identifiers, (QStringList{"Upper.MD", "a/b/c.tldr", "a/z.html", "b.md", "page.htm", "readme.markdown"}));
+    EXPECT_EQ(listing->at(1).contentType, NoteContentType::sketch);
+    EXPECT_EQ(listing->at(1).fileSize, 1);
 
     EXPECT_TRUE(NoteRepository(folder.filePath("not-yet")).enumerateMetadata()->empty());
 }
