@@ -32,6 +32,17 @@ protected:
     }
 };
 
+TEST_F(MarkdownTextViewTest, NonBreakingSpacesSurviveTyping) {
+    const QString text = QStringLiteral("It is 10\u00A0km away");
+    view.setMarkdown(text, {});
+    QString edited;
+    QObject::connect(&view, &MarkdownTextView::markdownEdited, [&](const QString& t) { edited = t; });
+    placeCaret(static_cast<int>(text.size()));
+    QTest::keyClicks(&view, QStringLiteral("!"));
+    EXPECT_EQ(edited, text + u'!');
+    EXPECT_EQ(view.markdown(), text + u'!');
+}
+
 TEST_F(MarkdownTextViewTest, StylingNeverChangesTheText) {
     const QString text = QStringLiteral("# Title\n\n**bold** _it_ `code` &amp; $x^2$\n\n```\n*raw*\n```\n| a | b |\n|---|---|\n| 1 | 2 |\n");
     view.setMarkdown(text, {});

@@ -105,9 +105,53 @@ const QRegularExpression& orderedItemPattern() {
     return pattern;
 }
 
+// A heading marker is followed by a space or ends the line: "#tag" is a word, not a heading.
 const QRegularExpression& headingMarkerPattern() {
-    static const QRegularExpression pattern(QStringLiteral(R"(^#{1,6}\s*)"));
+    static const QRegularExpression pattern(QStringLiteral(R"(^#{1,6}(?:[ \t]+|$))"));
     return pattern;
+}
+
+bool isFenceLine(QStringView line) {
+    const QStringView trimmed = line.trimmed();
+    return trimmed.startsWith(u"```") || trimmed.startsWith(u"~~~");
+}
+
+// A list item, or an indented line that continues one.
+bool isListLine(QStringView line) {
+    if (line.trimmed().isEmpty() || isFenceLine(line)) return false;
+    return listItemPattern().match(line).hasMatch() || line.startsWith(u' ') || line.startsWith(u'\t');
+}
+
+// Whether the line starting at `start` lies inside a fenced code block.
+bool insideFence(const QString& text, int start) {
+    bool inside = false;
+    for (int at = 0; at < start;) {
+        const int end = lineEnd(text, at);
+        if (isFenceLine(QStringView(text).mid(at, end - at))) inside = !inside;
+        at = end + 1;
+    }
+    return inside;
+}
+
+// The first and last line starts of the list holding the selection: the
+// consecutive list lines around it. Empty (first > last) outside a list or in code.
+std::pair<int, int> listBlockAround(const QString& text, TextSelection selection) {
+    const auto lineAt = [&](int start) { return QStringView(text).mid(start, lineEnd(text, start) - start); };
+    int first = lineStart(text, selection.start);
+    int last = lineStart(text, selection.end);
+    if (insideFence(text, first)) return {1, 0};
+    if (!isListLine(lineAt(first)) && !isListLine(lineAt(last))) return {1, 0};
+    while (first > 0) {
+        const int previous = lineStart(text, first - 1);
+        if (!isListLine(lineAt(previous))) break;
+        first = previous;
+    }
+    while (lineEnd(text, last) < text.size()) {
+        const int following = lineEnd(text, last) + 1;
+        if (!isListLine(lineAt(following))) break;
+        last = following;
+    }
+    return {first, last};
 }
 
 // How much one outdent removes from the start of `indentation`.
@@ -132,7 +176,8 @@ std::optional<TextEdit> withRenumbering(const QString& original, const Rewritten
 
 std::optional<TextEdit> makeTitleReal(const QString& text, TextSelection selection, bool breakLine) {
     if (selection.start != selection.end || lineEnd(text, 0) != 0 || selection.start != 0) return std::nullopt;
-    if (breakLine) {
+    // Return makes a new line only when there is none after the title; otherwise it moves to it, as Down does.
+    if (breakLine && text.isEmpty()) {
         const QString inserted = MarkdownEditing::untitledTitle + u'\n';
         const int caret = static_cast<int>(inserted.size());
         return TextEdit{0, 0, inserted, {caret, caret}};
@@ -193,10 +238,30 @@ QString inlineMarkerFor(FormattingAction action) {
     }
 }
 
+// How many copies of `c` run up to `end` (backwards) or from `start` (forwards).
+int runBefore(const QString& text, int end, QChar c) {
+    int count = 0;
+    while (end - count > 0 && text[end - count - 1] == c) ++count;
+    return count;
+}
+int runAfter(const QString& text, int start, QChar c) {
+    int count = 0;
+    while (start + count < text.size() && text[start + count] == c) ++count;
+    return count;
+}
+
 std::optional<TextEdit> wrapInline(const QString& text, TextSelection selection, const QString& marker) {
+    if (selection.start == selection.end) return std::nullopt;  // it needs something to wrap
     const int n = static_cast<int>(marker.size());
-    const bool wrapped = selection.start >= n && selection.end + n <= text.size() &&
-                         text.mid(selection.start - n, n) == marker && text.mid(selection.end, n) == marker;
+    // Emphasis composes: "*" inside "**" is bold, not italic. The selection is
+    // wrapped in this marker only when the runs around it hold it as such
+    // ("*x*" or "***x***" for italic, "**x**" or "***x***" for bold).
+    const QChar c = marker.front();
+    const int before = runBefore(text, selection.start, c);
+    const int after = runAfter(text, selection.end, c);
+    const bool emphasis = c == u'*' || c == u'_';
+    const bool wrapped = emphasis ? (before == after && (before == n || before == 3))
+                                  : (before >= n && after >= n && text.mid(selection.start - n, n) == marker);
     if (wrapped) {  // applying it again unwraps
         const Rewritten edited = rewrite(text, {{selection.start - n, n, QString()}, {selection.end, n, QString()}});
         return editBetween(text, edited.text, {selection.start - n, selection.end - n});
@@ -206,13 +271,16 @@ std::optional<TextEdit> wrapInline(const QString& text, TextSelection selection,
                     {selection.start + n, selection.end + n}};
 }
 
+// Only the list marker goes: a checkbox after it, checked or not, stays.
 QString withoutListMarker(const QString& line) {
     static const QRegularExpression marker(QStringLiteral(R"(^\s*([-*+]\s+|\d+\.\s+))"));
-    static const QRegularExpression checkbox(QStringLiteral(R"(^\[[ xX]\]\s+)"));
-    QString stripped = line;
-    const QRegularExpressionMatch match = marker.match(stripped);
-    if (match.hasMatch()) stripped = stripped.mid(match.capturedLength()).remove(checkbox);
-    return stripped;
+    const QRegularExpressionMatch match = marker.match(line);
+    return match.hasMatch() ? line.mid(match.capturedLength()) : line;
+}
+
+bool startsWithCheckbox(const QString& text) {
+    static const QRegularExpression checkbox(QStringLiteral(R"(^\[[ xX]\]\s)"));
+    return checkbox.match(text).hasMatch();
 }
 
 QString transformedLine(FormattingAction action, const QString& line, int ordinal, bool unquote) {
@@ -226,8 +294,12 @@ QString transformedLine(FormattingAction action, const QString& line, int ordina
         case FormattingAction::quote:
             if (unquote) return QString(line).remove(quotePrefix);
             return quotePrefix.match(line).hasMatch() ? line : linePrefixFor(action) + line;
-        case FormattingAction::bulletedList:
-        case FormattingAction::checklist: return linePrefixFor(action) + withoutListMarker(line);
+        case FormattingAction::bulletedList: return linePrefixFor(action) + withoutListMarker(line);
+        case FormattingAction::checklist: {
+            const QString rest = withoutListMarker(line);
+            // An item that already has a box keeps it, and its state.
+            return (startsWithCheckbox(rest) ? QStringLiteral("- ") : linePrefixFor(action)) + rest;
+        }
         case FormattingAction::numberedList: return QString::number(ordinal) + QStringLiteral(". ") + withoutListMarker(line);
         default: return line;
     }
@@ -286,7 +358,14 @@ std::optional<TextEdit> indent(const QString& text, TextSelection selection, boo
     }
     if (replacements.empty()) return std::nullopt;
     const Rewritten edited = rewrite(text, replacements);
-    return withRenumbering(text, edited, edited.map(selection));
+    // A caret at the start of an indented line stays in front of its character, not of the new indent.
+    const auto follow = [&](int position) {
+        for (const Replacement& r : replacements) {
+            if (r.length == 0 && r.start == position) return edited.map(position) + static_cast<int>(r.text.size());
+        }
+        return edited.map(position);
+    };
+    return withRenumbering(text, edited, {follow(selection.start), follow(selection.end)});
 }
 
 std::optional<TextEdit> deleteBackward(const QString& text, TextSelection selection) {
@@ -339,7 +418,7 @@ std::optional<TextEdit> toggleChecklist(const QString& text, int position, TextS
 std::optional<TextEdit> toggleDetails(const QString& text, int tagStart, TextSelection selection) {
     static const QRegularExpression tag(QStringLiteral(R"(<details\b([^>]*)>)"));
     static const QRegularExpression openAttribute(
-        QStringLiteral(R"(\s+open(?:\s*=\s*(?:"[^"]*"|'[^']*'|[^\s>]+))?)"));
+        QStringLiteral(R"(\s+open(?![\w-])(?:\s*=\s*(?:"[^"]*"|'[^']*'|[^\s>]+))?)"));
     const QRegularExpressionMatch match = tag.match(text, tagStart, QRegularExpression::NormalMatch,
                                                     QRegularExpression::AnchorAtOffsetMatchOption);
     if (!match.hasMatch()) return std::nullopt;
@@ -355,14 +434,19 @@ std::optional<TextEdit> toggleDetails(const QString& text, int tagStart, TextSel
 }
 
 std::optional<TextEdit> renumberOrderedLists(const QString& text, TextSelection selection) {
+    // Only the list the selection is in: other lists keep their numbers, and
+    // nothing inside a fenced code block is ever a list.
+    const auto [blockStart, blockEnd] = listBlockAround(text, selection);
+    if (blockStart > blockEnd) return std::nullopt;
     std::vector<Replacement> replacements;
     std::optional<QString> runIndentation;
     qint64 next = 0;
-    for (int start = 0; start <= text.size();) {
+    for (int start = blockStart; start <= blockEnd && start <= text.size();) {
         const int end = lineEnd(text, start);
         const QRegularExpressionMatch item = orderedItemPattern().match(text.mid(start, end - start));
         if (!item.hasMatch()) {
-            runIndentation.reset();
+            // A nested bulleted item or a continuation line does not break the run around it.
+            if (!isListLine(QStringView(text).mid(start, end - start))) runIndentation.reset();
         } else if (runIndentation != item.captured(1)) {
             runIndentation = item.captured(1);  // a new run keeps its first number
             next = item.captured(2).toLongLong() + 1;

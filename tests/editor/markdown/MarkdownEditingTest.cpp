@@ -72,8 +72,10 @@ TEST(MarkdownEditing, IndentingRenumbersBothLevels) {
     EXPECT_EQ(applied(text, MarkdownEditing::indent(text, caret, false)),
               QStringLiteral("T\n1. a\n    2. b|\n3. c"));
     const QString run = QStringLiteral("T\n1. a\n1. b\n7. c\n\n4. x\n9. y");
-    EXPECT_EQ(applied(run, MarkdownEditing::renumberOrderedLists(run, {0, 0})),
-              QStringLiteral("|T\n1. a\n2. b\n3. c\n\n4. x\n5. y"));
+    // Only the list holding the caret; the list after the blank line is another list.
+    EXPECT_EQ(applied(run, MarkdownEditing::renumberOrderedLists(run, {5, 5})),
+              QStringLiteral("T\n1. |a\n2. b\n3. c\n\n4. x\n9. y"));
+    EXPECT_FALSE(MarkdownEditing::renumberOrderedLists(run, {0, 0}));
 }
 
 TEST(MarkdownEditing, DeleteAtListMarkers) {
@@ -127,8 +129,51 @@ TEST(MarkdownEditing, InlineCommandsWrapAndUnwrap) {
     wrapped.replace(bold->start, bold->length, bold->replacement);
     EXPECT_EQ(applied(wrapped, MarkdownEditing::apply(FormattingAction::bold, wrapped, bold->selection)),
               QStringLiteral("say [hello] now"));
-    EXPECT_EQ(applied(text, MarkdownEditing::apply(FormattingAction::inlineCode, text, {4, 4})),
-              QStringLiteral("say `|`hello now"));
+    // A command that needs a selection does nothing without one.
+    for (const auto action : {FormattingAction::inlineCode, FormattingAction::bold, FormattingAction::italic}) {
+        EXPECT_FALSE(MarkdownEditing::apply(action, text, {4, 4}));
+    }
+    // Emphasis composes: italic inside bold adds italic, it does not take the bold away.
+    const QString bolded = QStringLiteral("say **hello** now");
+    EXPECT_EQ(applied(bolded, MarkdownEditing::apply(FormattingAction::italic, bolded, {6, 11})),
+              QStringLiteral("say ***[hello]*** now"));
+    const QString both = QStringLiteral("say ***hello*** now");
+    EXPECT_EQ(applied(both, MarkdownEditing::apply(FormattingAction::italic, both, {7, 12})),
+              QStringLiteral("say **[hello]** now"));
+    const QString italic = QStringLiteral("say *hello* now");
+    EXPECT_EQ(applied(italic, MarkdownEditing::apply(FormattingAction::bold, italic, {5, 10})),
+              QStringLiteral("say ***[hello]*** now"));
+}
+
+// Each of these changed or lost the user's characters.
+TEST(MarkdownEditing, EditsChangeOnlyWhatTheyAreAbout) {
+    // Return renumbers the list being edited, never code or another list.
+    const auto [list, caret] = withCaret(QStringLiteral("T\n- milk|\n```\n1. x\n1. y\n```\n\n1. a\n1. b"));
+    EXPECT_EQ(applied(list, MarkdownEditing::insertNewline(list, caret)),
+              QStringLiteral("T\n- milk\n- |\n```\n1. x\n1. y\n```\n\n1. a\n1. b"));
+    const auto [numbered, at] = withCaret(QStringLiteral("T\n1. a|\n1. b\n\ntext\n1. c\n1. d"));
+    EXPECT_EQ(applied(numbered, MarkdownEditing::insertNewline(numbered, at)),
+              QStringLiteral("T\n1. a\n2. |\n3. b\n\ntext\n1. c\n1. d"));
+    // Only a real "open" attribute is toggled.
+    const QString opened = QStringLiteral("<details opened>");
+    EXPECT_EQ(applied(opened, MarkdownEditing::toggleDetails(opened, 0, {0, 0})),
+              QStringLiteral("|<details opened open>"));
+    // Converting a checked item keeps its state: only the list marker is replaced.
+    const QString checked = QStringLiteral("T\n* [x] done");
+    EXPECT_EQ(applied(checked, MarkdownEditing::apply(FormattingAction::bulletedList, checked, {5, 5})),
+              QStringLiteral("T\n[- [x] done]"));
+    EXPECT_EQ(applied(checked, MarkdownEditing::apply(FormattingAction::checklist, checked, {5, 5})),
+              QStringLiteral("T\n[- [x] done]"));
+    // "#tag" is a word, not a heading marker to protect.
+    const QString tag = QStringLiteral("#tag idea\nbody");
+    EXPECT_FALSE(MarkdownEditing::deleteBackward(tag, {1, 1}));
+    EXPECT_EQ(applied(tag, MarkdownEditing::apply(FormattingAction::title, tag, {0, 0})), QStringLiteral("[# #tag idea]\nbody"));
+    // Return on an empty title with text below moves to it; it adds no line.
+    EXPECT_EQ(applied(QStringLiteral("\nbody"), MarkdownEditing::insertNewline(QStringLiteral("\nbody"), {0, 0})),
+              QStringLiteral("Untitled Note\n|body"));
+    // Tab at the start of an item keeps the caret in front of its character.
+    const QString item = QStringLiteral("T\n- a");
+    EXPECT_EQ(applied(item, MarkdownEditing::indent(item, {2, 2}, false)), QStringLiteral("T\n    |- a"));
 }
 
 TEST(MarkdownEditing, ChecklistAndDetailsToggles) {

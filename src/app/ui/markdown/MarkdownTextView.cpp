@@ -266,7 +266,7 @@ void MarkdownTextView::applyParagraphFormats() {
 }
 
 void MarkdownTextView::restyle() {
-    const QString text = toPlainText();
+    const QString text = markdown();
     styling_ = true;
     QElapsedTimer timer;
     timer.start();
@@ -304,7 +304,7 @@ void MarkdownTextView::applyEdit(const TextEdit& edit) {
 }
 
 void MarkdownTextView::applyFormatting(FormattingAction action) {
-    if (auto edit = MarkdownEditing::apply(action, toPlainText(), selection())) {
+    if (auto edit = MarkdownEditing::apply(action, markdown(), selection())) {
         applyEdit(*edit);
         DiagnosticsCenter::shared().event(QStringLiteral("Formatting action applied"),
                                           {{"action", formattingActionName(action)}});
@@ -312,7 +312,7 @@ void MarkdownTextView::applyFormatting(FormattingAction action) {
 }
 
 void MarkdownTextView::keyPressEvent(QKeyEvent* event) {
-    const QString text = toPlainText();
+    const QString text = markdown();
     const TextSelection current = selection();
     std::optional<TextEdit> edit;
     const bool plain = !(event->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier));
@@ -623,7 +623,7 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
     if (presentation_ == Presentation::styled && event->button() == Qt::LeftButton) {
         const QPoint point = event->position().toPoint();
         if (const DrawnObject* box = objectAt(point, DrawnKind::checkbox)) {
-            if (auto edit = MarkdownEditing::toggleChecklist(toPlainText(), box->start, selection())) applyEdit(*edit);
+            if (auto edit = MarkdownEditing::toggleChecklist(markdown(), box->start, selection())) applyEdit(*edit);
             return;
         }
         for (const DrawnObject& object : pass_.objects) {
@@ -635,7 +635,7 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
         }
         if (const DrawnObject* disclosure = objectAt(point, DrawnKind::detailsDisclosure)) {
             const int tag = disclosure->related.start >= 0 ? disclosure->related.start : disclosure->start;
-            if (auto edit = MarkdownEditing::toggleDetails(toPlainText(), tag, selection())) applyEdit(*edit);
+            if (auto edit = MarkdownEditing::toggleDetails(markdown(), tag, selection())) applyEdit(*edit);
             return;
         }
     }

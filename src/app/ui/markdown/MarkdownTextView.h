@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "MarkdownEditing.h"
+#include "EditorTextSync.h"
 #include "MarkdownStyle.h"
 
 namespace mossly {
@@ -29,7 +30,8 @@ public:
 
     // Replaces the whole text (a note was opened or reloaded); not undoable.
     void setMarkdown(const QString& text, const QString& noteFile);
-    QString markdown() const { return toPlainText(); }
+    // The text exactly as typed: non-breaking spaces stay what they are.
+    QString markdown() const { return documentText(*document()); }
 
     void setPresentation(markdown::Presentation presentation);
     markdown::Presentation presentation() const { return presentation_; }
