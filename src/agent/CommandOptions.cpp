@@ -124,11 +124,26 @@ std::expected<NoteWrite, UsageError> noteWriteFrom(const CommandOptions& options
 QString noteJson(const StoredNote& note) {
     const NoteDocument& document = note.document;
     JsonObjectWriter frontMatter;
+    QStringList shown;
     for (const auto& [key, value] : document.frontMatterFields) {
         const QString written = MarkdownDocumentCodec::writtenValue(value);
         // JSON has no NaN or infinity.
         const bool finite = !value.holds<double>() || std::isfinite(value.get<double>());
         frontMatter.addRaw(key, finite ? written : QStringLiteral("null"));
+        shown.append(key);
+    }
+    // Other lines ("status: draft" that an agent set) are shown as text, so an agent sees what it wrote.
+    for (const QString& line : document.unrelatedMetadata()) {
+        const qsizetype colon = line.indexOf(u':');
+        if (colon <= 0) continue;
+        const QString key = line.left(colon).trimmed();
+        if (shown.contains(key)) continue;
+        shown.append(key);
+        QString value = line.mid(colon + 1).trimmed();
+        if (value.size() >= 2 && value.startsWith(u'"') && value.endsWith(u'"')) {
+            value = std::get<QString>(MarkdownDocumentCodec::value(value).storage());
+        }
+        frontMatter.add(key, value);
     }
     std::optional<QString> lastEditedBy;
     if (document.lastEditedBy) lastEditedBy = document.lastEditedBy->storedValue();

@@ -61,6 +61,8 @@ public:
     NoteFrontMatterFields frontMatterFields;
 
     NoteContentType contentType() const { return contentType_; }
+    // Metadata lines no field of ours describes ("status: draft"), as they stand in the file.
+    const QStringList& unrelatedMetadata() const { return payload_.unrelatedMetadata; }
     const QString& revision() const { return revision_; }
 
     bool operator==(const NoteDocument&) const = default;

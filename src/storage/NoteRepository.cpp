@@ -1,4 +1,5 @@
 #include "NoteRepository.h"
+#include "NoteTitle.h"
 
 #include <QDir>
 #include <QFile>
@@ -31,20 +32,6 @@ std::optional<QString> decodeUtf8(const QByteArray& bytes) {
     QString text = decoder(bytes);
     if (decoder.hasError()) return std::nullopt;
     return text;
-}
-
-// The first `count` user-perceived characters, never splitting an emoji or accent.
-QString leadingGraphemes(const QString& text, qsizetype count) {
-    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
-    qsizetype taken = 0;
-    qsizetype end = 0;
-    while (taken < count) {
-        const qsizetype next = finder.toNextBoundary();
-        if (next < 0) return text;
-        end = next;
-        ++taken;
-    }
-    return text.left(end);
 }
 
 QString trimmedToBytes(QString text, qsizetype maximumBytes) {

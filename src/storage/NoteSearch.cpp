@@ -1,5 +1,7 @@
 #include "NoteSearch.h"
 
+#include "NoteTitle.h"
+
 #include <QUrl>
 #include <algorithm>
 #include <cstring>
@@ -41,8 +43,10 @@ QString NoteSearch::ftsExpression(const QStringList& terms) {
 }
 
 QString NoteSearch::clippedExcerpt(const QString& snippet) {
+    // Characters as people count them: an emoji or an accented letter is one.
     if (snippet.size() <= maximumExcerptLength) return snippet;
-    return snippet.left(maximumExcerptLength - 3) + QStringLiteral("…");
+    if (leadingGraphemes(snippet, maximumExcerptLength) == snippet) return snippet;
+    return leadingGraphemes(snippet, maximumExcerptLength - 3) + QStringLiteral("…");
 }
 
 QString NoteSearch::openURL(const QString& identifier) {

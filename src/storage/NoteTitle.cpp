@@ -1,5 +1,7 @@
 #include "NoteTitle.h"
 
+#include <QTextBoundaryFinder>
+
 namespace mossly {
 
 namespace {
@@ -33,6 +35,19 @@ QString noteTitle(const QString& visibleText, const QString& identifier) {
         start = end + 1;
     }
     return fileStem(identifier);
+}
+
+QString leadingGraphemes(const QString& text, qsizetype count) {
+    QTextBoundaryFinder finder(QTextBoundaryFinder::Grapheme, text);
+    qsizetype taken = 0;
+    qsizetype end = 0;
+    while (taken < count) {
+        const qsizetype next = finder.toNextBoundary();
+        if (next < 0) return text;
+        end = next;
+        ++taken;
+    }
+    return text.left(end);
 }
 
 }  // namespace mossly

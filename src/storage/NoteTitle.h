@@ -9,4 +9,8 @@ namespace mossly {
 // heading marker, else the file name without its extension.
 QString noteTitle(const QString& visibleText, const QString& identifier);
 
+// The first `count` user-perceived characters (grapheme clusters), never
+// splitting an emoji, an accent or a surrogate pair; the whole text when shorter.
+QString leadingGraphemes(const QString& text, qsizetype count);
+
 }  // namespace mossly

@@ -3,6 +3,7 @@
 #include <QBuffer>
 #include <QDir>
 #include <QJsonArray>
+#include <QJsonObject>
 #include <QJsonDocument>
 
 #include "AgentAccess.h"
@@ -133,6 +134,59 @@ TEST(AgentNotesFolderTest, ARelativeNotesFolderWorksForEveryCommand) {
         EXPECT_TRUE(search.second.contains(QStringLiteral("sub\\/Plan.md"))) << search.second.toStdString();
     }
     QDir::setCurrent(previous);
+}
+
+}  // namespace
+}  // namespace mossly::agent
+
+namespace mossly::agent {
+namespace {
+
+struct Ran {
+    int code;
+    QString out;
+    const QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
+};
+
+Ran runIn(const test::TemporaryNotesFolder& folder, QStringList arguments) {
+    arguments << QStringLiteral("--notes-dir") << folder.path() << QStringLiteral("--catalog")
+              << folder.filePath(".catalog.sqlite");
+    QString out, err;
+    QTextStream outStream(&out), errStream(&err);
+    QBuffer in;
+    in.open(QIODevice::ReadOnly);
+    AgentIo io{outStream, errStream, in};
+    const int code = runAgent(arguments, io);
+    outStream.flush();
+    errStream.flush();
+    return {code, out + err};
+}
+
+TEST(AgentFieldsTest, AnAgentSeesTheFieldsItSetAndUpdatingOneReplacesIt) {
+    test::TemporaryNotesFolder folder;
+    const Ran created = runIn(folder, {"create", "--title", "Plan", "--field", "status=draft", "--agent", "codex"});
+    ASSERT_EQ(created.code, 0) << created.out.toStdString();
+    EXPECT_EQ(created.json()["frontMatter"]["status"].toString(), QStringLiteral("draft"));
+    const QString revision = created.json()["revision"].toString();
+    const Ran updated = runIn(folder, {"update", "Plan.md", "--expected-revision", revision, "--field", "status=final",
+                                       "--agent", "codex"});
+    ASSERT_EQ(updated.code, 0) << updated.out.toStdString();
+    EXPECT_EQ(QString::fromUtf8(folder.read(QStringLiteral("Plan.md"))).count(QStringLiteral("status:")), 1);
+    EXPECT_EQ(runIn(folder, {"read", "Plan.md"}).json()["frontMatter"]["status"].toString(), QStringLiteral("final"));
+}
+
+TEST(AgentFieldsTest, ExcerptsCountCharactersNotCodeUnits) {
+    test::TemporaryNotesFolder folder;
+    QString emoji;
+    for (int i = 0; i < 300; ++i) emoji += QString::fromUtf8("\U0001F600");
+    folder.write(QStringLiteral("Smiles.md"), ("# Smiles\nsmile " + emoji).toUtf8());
+    const Ran found = runIn(folder, {"search", "smile"});
+    ASSERT_EQ(found.code, 0) << found.out.toStdString();
+    const QString excerpt = found.json()["results"][0]["excerpt"].toString();
+    EXPECT_FALSE(excerpt.contains(QChar::ReplacementCharacter));
+    EXPECT_TRUE(excerpt.endsWith(QStringLiteral("…")));
+    EXPECT_LE(excerpt.toUcs4().size(), 238);
+    for (const QChar c : excerpt) EXPECT_FALSE(c.isSurrogate() && excerpt.toUcs4().contains(c.unicode()));
 }
 
 }  // namespace
