@@ -51,6 +51,19 @@ Result<void> writeAll(int fd, const QByteArray& bytes, const QString& path) {
 
 }  // namespace
 
+namespace {
+std::function<Result<void>(const QString&)> folderSyncOverride;
+}
+
+void AtomicFile::overrideFolderSyncForTesting(std::function<Result<void>(const QString&)> sync) {
+    folderSyncOverride = std::move(sync);
+}
+
+Result<void> AtomicFile::syncFolderOf(const QString& path) {
+    const QString folder = QFileInfo(path).path();
+    return folderSyncOverride ? folderSyncOverride(folder) : syncDirectory(folder);
+}
+
 Result<void> syncDirectory(const QString& directory) {
     const int fd = ::open(encoded(directory).constData(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
     if (fd < 0) return fail(Error::system(errno, directory));
@@ -100,8 +113,10 @@ Result<bool> AtomicFile::commitIfAbsent(const QString& path) {
     }
     ::unlink(encoded(temporaryPath_).constData());
     temporaryPath_.clear();
-    auto synced = syncDirectory(QFileInfo(path).path());
-    if (!synced) return fail(synced.error());
+    // The note exists from here on, whatever happens next: a caller that took a
+    // failure for "not created" would try again and make a second note. A
+    // folder that cannot be synced is kept as a durability problem instead.
+    if (auto synced = syncFolderOf(path); !synced) durabilityProblem_ = synced.error();
     return true;
 }
 
@@ -165,7 +180,8 @@ AtomicFile::AtomicFile(AtomicFile&& other) noexcept
     : targetPath_(std::move(other.targetPath_)),
       temporaryPath_(std::exchange(other.temporaryPath_, QString())),
       bytes_(std::move(other.bytes_)),
-      mode_(other.mode_) {}
+      mode_(other.mode_),
+      durabilityProblem_(std::move(other.durabilityProblem_)) {}
 
 AtomicFile::~AtomicFile() {
     if (!temporaryPath_.isEmpty()) ::unlink(encoded(temporaryPath_).constData());

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <functional>
 #include <optional>
 #include <sys/stat.h>
 #include <sys/types.h>
@@ -37,6 +38,12 @@ public:
     static Result<QByteArray> readAll(const QString& path, bool followSymlinks = true,
                                       struct stat* info = nullptr);
 
+    // Set when a commit published the file but could not sync its folder: the
+    // file is there (and its bytes are on disk), its name may not survive a crash.
+    const std::optional<Error>& durabilityProblem() const { return durabilityProblem_; }
+    // Tests only: stands in for the folder sync after a commit.
+    static void overrideFolderSyncForTesting(std::function<Result<void>(const QString&)> sync);
+
     // Forget the temporary file without removing it, as a crash would.
     void abandon() { temporaryPath_.clear(); }
     const QString& temporaryPath() const { return temporaryPath_; }
@@ -55,11 +62,13 @@ private:
           bytes_(std::move(bytes)),
           mode_(mode) {}
     Result<bool> createExclusivelyByWriting(const QString& path);
+    static Result<void> syncFolderOf(const QString& path);
 
     QString targetPath_;
     QString temporaryPath_;
     QByteArray bytes_;
     mode_t mode_;
+    std::optional<Error> durabilityProblem_;
 };
 
 // fsync of a folder, so that a rename or a new name in it is durable.

@@ -113,6 +113,19 @@ TEST_F(NoteRepositoryTest, UpperCaseExtensionsAreNotesWithTheirOwnCase) {
     EXPECT_EQ(plan->contentType, NoteContentType::markdown);
 }
 
+// Once the name is published the note exists: a failed folder sync must not
+// read as "not created", or a caller's retry makes "T 2.md".
+TEST_F(NoteRepositoryTest, AFolderSyncFailureAfterPublishingStillCreatesOneNote) {
+    AtomicFile::overrideFolderSyncForTesting([](const QString& folder) -> Result<void> {
+        return fail(Error::system(EIO, folder));
+    });
+    auto created = repository.create(QStringLiteral("T"), QStringLiteral("body"), NoteEditor::human());
+    AtomicFile::overrideFolderSyncForTesting({});
+    ASSERT_TRUE(created) << created.error().description().toStdString();
+    EXPECT_EQ(created->identifier, QStringLiteral("T.md"));
+    EXPECT_EQ(visibleEntries(), QStringList{QStringLiteral("T.md")});
+}
+
 TEST_F(NoteRepositoryTest, CreateGivesUpAfterTenThousandNames) {
     folder.write(QStringLiteral("Busy.md"), "x");
     for (int n = 2; n <= NoteRepository::maximumNameAttempts; ++n) {
