@@ -13,24 +13,29 @@
 namespace mossly {
 
 QStringList NoteSearch::normalizedTerms(const QString& query) {
-    // Fold diacritics by decomposing and dropping the combining marks, then fold case.
-    QString folded;
-    const QString decomposed = query.normalized(QString::NormalizationForm_D);
-    folded.reserve(decomposed.size());
-    for (const QChar c : decomposed) {
-        if (c.category() != QChar::Mark_NonSpacing) folded += c;
-    }
-    folded = folded.normalized(QString::NormalizationForm_C).toLower();
-
+    // Split exactly where the catalog's unicode61 tokenizer splits: only
+    // letters, numbers and private-use characters make up words, so every
+    // combining mark (a virama, a Thai vowel sign, a haraka) separates, as it
+    // does in the index. Like remove_diacritics, a precomposed Latin letter
+    // loses its accents ("é" is "e"), and case is folded.
+    const QString composed = query.normalized(QString::NormalizationForm_C);
     QStringList terms;
     QString current;
-    for (const char32_t codePoint : folded.toUcs4()) {
-        if (QChar::isLetterOrNumber(codePoint)) {
-            current += QString::fromUcs4(&codePoint, 1);
-        } else if (!current.isEmpty()) {
-            terms.append(current);
+    for (const char32_t codePoint : composed.toUcs4()) {
+        const QChar::Category category = QChar::category(codePoint);
+        if (!QChar::isLetterOrNumber(codePoint) && category != QChar::Other_PrivateUse) {
+            if (!current.isEmpty()) terms.append(current);
             current.clear();
+            continue;
         }
+        QString character = QString::fromUcs4(&codePoint, 1);
+        const QString decomposed = character.normalized(QString::NormalizationForm_D);
+        if (decomposed.size() > 1 && std::all_of(decomposed.begin() + 1, decomposed.end(), [](QChar c) {
+                return c.unicode() >= 0x0300 && c.unicode() <= 0x036F;
+            })) {
+            character = decomposed.left(1);
+        }
+        current += character.toLower();
     }
     if (!current.isEmpty()) terms.append(current);
     return terms;

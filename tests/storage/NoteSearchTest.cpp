@@ -94,6 +94,30 @@ TEST_F(KeywordSearchTest, LimitsQuotesAndDiacritics) {
     EXPECT_TRUE(catalog->search(QStringLiteral("!!!"), 10)->results.empty());
 }
 
+// The query is split where the catalog's tokenizer splits the text; if the two
+// ever disagree (a tokenizer option changed), a whole script goes unfindable.
+TEST_F(KeywordSearchTest, EveryScriptIsFoundByItsOwnWords) {
+    const std::pair<const char*, const char*> samples[] = {
+        {"hindi.md", "\u0928\u092E\u0938\u094D\u0924\u0947 \u0926\u0941\u0928\u093F\u092F\u093E"},  // नमस्ते दुनिया
+        {"thai.md", "\u0E2A\u0E27\u0E31\u0E2A\u0E14\u0E35 \u0E04\u0E23\u0E31\u0E1A"},                 // สวัสดี ครับ
+        {"arabic.md", "\u0643\u064E\u062A\u064E\u0628\u064E \u0627\u0644\u062F\u0651\u064E\u0631\u0652\u0633"},  // harakat
+        {"korean.md", "\uD68C\uC758 \uC900\uBE44"},                                                        // 회의 준비
+        {"german.md", "Die Stra\u00DFe ist lang"},
+        {"turkish.md", "\u0130stanbul toplant\u0131s\u0131"},
+    };
+    for (const auto& [name, text] : samples) folder.write(QString::fromUtf8(name), QByteArray("# Note\n") + text);
+    index();
+    for (const auto& [name, text] : samples) {
+        for (const QString& word : QString::fromUtf8(text).split(u' ')) {
+            EXPECT_EQ(identifiers(word), QStringList{QString::fromUtf8(name)}) << name << " " << word.toStdString();
+        }
+    }
+    // Folding works the same way on both sides.
+    EXPECT_EQ(identifiers(QStringLiteral("STRA\u00DFE")), QStringList{"german.md"});
+    EXPECT_EQ(identifiers(QStringLiteral("istanbul")), QStringList{"turkish.md"});
+    EXPECT_EQ(identifiers(QStringLiteral("STRASSE")).size(), 0u) << "ß is no double s for the tokenizer";
+}
+
 TEST_F(KeywordSearchTest, ExcerptsComeFromTheBodyAndStayShort) {
     QByteArray longBody = "# Title\n";
     for (int i = 0; i < 200; ++i) longBody += "extraordinarily ";
