@@ -188,6 +188,23 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
     return inTransaction([&]() -> Result<int> {
+        // The full-text rows are found through their metadata rows' rowids. If
+        // another program (or a VACUUM) broke that link, searches would find
+        // nothing and inserts could collide: the catalog is a cache, so it is
+        // emptied and rebuilt from the notes.
+        if (!linksVerified_) {
+            auto check = db_->prepare(QString::fromLatin1(CatalogSql::brokenLinks));
+            if (!check) return fail(check.error());
+            auto use = (*check)->use();
+            auto row = use.step();
+            if (!row) return fail(row.error());
+            if (*row && use.integer(0) > 0) {
+                for (const char* sql : CatalogSql::clearKeywordRows) {
+                    if (auto cleared = db_->execute(QString::fromLatin1(sql)); !cleared) return fail(cleared.error());
+                }
+            }
+            linksVerified_ = true;
+        }
         QHash<QString, Fingerprint> known;
         {
             auto use = statements_->fingerprints->use();

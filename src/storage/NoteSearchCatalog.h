@@ -95,6 +95,7 @@ private:
     std::recursive_mutex lock_;
     // One synchronisation at a time.
     std::mutex synchronizationLock_;
+    bool linksVerified_ = false;  // checked once per open catalog (see synchronizeKeywords)
 };
 
 }  // namespace mossly

@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QFile>
 #include <fcntl.h>
+#include <sqlite3.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -142,6 +143,33 @@ TEST_F(NoteSearchCatalogTest, RebuildAfterDeletingTheFilesGivesTheSameRows) {
     ASSERT_TRUE(rebuilt->synchronize(repository, &chunker));
     EXPECT_EQ(dump(*rebuilt), before);
     EXPECT_EQ(before.size(), 6);
+}
+
+// Another program rewrote the rowids (a VACUUM of the full-text table, a tool):
+// the catalog notices the broken links and rebuilds itself from the notes.
+TEST_F(NoteSearchCatalogTest, ACatalogWhoseRowidsDriftedHealsItself) {
+    folder.write(QStringLiteral("a.md"), "# Alpha\nriver");
+    folder.write(QStringLiteral("b.md"), "# Beta\nriver stone");
+    {
+        auto catalog = openCatalog();
+        sync(*catalog);
+    }
+    {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(QFile::encodeName(catalogPath).constData(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, "UPDATE note_metadata SET rowid = rowid + 1000", nullptr, nullptr, nullptr), SQLITE_OK);
+        // A leftover full-text row where the next metadata row will land.
+        ASSERT_EQ(sqlite3_exec(db, "INSERT INTO note_fts (rowid, identifier, title, body) VALUES (1003, 'x.md', 'x', 'x')",
+                               nullptr, nullptr, nullptr), SQLITE_OK);
+        sqlite3_close(db);
+    }
+    folder.write(QStringLiteral("c.md"), "# Gamma\nriver");
+    auto catalog = openCatalog();
+    sync(*catalog);
+    auto found = catalog->search(QStringLiteral("river"), 10);
+    ASSERT_TRUE(found);
+    EXPECT_EQ(found->results.size(), 3u);
+    EXPECT_EQ(sync(*catalog), 0) << "healed once, then in step";
 }
 
 TEST_F(NoteSearchCatalogTest, CancelledSynchronisationRollsBack) {
