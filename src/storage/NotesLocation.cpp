@@ -36,9 +36,6 @@ Result<NotesLocationConfiguration> decodeConfiguration(const QByteArray& bytes) 
     }
     NotesLocationConfiguration configuration;
     configuration.schemaVersion = version.toInteger();
-    if (configuration.schemaVersion != 1) {
-        return fail(Error::unsupportedLocationVersion(configuration.schemaVersion));
-    }
 
     const QString mode = object.value(u"mode").toString();
     if (mode == u"local") {
@@ -61,6 +58,10 @@ Result<NotesLocationConfiguration> decodeConfiguration(const QByteArray& bytes) 
         return fail(Error::malformedLocation(QStringLiteral("\"notesRelativePath\" must be a string")));
     }
     configuration.notesRelativePath = relativePath.toString();
+    // The whole record decodes first; only then is its version judged.
+    if (configuration.schemaVersion != 1) {
+        return fail(Error::unsupportedLocationVersion(configuration.schemaVersion));
+    }
     return configuration;
 }
 
@@ -163,6 +164,11 @@ Result<NotesDirectoryResolver::Resolution> NotesDirectoryResolver::resolveWithFa
     auto resolved = resolve(configuration);
     if (resolved) return Resolution{*resolved, std::nullopt};
     if (configuration.mode != NotesStorageMode::iCloud) return fail(resolved.error());
+    // Fall back to local storage only when the cloud itself is what is missing,
+    // not when the configured path is wrong.
+    const QString identifier = configuration.iCloudContainerIdentifier.value_or(QString());
+    const bool cloudMissing = identifier.isEmpty() || !locator_->containerDirectory(identifier);
+    if (!cloudMissing) return fail(resolved.error());
     NotesLocationConfiguration local = configuration;
     local.mode = NotesStorageMode::local;
     auto fallback = resolve(local);

@@ -46,6 +46,9 @@ TEST_F(NotesLocationTest, LoadErrorsCarryTheirTexts) {
     EXPECT_EQ(loadText(R"({"schemaVersion":1,"mode":"local"})").error().code(), Error::Code::malformedLocation);
     EXPECT_EQ(loadText(R"({"mode":"local","notesRelativePath":"N"})").error().code(),
               Error::Code::malformedLocation);
+    // The record is decoded whole before its version is judged.
+    EXPECT_EQ(loadText(R"({"schemaVersion":2,"mode":"floppy","notesRelativePath":"N"})").error().code(),
+              Error::Code::malformedLocation);
 }
 
 TEST_F(NotesLocationTest, ResolverErrors) {
@@ -84,6 +87,16 @@ TEST_F(NotesLocationTest, UnavailableCloudFallsBackToLocalWithANotice) {
     ASSERT_TRUE(resolved);
     EXPECT_EQ(resolved->directory, folder.filePath("clouds/iCloud.com.bellam.notes/Documents/Notes"));
     EXPECT_FALSE(resolved->notice);
+
+    // The cloud is there but the path is wrong: that is said, not papered over with local storage.
+    cloud.notesRelativePath = QStringLiteral("../outside");
+    auto wrongPath = withCloud.resolveWithFallback(cloud);
+    ASSERT_FALSE(wrongPath);
+    EXPECT_EQ(wrongPath.error().description(), QStringLiteral("Invalid notes directory path: ../outside"));
+    // An empty identifier is no identifier: the cloud is missing, so local storage it is.
+    cloud.notesRelativePath = QStringLiteral("Notes");
+    cloud.iCloudContainerIdentifier = QString();
+    EXPECT_EQ(withCloud.resolveWithFallback(cloud)->notice, QStringLiteral("Using local storage until iCloud is available."));
 }
 
 TEST_F(NotesLocationTest, SaveIsAtomicAndRoundTrips) {
