@@ -221,7 +221,12 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
             return fail(Error::stale(expectedRevision, current->document.revision()));
         }
         const QString text = current->document.serialized(body, editedBy, frontMatterUpdates);
-        const QByteArray bytes = text.toUtf8();
+        // A byte order mark the file started with stays: the edit is to the text, not to the encoding.
+        static const QByteArray byteOrderMark("\xEF\xBB\xBF");
+        QFile file(*path);
+        const bool hadMark = file.open(QIODevice::ReadOnly) && file.read(3) == byteOrderMark;
+        file.close();
+        const QByteArray bytes = (hadMark ? byteOrderMark : QByteArray()) + text.toUtf8();
         struct stat info {};
         if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
         auto staged = AtomicFile::stage(*path, bytes, info.st_mode & 07777);

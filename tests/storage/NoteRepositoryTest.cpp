@@ -201,6 +201,13 @@ TEST_F(NoteRepositoryTest, ByteOrderMarkSurvivesAnEdit) {
     auto note = repository.read(QStringLiteral("bom.md"));
     ASSERT_TRUE(note);
     EXPECT_EQ(note->document.revision(), NoteDocument::revision(QByteArray("\xEF\xBB\xBFHello")));
+    auto edited = repository.update(QStringLiteral("bom.md"), note->document.revision(), QStringLiteral("Hello again"),
+                                    NoteEditor::human());
+    ASSERT_TRUE(edited) << edited.error().description().toStdString();
+    const QByteArray written = folder.read(QStringLiteral("bom.md"));
+    EXPECT_TRUE(written.startsWith("\xEF\xBB\xBF")) << written.toStdString();
+    EXPECT_TRUE(written.endsWith("Hello again"));
+    EXPECT_EQ(edited->document.revision(), NoteDocument::revision(written));
 }
 
 TEST_F(NoteRepositoryTest, ListingFindsOnlyNoteFiles) {
