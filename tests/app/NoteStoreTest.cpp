@@ -71,6 +71,14 @@ TEST_F(NoteStoreTest, TypingForSecondsWritesOnceAfterTheLastKey) {
     EXPECT_EQ(recorder.count(QStringLiteral("External note changes reconciled")), 0);
 }
 
+TEST_F(NoteStoreTest, ExcerptsReadAsTextWithoutMarkup) {
+    folder.write(QStringLiteral("a.md"), "# Trip\n![map](map.png)\n- **Pack** the _charts_ and [tide table](https://x.test) `v2`");
+    folder.write(QStringLiteral("b.md"), "# Snake\nsnake_case_name stays *as* it is");
+    auto store = openStore();
+    EXPECT_EQ(store->note(url("a.md"))->excerpt, QStringLiteral("Pack the charts and tide table v2"));
+    EXPECT_EQ(store->note(url("b.md"))->excerpt, QStringLiteral("snake_case_name stays as it is"));
+}
+
 TEST_F(NoteStoreTest, FlushWritesPendingEditsAtOnce) {
     folder.write(QStringLiteral("a.md"), "v1");
     auto store = openStore();

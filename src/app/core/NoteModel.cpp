@@ -1,5 +1,7 @@
 #include "NoteModel.h"
 
+#include <QRegularExpression>
+
 #include "NoteTitle.h"
 
 namespace mossly {
@@ -7,6 +9,22 @@ namespace mossly {
 namespace {
 
 constexpr qsizetype maximumExcerptLength = 160;
+
+// A line of Markdown as a reader sees it: no heading, list or quote markers,
+// no emphasis or code marks, links as their text, images and tags left out.
+QString readableLine(QString line) {
+    static const QRegularExpression image(QStringLiteral(R"(!\[[^\]]*\]\([^)]*\))"));
+    static const QRegularExpression link(QStringLiteral(R"(\[([^\]]*)\]\([^)]*\))"));
+    static const QRegularExpression prefix(QStringLiteral(R"(^(?:#{1,6}[ \t]+|>[ \t]?|[-*+][ \t]+(?:\[[ xX]\][ \t]+)?|\d+\.[ \t]+)+)"));
+    static const QRegularExpression tag(QStringLiteral(R"(</?[A-Za-z][^>]*>)"));
+    static const QRegularExpression marks(QStringLiteral(R"((\*\*|__|~~|`|(?<![\w*])\*(?!\s)|(?<=\S)\*(?![\w*])|(?<!\w)_(?=\S)|(?<=\S)_(?!\w)))"));
+    line.remove(image);
+    line.replace(link, QStringLiteral("\\1"));
+    line.remove(prefix);
+    line.remove(tag);
+    line.remove(marks);
+    return line.simplified();
+}
 
 // The first line with text after the line the title came from.
 QString excerptAfterTitle(const QString& visibleText) {
@@ -22,7 +40,9 @@ QString excerptAfterTitle(const QString& visibleText) {
             passedTitle = true;
             continue;
         }
-        return line.left(maximumExcerptLength);
+        const QString readable = readableLine(line);
+        if (readable.isEmpty()) continue;  // a line of markup only (an image, a rule)
+        return readable.left(maximumExcerptLength);
     }
     return {};
 }

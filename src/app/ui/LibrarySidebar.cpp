@@ -63,7 +63,8 @@ void LibrarySidebar::followSelection() {
     const QModelIndex index = selection ? model_->indexOf(*selection) : QModelIndex();
     if (index.isValid() && list_->currentIndex() != index) {
         const QSignalBlocker quiet(list_->selectionModel());
-        list_->setCurrentIndex(index);
+        // Only the selected note looks selected: the one before it does not stay highlighted.
+        list_->selectionModel()->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
         list_->viewport()->update();
     }
 }
