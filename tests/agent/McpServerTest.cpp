@@ -14,6 +14,26 @@
 namespace mossly::agent {
 namespace {
 
+// One mossly-agent command in process: exit code, standard output, standard error.
+struct Ran {
+    int code;
+    QString out;
+    QString err;
+    const QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
+};
+
+Ran runCommand(const QStringList& arguments) {
+    Ran ran{0, {}, {}};
+    QTextStream outStream(&ran.out), errStream(&ran.err);
+    QBuffer in;
+    in.open(QIODevice::ReadOnly);
+    AgentIo io{outStream, errStream, in};
+    ran.code = runAgent(arguments, io);
+    outStream.flush();
+    errStream.flush();
+    return ran;
+}
+
 // The protocol edges; the whole session runs against the official client in mcp-client.mjs.
 class McpServerTest : public ::testing::Test {
 protected:
@@ -73,27 +93,17 @@ TEST_F(McpServerTest, ToolFailuresAreResultsTheAgentCanRead) {
 
 TEST(AgentAccessTest, CommandsAreRefusedWhileAccessIsOff) {
     test::TemporaryNotesFolder folder;
-    const auto run = [&](const QStringList& arguments, QString& out, QString& err) {
-        QTextStream outStream(&out), errStream(&err);
-        QBuffer in;
-        in.open(QIODevice::ReadOnly);
-        AgentIo io{outStream, errStream, in};
-        const int code = runAgent(arguments, io);
-        outStream.flush();
-        errStream.flush();
-        return code;
-    };
-    QString out, err;
-    EXPECT_EQ(run({"access", "off"}, out, err), 0);
-    EXPECT_EQ(out.trimmed(), QStringLiteral("{\"enabled\":false}"));
-    out.clear();
-    EXPECT_EQ(run({"list", "--notes-dir", folder.path()}, out, err), 1);
-    EXPECT_EQ(err.trimmed(), Error::agentAccessOff().description());
-    EXPECT_TRUE(out.isEmpty());
-    EXPECT_EQ(run({"access", "maybe"}, out, err), 2);
-    EXPECT_EQ(run({"access", "on"}, out, err), 0);
-    err.clear();
-    EXPECT_EQ(run({"list", "--notes-dir", folder.path()}, out, err), 0) << err.toStdString();
+    const Ran off = runCommand({"access", "off"});
+    EXPECT_EQ(off.code, 0);
+    EXPECT_EQ(off.out.trimmed(), QStringLiteral("{\"enabled\":false}"));
+    const Ran refused = runCommand({"list", "--notes-dir", folder.path()});
+    EXPECT_EQ(refused.code, 1);
+    EXPECT_EQ(refused.err.trimmed(), Error::agentAccessOff().description());
+    EXPECT_TRUE(refused.out.isEmpty());
+    EXPECT_EQ(runCommand({"access", "maybe"}).code, 2);
+    EXPECT_EQ(runCommand({"access", "on"}).code, 0);
+    const Ran allowed = runCommand({"list", "--notes-dir", folder.path()});
+    EXPECT_EQ(allowed.code, 0) << allowed.err.toStdString();
     // A record that cannot be read counts as off.
     QFile record(AgentAccess::recordPath());
     ASSERT_TRUE(record.open(QIODevice::WriteOnly));
@@ -114,24 +124,13 @@ TEST(AgentNotesFolderTest, ARelativeNotesFolderWorksForEveryCommand) {
     folder.write(QStringLiteral("sub/Plan.md"), "# Plan\nbudget");
     const QString previous = QDir::currentPath();
     ASSERT_TRUE(QDir::setCurrent(folder.filePath("sub")));
-    const auto run = [](const QStringList& arguments) {
-        QString out, err;
-        QTextStream outStream(&out), errStream(&err);
-        QBuffer in;
-        in.open(QIODevice::ReadOnly);
-        AgentIo io{outStream, errStream, in};
-        const int code = runAgent(arguments, io);
-        outStream.flush();
-        errStream.flush();
-        return std::pair{code, out + err};
-    };
     const QString catalog = folder.filePath("catalog.sqlite");
     for (const QString& directory : {QStringLiteral(".."), QStringLiteral("../sub/..")}) {
-        const auto read = run({"read", "sub/Plan.md", "--notes-dir", directory});
-        EXPECT_EQ(read.first, 0) << read.second.toStdString();
-        const auto search = run({"search", "budget", "--notes-dir", directory, "--catalog", catalog});
-        EXPECT_EQ(search.first, 0) << search.second.toStdString();
-        EXPECT_TRUE(search.second.contains(QStringLiteral("sub\\/Plan.md"))) << search.second.toStdString();
+        const Ran read = runCommand({"read", "sub/Plan.md", "--notes-dir", directory});
+        EXPECT_EQ(read.code, 0) << read.err.toStdString();
+        const Ran search = runCommand({"search", "budget", "--notes-dir", directory, "--catalog", catalog});
+        EXPECT_EQ(search.code, 0) << search.err.toStdString();
+        EXPECT_TRUE(search.out.contains(QStringLiteral("sub\\/Plan.md"))) << search.out.toStdString();
     }
     QDir::setCurrent(previous);
 }
@@ -142,35 +141,21 @@ TEST(AgentNotesFolderTest, ARelativeNotesFolderWorksForEveryCommand) {
 namespace mossly::agent {
 namespace {
 
-struct Ran {
-    int code;
-    QString out;
-    const QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
-};
-
 Ran runIn(const test::TemporaryNotesFolder& folder, QStringList arguments) {
     arguments << QStringLiteral("--notes-dir") << folder.path() << QStringLiteral("--catalog")
               << folder.filePath(".catalog.sqlite");
-    QString out, err;
-    QTextStream outStream(&out), errStream(&err);
-    QBuffer in;
-    in.open(QIODevice::ReadOnly);
-    AgentIo io{outStream, errStream, in};
-    const int code = runAgent(arguments, io);
-    outStream.flush();
-    errStream.flush();
-    return {code, out + err};
+    return runCommand(arguments);
 }
 
 TEST(AgentFieldsTest, AnAgentSeesTheFieldsItSetAndUpdatingOneReplacesIt) {
     test::TemporaryNotesFolder folder;
     const Ran created = runIn(folder, {"create", "--title", "Plan", "--field", "status=draft", "--agent", "codex"});
-    ASSERT_EQ(created.code, 0) << created.out.toStdString();
+    ASSERT_EQ(created.code, 0) << created.err.toStdString();
     EXPECT_EQ(created.json()["frontMatter"]["status"].toString(), QStringLiteral("draft"));
     const QString revision = created.json()["revision"].toString();
     const Ran updated = runIn(folder, {"update", "Plan.md", "--expected-revision", revision, "--field", "status=final",
                                        "--agent", "codex"});
-    ASSERT_EQ(updated.code, 0) << updated.out.toStdString();
+    ASSERT_EQ(updated.code, 0) << updated.err.toStdString();
     EXPECT_EQ(QString::fromUtf8(folder.read(QStringLiteral("Plan.md"))).count(QStringLiteral("status:")), 1);
     EXPECT_EQ(runIn(folder, {"read", "Plan.md"}).json()["frontMatter"]["status"].toString(), QStringLiteral("final"));
 }
@@ -181,7 +166,7 @@ TEST(AgentFieldsTest, ExcerptsCountCharactersNotCodeUnits) {
     for (int i = 0; i < 300; ++i) emoji += QString::fromUtf8("\U0001F600");
     folder.write(QStringLiteral("Smiles.md"), ("# Smiles\nsmile " + emoji).toUtf8());
     const Ran found = runIn(folder, {"search", "smile"});
-    ASSERT_EQ(found.code, 0) << found.out.toStdString();
+    ASSERT_EQ(found.code, 0) << found.err.toStdString();
     const QString excerpt = found.json()["results"][0]["excerpt"].toString();
     EXPECT_FALSE(excerpt.contains(QChar::ReplacementCharacter));
     EXPECT_TRUE(excerpt.endsWith(QStringLiteral("…")));
