@@ -1,5 +1,10 @@
 #include <gtest/gtest.h>
 
+#include <csignal>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
 #include <QDir>
 #include <QFile>
 #include <sys/stat.h>
@@ -110,6 +115,23 @@ TEST_F(NotesLocationTest, SaveIsAtomicAndRoundTrips) {
     configuration.iCloudContainerIdentifier.reset();
     ASSERT_TRUE(store.save(configuration));
     EXPECT_EQ(store.load(), configuration);
+    EXPECT_EQ(QDir(folder.filePath("config")).entryList(QDir::Files | QDir::Hidden),
+              QStringList{"storage-location.json"});
+
+    // A save that fails half way (the disk fills up) leaves the old file whole and no leftovers.
+    const QByteArray before = folder.read(QStringLiteral("config/storage-location.json"));
+    configuration.notesRelativePath = QString(4000, u'x');
+    const pid_t child = ::fork();
+    if (child == 0) {
+        ::signal(SIGXFSZ, SIG_IGN);
+        const rlimit limit{16, 16};
+        ::setrlimit(RLIMIT_FSIZE, &limit);
+        ::_exit(store.save(configuration) ? 1 : 0);
+    }
+    int status = 0;
+    ASSERT_EQ(::waitpid(child, &status, 0), child);
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << "the failing save reported success";
+    EXPECT_EQ(folder.read(QStringLiteral("config/storage-location.json")), before);
     EXPECT_EQ(QDir(folder.filePath("config")).entryList(QDir::Files | QDir::Hidden),
               QStringList{"storage-location.json"});
 }
