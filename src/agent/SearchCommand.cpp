@@ -1,3 +1,5 @@
+#include <unistd.h>
+
 #include "AgentCommand.h"
 #include "JsonWriter.h"
 #include "NoteSearchCatalog.h"
@@ -38,6 +40,14 @@ int runSync(const QStringList& arguments, AgentIo& io) {
     if (!repository) return printError(io, repository.error());
     auto catalog = NoteSearchCatalog::open(catalogPathFor(*options));
     if (!catalog) return printError(io, catalog.error());
+    // On a terminal, a long first index says how far it is.
+    if (::isatty(STDERR_FILENO)) {
+        (*catalog)->setProgressHandler([&io](int done, int total) {
+            if (total < 200) return;
+            io.err << QStringLiteral("\rIndexing notes: %1 of %2").arg(done).arg(total) << (done == total ? "\n" : "");
+            io.err.flush();
+        });
+    }
     auto indexed = (*catalog)->synchronize(*repository);
     if (!indexed) return printError(io, indexed.error());
     auto count = (*catalog)->count();

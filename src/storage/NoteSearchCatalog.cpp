@@ -237,9 +237,13 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         }
 
         int indexed = 0;
+        int done = 0;
+        const int total = static_cast<int>(fingerprints.size());
         NotePrefetcher prefetcher(repository, changed);
         for (const Fingerprint& fingerprint : fingerprints) {
             if (stop.stop_requested()) return fail(Error::cancelled());
+            if (progress_ && done % 250 == 0) progress_(done, total);
+            ++done;
             std::optional<NotePrefetcher::Prepared> prepared = prefetcher.next();
             const QString& identifier = prepared->identifier;
             const auto& note = prepared->note;
@@ -282,6 +286,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             }
             ++indexed;
         }
+        if (progress_ && total > 0) progress_(total, total);
         return indexed;
     });
 }

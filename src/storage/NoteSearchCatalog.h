@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QString>
 #include <memory>
+#include <functional>
 #include <mutex>
 #include <stop_token>
 #include <vector>
@@ -57,6 +58,11 @@ public:
     // Brings the catalog up to date with the folder; re-reads only notes whose
     // modification time or size changed. Returns the number of notes indexed.
     // `stop` is checked between notes; a stopped run rolls back and fails with `cancelled`.
+    // Told how many changed notes are indexed so far, out of how many; called
+    // on the synchronising thread, every few hundred notes and at the end.
+    using Progress = std::function<void(int done, int total)>;
+    void setProgressHandler(Progress progress) { progress_ = std::move(progress); }
+
     Result<int> synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic = nullptr,
                             std::stop_token stop = {});
 
@@ -95,7 +101,8 @@ private:
     std::recursive_mutex lock_;
     // One synchronisation at a time.
     std::mutex synchronizationLock_;
-    bool linksVerified_ = false;  // checked once per open catalog (see synchronizeKeywords)
+    bool linksVerified_ = false;
+    Progress progress_;  // checked once per open catalog (see synchronizeKeywords)
 };
 
 }  // namespace mossly

@@ -5,6 +5,7 @@
 #include <QFile>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QThreadPool>
 
 #include "AppTestSupport.h"
 #include "FaultyFileAccess.h"
@@ -324,6 +325,33 @@ TEST_F(NoteStoreFailureTest, SearchBeforeTheFirstIndexIgnoresAccentsBothWays) {
         EXPECT_EQ(results[0].identifier, QStringLiteral("cafe.md"));
     }
     EXPECT_EQ(searchNotesInMemory(store->notes(), QStringLiteral("naïve"), fromDisk).size(), 1u);
+}
+
+TEST_F(NoteStoreFailureTest, IndexingReportsProgressAndQuittingInterruptsIt) {
+    for (int i = 0; i < 600; ++i) folder.write(QStringLiteral("n%1.md").arg(i), "# Note\nriver stone " + QByteArray(2000, 'x'));
+    {
+        auto store = openStore();
+        QSignalSpy progress(store.get(), &NoteStore::indexProgress);
+        ASSERT_TRUE(test::waitUntil([&] { return !progress.isEmpty() && progress.last()[0].toInt() == 600; }, 20000));
+        EXPECT_EQ(progress.last()[1].toInt(), 600);
+        EXPECT_GE(progress.count(), 3) << "progress came only at the end";
+    }
+    // A new catalog half built when the user quits: quitting stops it at once, and nothing is left broken.
+    QFile::remove(folder.filePath(".mossly-search.sqlite"));
+    {
+        auto store = openStore();
+        QSignalSpy progress(store.get(), &NoteStore::indexProgress);
+        ASSERT_TRUE(test::waitUntil([&] { return !progress.isEmpty(); }, 10000));
+        QElapsedTimer timer;
+        timer.start();
+        (void)store->prepareForQuit();
+        store.reset();
+        EXPECT_TRUE(QThreadPool::globalInstance()->waitForDone(5000));
+        EXPECT_LT(timer.elapsed(), 3000);
+    }
+    auto again = openStore();
+    again->setSearchText(QStringLiteral("river"));
+    ASSERT_TRUE(test::waitUntil([&] { return again->searchResults().has_value(); }, 20000));
 }
 
 TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFromTheFolder) {

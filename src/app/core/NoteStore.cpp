@@ -166,6 +166,7 @@ NoteStore::NoteStore(QString directory, Options options, QObject* parent)
 }
 
 NoteStore::~NoteStore() {
+    indexStop_.request_stop();
     for (QTimer* timer : std::as_const(saveTimers_)) delete timer;
 }
 
@@ -522,6 +523,7 @@ Result<void> NoteStore::flushPendingSaves(std::chrono::milliseconds busyPatience
 
 QuitPreparation NoteStore::prepareForQuit(std::chrono::milliseconds busyPatience) {
     auto span = diagnostics().span(QStringLiteral("Prepare to quit"));
+    indexStop_.request_stop();  // an index half built is rolled back and finished next time
     if (noteListCacheTimer_.isActive()) saveNoteListCache(true);
     const QDeadlineTimer deadline(busyPatience);
     (void)flushPendingSaves(busyPatience);

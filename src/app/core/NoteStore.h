@@ -11,6 +11,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <stop_token>
 #include <vector>
 
 #include "FolderMetadata.h"
@@ -215,6 +216,8 @@ signals:
     // A save failed, or a failed save finally succeeded.
     void saveStateChanged(const QString& url);
     void unreadableNotesChanged();
+    // The search index is being built: `done` of `total` changed notes so far.
+    void indexProgress(int done, int total);
     void editorFocusRequested(const QUuid& requestId, const QString& url);
     void importFinished(const NoteFileImportReport& report);
     void saveCommitted(const QString& url);
@@ -284,6 +287,7 @@ private:
     QSet<QString> missingNoteNames_;  // gone on the last scan; confirmed by the next
 
     bool indexRefreshRunning_ = false;
+    std::stop_source indexStop_;  // quitting interrupts indexing; the catalog rolls back
     bool indexNeedsRefresh_ = false;
 
     QString searchText_;

@@ -1,4 +1,6 @@
+#include <QCoreApplication>
 #include <QDir>
+#include <QPointer>
 
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
@@ -146,16 +148,29 @@ void NoteStore::refreshSearchIndexInBackground() {
         std::shared_ptr<NoteSearchCatalog> catalog;
         Result<int> indexed = 0;
     };
+    const std::stop_token stop = indexStop_.get_token();
+    QPointer<NoteStore> self(this);
+    // Progress crosses to this thread; a large first index shows it in the window.
+    const auto progress = [self](int done, int total) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [self, done, total] {
+                if (self) emit self->indexProgress(done, total);
+            },
+            Qt::QueuedConnection);
+    };
     runInBackground(
         this,
-        [directory, catalog, files]() mutable {
+        [directory, catalog, files, stop, progress]() mutable {
             auto span = DiagnosticsCenter::shared().span(QStringLiteral("Refresh search index"));
             if (!catalog) {
                 auto opened = NoteSearchCatalog::open(librarySearchCatalogPath(directory));
                 if (!opened) return Refresh{nullptr, fail(opened.error())};
                 catalog = std::move(*opened);
             }
-            auto indexed = catalog->synchronize(files->repository());
+            catalog->setProgressHandler(progress);
+            auto indexed = catalog->synchronize(files->repository(), nullptr, stop);
+            catalog->setProgressHandler({});
             span.add(QStringLiteral("indexed"), indexed.value_or(-1));
             return Refresh{catalog, indexed};
         },

@@ -1,6 +1,7 @@
 #include "MainWindow.h"
 
 #include <QMessageBox>
+#include <QProgressBar>
 #include <QPushButton>
 #include <QSplitter>
 #include <QStatusBar>
@@ -59,6 +60,20 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     statusBar()->addPermanentWidget(unreadableNotice_);
     connect(unreadableNotice_, &QPushButton::clicked, this, &MainWindow::showUnreadableNotes);
     connect(&store, &NoteStore::unreadableNotesChanged, this, &MainWindow::updateUnreadableNotice);
+
+    // A first index of a large library takes a while: say so, with a bar.
+    indexProgress_ = new QProgressBar(this);
+    indexProgress_->setObjectName(QStringLiteral("indexProgress"));
+    indexProgress_->setMaximumWidth(220);
+    indexProgress_->setVisible(false);
+    statusBar()->addPermanentWidget(indexProgress_);
+    connect(&store, &NoteStore::indexProgress, this, [this](int done, int total) {
+        const bool show = total >= 200 && done < total;
+        indexProgress_->setVisible(show);
+        indexProgress_->setRange(0, std::max(total, 1));
+        indexProgress_->setValue(done);
+        indexProgress_->setFormat(tr("Indexing for search: %1 of %2").arg(done).arg(total));
+    });
     updateUnreadableNotice();
 }
 

@@ -2,6 +2,7 @@
 
 #include <QMainWindow>
 
+class QProgressBar;
 class QPushButton;
 
 namespace mossly {
@@ -26,6 +27,7 @@ public:
 
     QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
     LinkPreviews& linkPreviews() const { return *linkPreviews_; }
+    QProgressBar* indexProgressBar() const { return indexProgress_; }
 
 private:
     void showLaunchNotices();
@@ -36,6 +38,7 @@ private:
     LibrarySidebar* sidebar_;
     EditorPane* editorPane_;
     QPushButton* unreadableNotice_;
+    QProgressBar* indexProgress_;
     LinkPreviews* linkPreviews_;
 };
 
