@@ -43,6 +43,24 @@ TEST_F(MarkdownTextViewTest, NonBreakingSpacesSurviveTyping) {
     EXPECT_EQ(view.markdown(), text + u'!');
 }
 
+TEST_F(MarkdownTextViewTest, WrappedListItemsHangUnderTheirText) {
+    view.resize(320, 500);
+    const QString item = QStringLiteral("- pack the charts, the tide table, rain jackets, the camera and something to read");
+    view.setMarkdown(QStringLiteral("Title\n") + item, {});
+    test::spin(50);
+    const QTextBlock block = view.document()->findBlockByNumber(1);
+    ASSERT_GT(block.layout()->lineCount(), 1) << "the item should wrap at this width";
+    const int textStart = block.position() + 2;  // after "- "
+    const int secondLineStart = block.position() + block.layout()->lineAt(1).textStart();
+    const auto x = [&](int position) {
+        QTextCursor cursor(view.document());
+        cursor.setPosition(position);
+        return view.cursorRect(cursor).left();
+    };
+    EXPECT_NEAR(x(secondLineStart), x(textStart), 3) << "wrapped lines align with the item's text";
+    EXPECT_NEAR(x(block.position()), x(0), 3) << "the first line is not pushed right";
+}
+
 TEST_F(MarkdownTextViewTest, StylingNeverChangesTheText) {
     const QString text = QStringLiteral("# Title\n\n**bold** _it_ `code` &amp; $x^2$\n\n```\n*raw*\n```\n| a | b |\n|---|---|\n| 1 | 2 |\n");
     view.setMarkdown(text, {});

@@ -434,6 +434,9 @@ class StyledPass {
             const QRegularExpressionMatch match = item.match(content);
             if (!match.hasMatch()) return;
             ParagraphAttributes paragraph;
+            // The first line starts at the margin with its marker; the lines it wraps onto
+            // start where its text does.
+            paragraph.firstLineIndent = Indent{0, 0};
             paragraph.headIndent = Indent{0, static_cast<double>(columnsOf(match.capturedView()))};
             applyParagraph(line, paragraph);
         });

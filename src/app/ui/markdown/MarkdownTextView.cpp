@@ -231,7 +231,14 @@ void MarkdownTextView::applyParagraphFormats() {
         if (imageHeights.contains(start)) paragraph.minimumLineHeight = imageHeights.value(start);
         if (presentation_ == Presentation::source) paragraph = {};
         QTextBlockFormat wanted;
-        const double head = points(paragraph.headIndent);
+        double head = points(paragraph.headIndent);
+        // A hanging list item: its wrapped lines start where its text does, measured
+        // on the marker itself rather than in average character widths.
+        if (paragraph.firstLineIndent && paragraph.firstLineIndent->points == 0 &&
+            paragraph.firstLineIndent->columns == 0 && paragraph.headIndent && paragraph.headIndent->columns > 0) {
+            const QString prefix = block.text().left(static_cast<int>(paragraph.headIndent->columns));
+            if (!prefix.contains(u'\t')) head = paragraph.headIndent->points + QFontMetricsF(font()).horizontalAdvance(prefix);
+        }
         const double first = paragraph.firstLineIndent ? points(paragraph.firstLineIndent) : head;
         wanted.setLeftMargin(head);
         wanted.setTextIndent(first - head);
