@@ -2,6 +2,7 @@
 
 #include <QTest>
 #include <QTextBlock>
+#include <QTextLayout>
 
 #include "AppTestSupport.h"
 #include "MarkdownTextView.h"
@@ -59,6 +60,26 @@ TEST_F(MarkdownTextViewTest, WrappedListItemsHangUnderTheirText) {
     };
     EXPECT_NEAR(x(secondLineStart), x(textStart), 3) << "wrapped lines align with the item's text";
     EXPECT_NEAR(x(block.position()), x(0), 3) << "the first line is not pushed right";
+}
+
+TEST_F(MarkdownTextViewTest, SuperAndSubscriptsUseTheirOwnSizeAndOffset) {
+    view.setBaseSize(17);
+    view.setMarkdown(QStringLiteral("Title\nx^2^ and H~2~O"), {});
+    const QTextBlock block = view.document()->findBlockByNumber(1);
+    // The styling lives in the layout's formats: the text itself is never formatted.
+    const auto charFormat = [&](int offset) {
+        QTextCharFormat merged;
+        for (const QTextLayout::FormatRange& range : block.layout()->formats()) {
+            if (range.start <= offset && offset < range.start + range.length) merged.merge(range.format);
+        }
+        return merged;
+    };
+    const QTextCharFormat sup = charFormat(2);   // the "2" of x^2^
+    const QTextCharFormat sub = charFormat(11);  // the "2" of H~2~O
+    EXPECT_NEAR(sup.font().pointSizeF(), 13.0, 0.01);
+    EXPECT_EQ(sup.verticalAlignment(), QTextCharFormat::AlignNormal) << "no second shrink by Qt";
+    EXPECT_NEAR(sup.baselineOffset(), 100.0 * 5 / 13, 0.1);
+    EXPECT_NEAR(sub.baselineOffset(), -100.0 * 3 / 13, 0.1);
 }
 
 TEST_F(MarkdownTextViewTest, StylingNeverChangesTheText) {

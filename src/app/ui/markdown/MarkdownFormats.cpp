@@ -1,5 +1,7 @@
 #include "MarkdownFormats.h"
 
+#include <algorithm>
+
 #include <QFontDatabase>
 
 namespace mossly {
@@ -80,8 +82,10 @@ QTextCharFormat MarkdownFormats::charFormat(const StyleAttributes& a) const {
     }
     if (a.strikethrough) format.setFontStrikeOut(true);
     if (a.baselineOffset && *a.baselineOffset != 0) {
-        format.setVerticalAlignment(*a.baselineOffset > 0 ? QTextCharFormat::AlignSuperScript
-                                                          : QTextCharFormat::AlignSubScript);
+        // The style's own size and offset (in points); Qt's super/subscript
+        // alignment would shrink the text a second time and pick its own shift.
+        format.setVerticalAlignment(QTextCharFormat::AlignNormal);
+        format.setBaselineOffset(100.0 * *a.baselineOffset / std::max(size, 1.0));
     }
     if (a.link) {
         format.setAnchor(true);
