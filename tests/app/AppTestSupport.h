@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QAction>
 #include <QCoreApplication>
+#include <QWidget>
 #include <QElapsedTimer>
 #include <QMutex>
 #include <QStringList>
@@ -9,6 +11,14 @@
 #include "Diagnostics.h"
 
 namespace mossly::test {
+
+// The window's action with this menu text, if any.
+inline QAction* findAction(QWidget& window, const QString& text) {
+    for (QAction* action : window.findChildren<QAction*>()) {
+        if (action->text() == text) return action;
+    }
+    return nullptr;
+}
 
 // Runs the event loop until `condition` holds or `timeoutMs` passes.
 inline bool waitUntil(const std::function<bool()>& condition, int timeoutMs = 5000) {

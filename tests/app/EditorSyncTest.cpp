@@ -44,13 +44,6 @@ TEST(TextChangeMapping, PositionsFollowTheirWords) {
     EXPECT_EQ(mapPositionThroughChange(before, before, 99), before.size());
 }
 
-QAction* findAction(QWidget& window, const QString& text) {
-    for (QAction* action : window.findChildren<QAction*>()) {
-        if (action->text() == text) return action;
-    }
-    return nullptr;
-}
-
 class EditorSyncTest : public ::testing::Test {
 protected:
     test::TemporaryNotesFolder folder;
@@ -179,7 +172,7 @@ TEST_F(EditorSyncTest, NotesThatCannotBeReadAreListedNotSilentlyMissing) {
 
 TEST_F(EditorSyncTest, SettingsTurnAgentAccessOnAndRegisterAClient) {
     open();
-    QAction* settings = findAction(*window, QStringLiteral("Settings…"));
+    QAction* settings = test::findAction(*window, QStringLiteral("Settings…"));
     ASSERT_TRUE(settings);
     EXPECT_EQ(settings->shortcut(), QKeySequence(QStringLiteral("Ctrl+,")));
     ASSERT_TRUE(AgentAccess::setEnabled(false));
@@ -201,9 +194,25 @@ TEST_F(EditorSyncTest, SettingsTurnAgentAccessOnAndRegisterAClient) {
     dialog->close();
 }
 
+// The list was read while the file was fine; by the time it is opened it no longer reads as text.
+TEST_F(EditorSyncTest, ANoteThatCannotBeReadOpensNoEditorToTypeInto) {
+    folder.write(QStringLiteral("b.md"), "# B\nfine");
+    test::spin(20);
+    folder.write(QStringLiteral("a.md"), "# A\nfine");  // the newest, opened first; b is never opened
+    open();
+    store->select(url("a.md"));
+    folder.write(QStringLiteral("b.md"), "caf\xe9 gone bad");
+    store->select(url("b.md"));
+    EXPECT_EQ(window->editorPane()->currentEditor(), nullptr);
+    EXPECT_TRUE(window->editorPane()->noteUrl().isEmpty());
+    store->setBody(url("b.md"), QStringLiteral("typed into nothing"));
+    EXPECT_FALSE(store->hasPendingSaves());
+    EXPECT_EQ(folder.read(QStringLiteral("b.md")), "caf\xe9 gone bad");
+}
+
 TEST_F(EditorSyncTest, CheckForUpdatesIsThereButDisabled) {
     open();
-    QAction* updates = findAction(*window, QStringLiteral("Check for Updates…"));
+    QAction* updates = test::findAction(*window, QStringLiteral("Check for Updates…"));
     ASSERT_TRUE(updates);
     EXPECT_FALSE(updates->isEnabled());
 }

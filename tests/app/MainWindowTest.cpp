@@ -21,13 +21,6 @@
 namespace mossly {
 namespace {
 
-QAction* findAction(QWidget& window, const QString& text) {
-    for (QAction* action : window.findChildren<QAction*>()) {
-        if (action->text() == text) return action;
-    }
-    return nullptr;
-}
-
 class MainWindowTest : public ::testing::Test {
 protected:
     test::TemporaryNotesFolder folder;
@@ -45,7 +38,7 @@ protected:
 };
 
 TEST_F(MainWindowTest, NewNoteTypingAndFormatting) {
-    QAction* newNote = findAction(*window, QStringLiteral("New Note"));
+    QAction* newNote = test::findAction(*window, QStringLiteral("New Note"));
     ASSERT_TRUE(newNote);
     EXPECT_EQ(newNote->shortcut(), QKeySequence(QStringLiteral("Ctrl+N")));
     newNote->trigger();
@@ -59,7 +52,7 @@ TEST_F(MainWindowTest, NewNoteTypingAndFormatting) {
 
     QTest::keyClicks(editor, QStringLiteral("Shopping list"));
     EXPECT_EQ(store->body(url), QStringLiteral("Shopping list"));
-    QAction* bold = findAction(*window, QStringLiteral("Bold"));
+    QAction* bold = test::findAction(*window, QStringLiteral("Bold"));
     ASSERT_TRUE(bold);
     EXPECT_TRUE(bold->isEnabled());
     editor->selectAll();
@@ -67,7 +60,7 @@ TEST_F(MainWindowTest, NewNoteTypingAndFormatting) {
     EXPECT_EQ(store->body(url), QStringLiteral("**Shopping list**"));
 
     // With the search field focused there is no formatting handler.
-    findAction(*window, QStringLiteral("Search Notes"))->trigger();
+    test::findAction(*window, QStringLiteral("Search Notes"))->trigger();
     ASSERT_TRUE(test::waitUntil([&] { return window->sidebar()->searchField()->hasFocus(); }));
     EXPECT_FALSE(bold->isEnabled());
     ASSERT_TRUE(store->flushPendingSaves());

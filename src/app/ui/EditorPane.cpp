@@ -95,6 +95,16 @@ void EditorPane::showNote(const QString& url) {
         updateBanners();
         return;
     }
+    if (!store_.isBodyAvailable(note->url)) {
+        // Nothing may be typed into a note whose text could not be read: it could not be saved.
+        url_.clear();
+        editor_->showNote(QString());
+        placeholder_->setText(tr("\u201C%1\u201D could not be opened. It is left exactly as it is on disk.").arg(note->title));
+        stack_->setCurrentWidget(placeholder_);
+        updateBanners();
+        return;
+    }
+    placeholder_->setText(tr("No note selected"));
     if (note->url != url_) {
         url_ = note->url;
         // Markdown notes get the styled editor; HTML and sketches stay plain text until their views arrive.
