@@ -61,7 +61,11 @@ protected:
 private:
     void restyle();
     void applyParagraphFormats();
-    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace() const;
+    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace();
+    double visibleWidth(markdown::TextRange range) const;
+    double tableCellPadding() const;
+    double prefixWidth(int start, int length) const;
+    void hideCollapsedBlocks();
     void applyEdit(const markdown::TextEdit& edit);
     markdown::TextSelection selection() const;
     void keepCaretOutOfHiddenMarkers();
@@ -79,6 +83,7 @@ private:
     mutable QHash<QString, QTextCharFormat> formatPool_;
     std::unique_ptr<MarkdownHighlighter> highlighter_;
     markdown::StylePass pass_;
+    std::vector<std::vector<double>> tableColumns_;  // per table of the pass: column widths as drawn
     markdown::Presentation presentation_ = markdown::Presentation::styled;
     double baseSize_ = 13;
     QString noteFile_;
