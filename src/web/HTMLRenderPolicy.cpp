@@ -1,0 +1,192 @@
+#include "HTMLRenderPolicy.h"
+
+#include <QRegularExpression>
+#include <limits>
+
+#include "HTMLReferencePolicy.h"
+#include "HtmlDocument.h"
+
+namespace mossly {
+
+namespace {
+
+using html::HtmlDocument;
+
+// gumbo keeps source offsets in unsigned int.
+constexpr qsizetype parserLimit = std::numeric_limits<unsigned int>::max() - 1;
+
+const std::vector<html::ElementPattern>& activeContent() {
+    static const auto patterns = html::parseSelectorList(
+        "script, iframe, frame, object, embed, form, input, button, textarea, select, option, base, link[rel=import]");
+    return patterns;
+}
+
+const QRegularExpression& remoteStylePattern() {
+    static const QRegularExpression pattern(QStringLiteral(R"((?i)(url\s*\(\s*['"]?https?:|@import))"));
+    return pattern;
+}
+
+bool loadsRemoteStyle(const QString& css) { return remoteStylePattern().match(css).hasMatch(); }
+
+// How an attribute refers to other documents.
+enum class Reference { none, loaded, navigated, urlList, candidates, animatedValues };
+
+Reference referenceKind(const QByteArray& name) {
+    static const QHash<QByteArray, Reference> kinds = {
+        {"src", Reference::loaded},        {"poster", Reference::loaded},       {"background", Reference::loaded},
+        {"data", Reference::loaded},       {"lowsrc", Reference::loaded},       {"dynsrc", Reference::loaded},
+        {"codebase", Reference::loaded},   {"manifest", Reference::loaded},     {"icon", Reference::loaded},
+        {"href", Reference::navigated},    {"xlink:href", Reference::navigated}, {"action", Reference::navigated},
+        {"formaction", Reference::navigated}, {"cite", Reference::navigated},   {"longdesc", Reference::navigated},
+        {"ping", Reference::urlList},      {"srcset", Reference::candidates},   {"imagesrcset", Reference::candidates},
+        // SVG animations can set an href to a script URL.
+        {"to", Reference::animatedValues}, {"from", Reference::animatedValues}, {"by", Reference::animatedValues},
+        {"values", Reference::animatedValues},
+    };
+    return kinds.value(name, Reference::none);
+}
+
+bool isEventHandler(const QByteArray& name) { return name.size() > 2 && name.startsWith("on") && name != "open"; }
+
+bool refusesAttribute(const HtmlDocument::Attribute& attribute, const HTMLReferencePolicy& references) {
+    const QByteArray& name = attribute.name;
+    if (name == "srcdoc" || isEventHandler(name)) return true;
+    const QString value = QString::fromUtf8(attribute.value);
+    if (name == "style") return loadsRemoteStyle(value);
+    const auto refused = [&](const QString& url, bool navigates) {
+        return HTMLReferencePolicy::runsScript(url, navigates) || references.isBlocked(url);
+    };
+    const auto anyRefused = [&](const QStringList& urls) {
+        return std::any_of(urls.begin(), urls.end(), [&](const QString& url) { return refused(url, true); });
+    };
+    switch (referenceKind(name)) {
+        case Reference::none: return false;
+        case Reference::loaded: return refused(value, false);
+        case Reference::navigated: return refused(value, true);
+        case Reference::urlList: {
+            static const QRegularExpression whitespace(QStringLiteral("\\s+"));
+            return anyRefused(value.split(whitespace, Qt::SkipEmptyParts));
+        }
+        case Reference::candidates: return anyRefused(HTMLReferencePolicy::srcsetURLs(value));
+        case Reference::animatedValues: {
+            const QStringList values = value.split(u';');
+            return std::any_of(values.begin(), values.end(),
+                               [](const QString& v) { return HTMLReferencePolicy::runsScript(v, true); });
+        }
+    }
+    return false;
+}
+
+int removeMatching(HtmlDocument& document, const std::vector<html::ElementPattern>& patterns) {
+    const auto found = document.select(document.root(), patterns);
+    for (const GumboNode* element : found) document.remove(element);
+    return static_cast<int>(found.size());
+}
+
+int removeRefusedAttributes(HtmlDocument& document, const QUrl& noteURL) {
+    const HTMLReferencePolicy references(noteURL);
+    int removed = 0;
+    for (const GumboNode* element : document.elements(document.root())) {
+        for (const HtmlDocument::Attribute& attribute : document.attributes(element)) {
+            if (!refusesAttribute(attribute, references)) continue;
+            document.removeAttribute(attribute.source);
+            ++removed;
+        }
+    }
+    return removed;
+}
+
+int removeRemoteStyleElements(HtmlDocument& document) {
+    static const auto styles = html::parseSelectorList("style");
+    int removed = 0;
+    for (const GumboNode* style : document.select(document.root(), styles)) {
+        if (!loadsRemoteStyle(document.text(style))) continue;
+        document.remove(style);
+        ++removed;
+    }
+    return removed;
+}
+
+QString escapedText(const QString& text) {
+    QString escaped;
+    escaped.reserve(text.size() + text.size() / 8);
+    for (const QChar c : text) {
+        if (c == u'&') escaped += QLatin1String("&amp;");
+        else if (c == u'<') escaped += QLatin1String("&lt;");
+        else if (c == u'>') escaped += QLatin1String("&gt;");
+        else escaped += c;
+    }
+    return escaped;
+}
+
+HTMLRenderResult assemble(const HtmlDocument& document, int blockedElements) {
+    HTMLRenderResult result;
+    result.styleSheet = HTMLRenderPolicy::styleSheet();
+    result.blockedElements = blockedElements;
+    result.headHTML = document.innerHTML(document.head());
+    QByteArray bodyStart = "<body";
+    if (const GumboNode* body = document.body()) {
+        result.bodyHTML = document.innerHTML(body);
+        for (const HtmlDocument::Attribute& attribute : document.attributes(body)) {
+            result.bodyAttributes.insert(QString::fromUtf8(attribute.name), QString::fromUtf8(attribute.value));
+            bodyStart += ' ' + attribute.name + "=\"";
+            html::appendEscapedAttributeValue(bodyStart, attribute.value);
+            bodyStart += '"';
+        }
+    }
+    bodyStart += '>';
+    result.html = QStringLiteral("<!doctype html><html><head>") + HTMLRenderPolicy::policyElement() + result.styleSheet +
+                  result.headHTML + QStringLiteral("</head>") + QString::fromUtf8(bodyStart) + result.bodyHTML +
+                  QStringLiteral("</body></html>");
+    return result;
+}
+
+}  // namespace
+
+const QString& HTMLRenderPolicy::policyElement() {
+    static const QString element = QStringLiteral(
+        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; img-src data: file:; media-src "
+        "file: data:; style-src 'unsafe-inline'; font-src data: file:; connect-src 'none'; frame-src 'none'; "
+        "object-src 'none'; form-action 'none'; base-uri 'none'\">");
+    return element;
+}
+
+const QString& HTMLRenderPolicy::styleSheet() {
+    static const QString sheet = QStringLiteral(
+        "<style>:root{color-scheme:light dark}body{margin:0;padding:22px 8px;font:17px -apple-system,"
+        "BlinkMacSystemFont,sans-serif;line-height:1.55;color:CanvasText;background:transparent}img{max-width:100%;"
+        "height:auto}pre,code{font-family:ui-monospace,SFMono-Regular,monospace}a{color:-apple-system-link}</style>");
+    return sheet;
+}
+
+HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& noteURL) {
+    return prepare(source, noteURL, parserLimit);
+}
+
+HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& noteURL, qsizetype largestSource) {
+    QByteArray utf8 = source.toUtf8();
+    if (utf8.size() > largestSource) return textPage(source);
+    HtmlDocument document(std::move(utf8));
+    if (!document.isParsed()) return textPage(source);
+    int blocked = removeMatching(document, activeContent());
+    blocked += removeRefusedAttributes(document, noteURL);
+    blocked += removeRemoteStyleElements(document);
+    // The page gets its own policy below; the note's is replaced, not blocked.
+    static const auto policyOverrides = html::parseSelectorList("meta[http-equiv]");
+    for (const GumboNode* meta : document.select(document.root(), policyOverrides)) document.remove(meta);
+    return assemble(document, blocked);
+}
+
+QString HTMLRenderPolicy::prepareFragment(const QString& fragment, const QUrl& noteURL) {
+    return prepare(QStringLiteral("<html><body>") + fragment + QStringLiteral("</body></html>"), noteURL).bodyHTML;
+}
+
+HTMLRenderResult HTMLRenderPolicy::textPage(const QString& source) {
+    HTMLRenderResult result;
+    result.bodyHTML = QStringLiteral("<pre>") + escapedText(source) + QStringLiteral("</pre>");
+    result.html = QStringLiteral("<!doctype html><html><head></head><body>") + result.bodyHTML +
+                  QStringLiteral("</body></html>");
+    return result;
+}
+
+}  // namespace mossly
