@@ -65,7 +65,8 @@ void HtmlNoteView::showNote(const QString& url) {
     visualEdits_.stop();
     visuallyEditable_ = false;
     url_ = url;
-    source_->showNote(url);
+    // The source is loaded only while it is shown: colouring a large page's source costs more than showing it.
+    source_->showNote(split_ ? url : QString());
     shownSource_.clear();
     refresh_.stop();
     render();
@@ -75,6 +76,7 @@ void HtmlNoteView::setSplitMode(bool split) {
     split_ = split;
     notice_->setVisible(blockedElements_ > 0 && !split_);
     source_->setVisible(split);
+    if (source_->noteUrl() != (split ? url_ : QString())) source_->showNote(split ? url_ : QString());
     if (split) {
         splitter_->setSizes({width() / 2, width() - width() / 2});
         source_->setFocus();
