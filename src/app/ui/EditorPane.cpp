@@ -58,6 +58,12 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
+    connect(markdownEditor_, &MarkdownTextView::insertRefused, &store_, &NoteStore::problemOccurred);
+    connect(markdownEditor_, &MarkdownTextView::noteFilesDropped, &store_, &NoteStore::importNoteFiles);
+    markdownEditor_->setNoteTitles([this](const QString& url) {
+        const Note* note = store_.note(url);
+        return note ? note->title : QString();
+    });
     connect(markdownEditor_, &MarkdownTextView::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
     });

@@ -4,7 +4,10 @@
 #include <QDesktopServices>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QBuffer>
+#include <QFile>
 #include <QImageReader>
+#include <QMimeData>
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -20,7 +23,9 @@
 #include "MarkdownFormats.h"
 #include "MarkdownHighlighter.h"
 #include "MarkdownStyler.h"
+#include "NoteAssets.h"
 #include "NoteContentType.h"
+#include "NoteListModel.h"
 
 namespace mossly {
 
@@ -29,6 +34,13 @@ using namespace markdown;
 namespace {
 
 const QString footnoteScheme = QStringLiteral("mossly-footnote");
+
+// Text between a link's brackets: a bracket there, even escaped, would end the
+// link for the rules that draw images and note references.
+QString linkText(QString text) {
+    text.replace(u'[', u'(').replace(u']', u')').replace(u'\n', u' ');
+    return text;
+}
 
 double elapsedMs(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
 
@@ -144,6 +156,18 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
                                 room.merge(spaced(width, object.length));
                                 return room;
                             })});
+    }
+    const QTextCharFormat missingNote = pooled(QStringLiteral("missing"), [this] {
+        QTextCharFormat format;
+        format.setFontStrikeOut(true);
+        format.setForeground(formats_->colour(ColourRole::secondaryLabel));
+        format.setToolTip(tr("This note no longer exists."));
+        return format;
+    });
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.kind == DrawnKind::noteReference && isMissingNote(object)) {
+            reserved.push_back({{object.start, object.length}, missingNote});
+        }
     }
     const QTextCharFormat bulletDash = pooled(QStringLiteral("bullet"), [] {
         QTextCharFormat format;
@@ -363,6 +387,10 @@ void MarkdownTextView::restyle() {
     viewport()->update();
 }
 
+bool MarkdownTextView::isMissingNote(const DrawnObject& object) const {
+    return object.link && !object.link->localPath.isEmpty() && !QFileInfo::exists(object.link->localPath);
+}
+
 double MarkdownTextView::tableCellPadding() const {
     return QFontMetricsF(font()).horizontalAdvance(u' ') * 2;
 }
@@ -442,6 +470,110 @@ void MarkdownTextView::applyEdit(const TextEdit& edit) {
     selected.setPosition(edit.selection.start);
     selected.setPosition(edit.selection.end, QTextCursor::KeepAnchor);
     setTextCursor(selected);
+}
+
+// What can be dropped or pasted into a note beyond text: images (data or
+// files), notes from the list (as references) and note files (imported).
+bool MarkdownTextView::canInsertFromMimeData(const QMimeData* source) const {
+    if (noteFile_.isEmpty()) return QTextEdit::canInsertFromMimeData(source);
+    return source->hasImage() || source->hasUrls() ||
+           source->hasFormat(QString::fromLatin1(NoteListModel::noteUrlsMimeType)) ||
+           QTextEdit::canInsertFromMimeData(source);
+}
+
+void MarkdownTextView::insertFromMimeData(const QMimeData* source) {
+    const QString noteUrls = QString::fromLatin1(NoteListModel::noteUrlsMimeType);
+    if (noteFile_.isEmpty()) {
+        QTextEdit::insertFromMimeData(source);
+        return;
+    }
+    QStringList lines;
+    if (source->hasFormat(noteUrls)) {
+        // A reference per note, on lines of their own, titled as the note is.
+        for (const QString& url : QString::fromUtf8(source->data(noteUrls)).split(u'\n', Qt::SkipEmptyParts)) {
+            if (QFileInfo(url) == QFileInfo(noteFile_)) {
+                emit insertRefused(QStringLiteral("This note cannot link to itself."));
+                continue;
+            }
+            QString title = noteTitle_ ? noteTitle_(url) : QString();
+            if (title.trimmed().isEmpty()) title = QFileInfo(url).completeBaseName();
+            title = linkText(title);
+            lines.append(u'[' + title + QStringLiteral("](") + NoteAssets::markdownDestination(noteFile_, url) + u')');
+        }
+    } else if (source->hasUrls() && std::ranges::any_of(source->urls(), &QUrl::isLocalFile)) {
+        QStringList notes;
+        for (const QUrl& url : source->urls()) {
+            if (!url.isLocalFile()) continue;
+            const QString path = url.toLocalFile();
+            if (noteContentTypeForFileName(path)) {
+                notes.append(path);
+            } else if (QImageReader(path).canRead()) {
+                QFile file(path);
+                if (!file.open(QIODevice::ReadOnly)) {
+                    emit insertRefused(tr("\u201C%1\u201D could not be read.").arg(QFileInfo(path).fileName()));
+                    continue;
+                }
+                // The file's own bytes: a photo is not recompressed.
+                if (auto line = imageLine(QFileInfo(path).fileName(), file.readAll())) lines.append(*line);
+            } else {
+                emit insertRefused(tr("\u201C%1\u201D is not an image Mossly can show, so it was not added.")
+                                       .arg(QFileInfo(path).fileName()));
+            }
+        }
+        if (!notes.isEmpty()) emit noteFilesDropped(notes);
+    } else if (source->hasImage()) {
+        // Image data (a screenshot, an image dragged out of a browser): its own bytes
+        // where the source offers an encoded format Qt reads, else as PNG.
+        QByteArray bytes;
+        QString suffix = QStringLiteral("png");
+        for (const QString& format : source->formats()) {
+            if (!format.startsWith(QLatin1String("image/"))) continue;
+            QByteArray data = source->data(format);
+            QBuffer buffer(&data);
+            QImageReader reader(&buffer);
+            if (!data.isEmpty() && reader.canRead()) {
+                bytes = data;
+                suffix = QString::fromLatin1(reader.format());
+                break;
+            }
+        }
+        if (bytes.isEmpty()) {
+            QBuffer buffer(&bytes);
+            buffer.open(QIODevice::WriteOnly);
+            qvariant_cast<QImage>(source->imageData()).save(&buffer, "PNG");
+        }
+        if (bytes.isEmpty()) {
+            emit insertRefused(tr("The pasted image could not be read, so it was not added."));
+        } else if (auto line = imageLine(QStringLiteral("Pasted image.") + suffix, bytes)) {
+            lines.append(*line);
+        }
+    } else {
+        QTextEdit::insertFromMimeData(source);
+        return;
+    }
+    if (!lines.isEmpty()) insertOwnLines(lines);
+}
+
+std::optional<QString> MarkdownTextView::imageLine(const QString& fileName, const QByteArray& bytes) {
+    auto destination = NoteAssets::add(noteFile_, fileName, bytes);
+    if (!destination) {
+        emit insertRefused(tr("The image could not be saved beside the note: %1").arg(destination.error().description()));
+        return std::nullopt;
+    }
+    const QString alt = linkText(QFileInfo(fileName).completeBaseName());
+    return QStringLiteral("![") + alt + QStringLiteral("](") + *destination + u')';
+}
+
+// Inserts whole lines at the caret (the drop point) as one undo step: on a line
+// of their own, the text around them moved apart rather than joined.
+void MarkdownTextView::insertOwnLines(const QStringList& lines) {
+    const QString text = markdown();
+    const TextSelection at = selection();
+    QString insertion = lines.join(u'\n');
+    if (at.start > 0 && text.at(at.start - 1) != u'\n') insertion.prepend(u'\n');
+    if (at.end < text.size() && text.at(at.end) != u'\n') insertion.append(u'\n');
+    const int caret = at.start + static_cast<int>(insertion.size());
+    applyEdit(TextEdit{at.start, at.end - at.start, insertion, {caret, caret}});
 }
 
 void MarkdownTextView::applyFormatting(FormattingAction action) {
@@ -746,7 +878,26 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                     }
                 }
                 break;
-            case DrawnKind::noteReference: break;  // shown as a styled link
+            case DrawnKind::noteReference:
+                // A note icon in the margin before the title; a reference to a note that
+                // is gone is drawn dashed, its title struck through (see reservedSpace()).
+                if (!behindText) {
+                    const double side = start.height() * 0.62;
+                    const QRectF page(start.left() - side - 5, start.center().y() - side / 2, side * 0.78, side);
+                    const bool missing = isMissingNote(object);
+                    QPen pen(missing ? secondary : formats.colour(ColourRole::link), 1.2);
+                    if (missing) pen.setStyle(Qt::DashLine);
+                    painter.setPen(pen);
+                    painter.setBrush(Qt::NoBrush);
+                    painter.drawRoundedRect(page, 1.5, 1.5);
+                    if (!missing) {
+                        for (int line = 1; line <= 2; ++line) {
+                            const double y = page.top() + page.height() * line / 3.0;
+                            painter.drawLine(QPointF(page.left() + 2, y), QPointF(page.right() - 2, y));
+                        }
+                    }
+                }
+                break;
         }
     }
 }
@@ -786,14 +937,25 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
     QTextEdit::mousePressEvent(event);
 }
 
+// Links live in the styling pass (layout formats), not in the document's own
+// character formats, so QTextEdit::anchorAt() cannot see them.
+QString MarkdownTextView::linkAt(const QPoint& point) const {
+    if (presentation_ == Presentation::source) return {};
+    const QPointF inDocument = point + QPointF(horizontalScrollBar()->value(), verticalScrollBar()->value());
+    const int position = document()->documentLayout()->hitTest(inDocument, Qt::ExactHit);
+    if (position < 0) return {};
+    const StyleAttributes attributes = pass_.attributesAt(position);
+    return attributes.link && !attributes.hidden ? attributes.link->url : QString();
+}
+
 void MarkdownTextView::mouseReleaseEvent(QMouseEvent* event) {
-    const QString href = anchorAt(event->position().toPoint());
+    const QString href = linkAt(event->position().toPoint());
     if (!href.isEmpty() && event->button() == Qt::LeftButton && !textCursor().hasSelection()) openLink(href);
     QTextEdit::mouseReleaseEvent(event);
 }
 
 void MarkdownTextView::mouseMoveEvent(QMouseEvent* event) {
-    viewport()->setCursor(anchorAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
+    viewport()->setCursor(linkAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
     QTextEdit::mouseMoveEvent(event);
 }
 
