@@ -15,16 +15,6 @@ namespace mossly::meeting {
 
 namespace {
 
-std::optional<QStringList> textList(const QJsonValue& value) {
-    if (!value.isArray()) return std::nullopt;
-    QStringList list;
-    for (const auto& item : value.toArray()) {
-        if (!item.isString()) return std::nullopt;
-        list.append(item.toString());
-    }
-    return list;
-}
-
 std::unexpected<MeetingSessionError> writeFailure(const Error& error) {
     return std::unexpected(MeetingSessionError::noteWriteFailed(error.description()));
 }
@@ -80,7 +70,7 @@ std::optional<MeetingRecoveryManifest> MeetingRecoveryManifest::fromJson(const Q
     const auto lastCheckpointAt =
         MeetingNoteFormat::dateFromText(object.value(QStringLiteral("lastCheckpointAt")).toString());
     const auto count = object.value(QStringLiteral("stableSegmentCount"));
-    const auto audioPaths = textList(object.value(QStringLiteral("audioPaths")));
+    const auto audioPaths = textListFromJson(object.value(QStringLiteral("audioPaths")));
     const bool wholeCount = count.isDouble() && count.toDouble() == count.toInt() && count.toInt() >= 0;
     if (sessionID.isNull() || !noteIdentifier.isString() || noteIdentifier.toString().isEmpty() || !startedAt ||
         !lastCheckpointAt || !wholeCount || !audioPaths) {

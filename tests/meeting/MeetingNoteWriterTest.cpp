@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <QFile>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include "MeetingNoteWriter.h"
 #include "ProcessTestSupport.h"
@@ -53,10 +50,6 @@ const QString transcriptBlock(const QString& lines) {
            "\n<!-- notes:meeting-transcript:end -->";
 }
 
-bool holdLibraryLock(const QString& notesFolder) {
-    const int fd = ::open(QFile::encodeName(notesFolder + "/.notes-agent.lock").constData(), O_RDWR | O_CREAT, 0600);
-    return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-}
 
 }  // namespace
 
@@ -174,7 +167,7 @@ TEST_F(MeetingNoteWriterTest, ABusyLibraryFailsTheCheckpointAndTheNextOneWritesE
     const QList<MeetingTranscriptSegment> segments{said(MeetingCaptureSource::microphone, 1, "One."),
                                                    said(MeetingCaptureSource::system, 2, "Two.")};
     {
-        mossly::meeting::test::ForkedChild otherWriter([&] { return holdLibraryLock(folder.path()); });
+        mossly::meeting::test::ForkedChild otherWriter([&] { return mossly::meeting::test::holdLibraryLock(folder.path()); });
         ASSERT_TRUE(otherWriter.ready());
         auto note = writer.checkpoint(segments, false);
         ASSERT_FALSE(note);

@@ -2,9 +2,6 @@
 
 #include <QDir>
 #include <QJsonDocument>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include "MeetingRecoveryStore.h"
 #include "NoteRepository.h"
@@ -28,10 +25,6 @@ QString createMeetingNote(const TemporaryNotesFolder& folder, const QString& tit
     return note ? note->identifier : QString();
 }
 
-bool holdLibraryLock(const QString& notesFolder) {
-    const int fd = ::open(QFile::encodeName(notesFolder + "/.notes-agent.lock").constData(), O_RDWR | O_CREAT, 0600);
-    return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
-}
 
 const QString notice = "> Recording was interrupted. This note contains the last durable transcript checkpoint.";
 
@@ -123,7 +116,7 @@ TEST(MeetingRecoveryStore, DropsManifestsOfDeletedNotesAndKeepsThoseItCannotWrit
     ASSERT_TRUE(store.save(waiting));
 
     {
-        mossly::meeting::test::ForkedChild otherWriter([&] { return holdLibraryLock(folder.path()); });
+        mossly::meeting::test::ForkedChild otherWriter([&] { return mossly::meeting::test::holdLibraryLock(folder.path()); });
         ASSERT_TRUE(otherWriter.ready());
         EXPECT_TRUE(store.recoverInterruptedMeetings().isEmpty());
         EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{waiting}) << "the busy note waits for the next launch";

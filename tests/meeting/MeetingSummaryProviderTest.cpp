@@ -35,7 +35,7 @@ std::optional<MeetingSummaryProviderError::Code> failureCode(const FakeExecutabl
 
 }  // namespace
 
-TEST(ClaudeCodeSummaryProvider, SendsThePromptAndTranscriptWithTheExactArguments) {
+TEST(MeetingClaudeCodeSummaryProvider, SendsThePromptAndTranscriptWithTheExactArguments) {
     FakeExecutables programs;
     const QByteArray argumentsFile = programs.filePath("arguments").toUtf8();
     const QByteArray inputFile = programs.filePath("input").toUtf8();
@@ -65,7 +65,7 @@ TEST(ClaudeCodeSummaryProvider, SendsThePromptAndTranscriptWithTheExactArguments
               "return an empty array.\n\nTRANSCRIPT\n[00:01] You: hello\n[00:04] System: hi");
 }
 
-TEST(ClaudeCodeSummaryProvider, RejectsEveryOutputThatIsNotAStructuredSummary) {
+TEST(MeetingClaudeCodeSummaryProvider, RejectsEveryOutputThatIsNotAStructuredSummary) {
     using Code = MeetingSummaryProviderError::Code;
     FakeExecutables programs;
     addClaude(programs, "this is not JSON");
@@ -86,7 +86,7 @@ TEST(ClaudeCodeSummaryProvider, RejectsEveryOutputThatIsNotAStructuredSummary) {
               "The summary provider returned invalid structured output.");
 }
 
-TEST(ClaudeCodeSummaryProvider, ANonZeroExitFailsWithItsStatusEvenWithValidOutput) {
+TEST(MeetingClaudeCodeSummaryProvider, ANonZeroExitFailsWithItsStatusEvenWithValidOutput) {
     FakeExecutables programs;
     programs.add("claude", "echo 'API error: overloaded' >&2\ncat <<'JSON'\n" + validResult + "\nJSON\nexit 2\n");
     auto summary = providerFor(programs).summarize("x");
@@ -97,7 +97,7 @@ TEST(ClaudeCodeSummaryProvider, ANonZeroExitFailsWithItsStatusEvenWithValidOutpu
     EXPECT_EQ(summary.error().result()->stderr, "API error: overloaded\n");
 }
 
-TEST(ClaudeCodeSummaryProvider, MissingAndHangingProgramsFailWithTheirTexts) {
+TEST(MeetingClaudeCodeSummaryProvider, MissingAndHangingProgramsFailWithTheirTexts) {
     FakeExecutables programs;
     EXPECT_EQ(providerFor(programs).summarize("x").error().description(), "The provider CLI is not installed.");
     EXPECT_EQ(providerFor(programs).connectionState(), ProviderConnectionState::notInstalled());
@@ -107,7 +107,7 @@ TEST(ClaudeCodeSummaryProvider, MissingAndHangingProgramsFailWithTheirTexts) {
               ProviderConnectionState::failed("The summary provider timed out."));
 }
 
-TEST(ClaudeCodeSummaryProvider, ConnectionStateReadsAuthStatus) {
+TEST(MeetingClaudeCodeSummaryProvider, ConnectionStateReadsAuthStatus) {
     FakeExecutables programs;
     const QByteArray argumentsFile = programs.filePath("arguments").toUtf8();
     programs.add("claude", "echo \"$@\" > '" + argumentsFile +
@@ -129,7 +129,7 @@ TEST(ClaudeCodeSummaryProvider, ConnectionStateReadsAuthStatus) {
     }
 }
 
-TEST(ClaudeCodeSummaryProvider, UsesAnInjectedRunner) {
+TEST(MeetingClaudeCodeSummaryProvider, UsesAnInjectedRunner) {
     QStringList seenArguments;
     ClaudeCodeSummaryProvider provider(ProviderCLIConnection::claudeCode(),
                                        [&](const QStringList& arguments, const QByteArray&) {
@@ -144,7 +144,7 @@ TEST(ClaudeCodeSummaryProvider, UsesAnInjectedRunner) {
     EXPECT_EQ(seenArguments.size(), 18);
 }
 
-TEST(CodexCLISummaryProvider, AlwaysRefuses) {
+TEST(MeetingCodexCLISummaryProvider, AlwaysRefuses) {
     const QString refusal = QString::fromUtf8("Codex CLI cannot yet satisfy Notes’ verified no-tools/no-file-access contract.");
     CodexCLISummaryProvider codex;
     EXPECT_EQ(codex.connectionState(), ProviderConnectionState::unavailable(refusal));
@@ -152,10 +152,4 @@ TEST(CodexCLISummaryProvider, AlwaysRefuses) {
     ASSERT_FALSE(summary);
     EXPECT_EQ(summary.error().code(), MeetingSummaryProviderError::Code::unavailable);
     EXPECT_EQ(summary.error().description(), refusal);
-}
-
-TEST(MeetingSummaryProvider, OneProviderPerKindAndNoneForNone) {
-    EXPECT_EQ(makeSummaryProvider(MeetingSummaryProviderKind::none), nullptr);
-    EXPECT_EQ(makeSummaryProvider(MeetingSummaryProviderKind::claudeCode)->kind(), MeetingSummaryProviderKind::claudeCode);
-    EXPECT_EQ(makeSummaryProvider(MeetingSummaryProviderKind::codexCLI)->kind(), MeetingSummaryProviderKind::codexCLI);
 }

@@ -2,6 +2,8 @@
 
 #include <QFile>
 #include <chrono>
+#include <fcntl.h>
+#include <sys/file.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <csignal>
@@ -28,6 +30,12 @@ int reapWithin(pid_t pid, double seconds) {
         std::this_thread::sleep_for(std::chrono::milliseconds(10));
     }
     return -1;
+}
+
+bool holdLibraryLock(const QString& notesFolder) {
+    const QByteArray path = QFile::encodeName(notesFolder + QStringLiteral("/.notes-agent.lock"));
+    const int fd = ::open(path.constData(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
+    return fd >= 0 && ::flock(fd, LOCK_EX | LOCK_NB) == 0;
 }
 
 ForkedChild::ForkedChild(const std::function<bool()>& setup) {

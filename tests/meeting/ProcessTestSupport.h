@@ -26,6 +26,9 @@ void adoptOrphans();
 // Waits up to `seconds` for an adopted process to end; the wait status, or -1 when it is still running.
 int reapWithin(pid_t pid, double seconds);
 
+// Takes the notes library's lock the way every writer does (for a ForkedChild to hold).
+bool holdLibraryLock(const QString& notesFolder);
+
 // A forked copy of this process that runs `setup`, reports whether it succeeded
 // and then waits to be killed: another process holding a lock, or a recorder
 // that dies between checkpoints. Killed with SIGKILL when destroyed.

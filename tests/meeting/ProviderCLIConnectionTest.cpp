@@ -38,14 +38,7 @@ QStringList leftoverWorkingDirectories() {
 
 }  // namespace
 
-TEST(ProviderCLIConnection, ClaudeCodeLimits) {
-    const auto claude = ProviderCLIConnection::claudeCode();
-    EXPECT_EQ(claude.executableName, "claude");
-    EXPECT_EQ(claude.timeout, 120s);
-    EXPECT_EQ(claude.maximumOutputBytes, 2'000'000);
-}
-
-TEST(ProviderCLIConnection, FindsTheFirstRegularExecutableAlongTheSearchPath) {
+TEST(MeetingProviderCLIConnection, FindsTheFirstRegularExecutableAlongTheSearchPath) {
     FakeExecutables first, second;
     QDir(first.path()).mkdir("claude");  // a folder of that name is no program
     second.add("claude", "exit 0\n");
@@ -57,7 +50,7 @@ TEST(ProviderCLIConnection, FindsTheFirstRegularExecutableAlongTheSearchPath) {
     EXPECT_EQ(connection.executableURL(), std::nullopt);
 }
 
-TEST(ProviderCLIConnection, WithoutAPathItSearchesTheStandardFolders) {
+TEST(MeetingProviderCLIConnection, WithoutAPathItSearchesTheStandardFolders) {
     const QByteArray saved = qgetenv("PATH");
     qunsetenv("PATH");
     ProviderCLIConnection connection;
@@ -69,7 +62,7 @@ TEST(ProviderCLIConnection, WithoutAPathItSearchesTheStandardFolders) {
     EXPECT_TRUE(*found == "/usr/bin/sh" || *found == "/bin/sh" || found->startsWith("/usr/local/bin/")) << found->toStdString();
 }
 
-TEST(ProviderCLIConnection, AMissingExecutableIsNotInstalled) {
+TEST(MeetingProviderCLIConnection, AMissingExecutableIsNotInstalled) {
     FakeExecutables empty;
     auto result = connectionTo(empty).run({}, {});
     ASSERT_FALSE(result);
@@ -77,7 +70,7 @@ TEST(ProviderCLIConnection, AMissingExecutableIsNotInstalled) {
     EXPECT_EQ(result.error().description(), "The provider CLI is not installed.");
 }
 
-TEST(ProviderCLIConnection, RunsWithItsInputArgumentsMinimalEnvironmentAndPrivateFolder) {
+TEST(MeetingProviderCLIConnection, RunsWithItsInputArgumentsMinimalEnvironmentAndPrivateFolder) {
     FakeExecutables programs;
     programs.add("claude",
                  "printf '%s|' \"$@\"; echo\n"
@@ -112,7 +105,7 @@ TEST(ProviderCLIConnection, RunsWithItsInputArgumentsMinimalEnvironmentAndPrivat
     EXPECT_TRUE(lines.contains("PATH=" + programs.path() + ":/usr/bin:/bin"));
 }
 
-TEST(ProviderCLIConnection, ANonZeroExitIsReturnedWithItsMessage) {
+TEST(MeetingProviderCLIConnection, ANonZeroExitIsReturnedWithItsMessage) {
     FakeExecutables programs;
     programs.add("claude", "echo 'Not logged in' >&2\nexit 3\n");
     auto result = connectionTo(programs).run({}, {});
@@ -122,7 +115,7 @@ TEST(ProviderCLIConnection, ANonZeroExitIsReturnedWithItsMessage) {
     EXPECT_EQ(MeetingSummaryProviderError::failed(*result).description(), "The summary provider exited with status 3");
 }
 
-TEST(ProviderCLIConnection, ATimeoutKillsTheWholeProcessGroupIncludingGrandchildren) {
+TEST(MeetingProviderCLIConnection, ATimeoutKillsTheWholeProcessGroupIncludingGrandchildren) {
     mossly::meeting::test::adoptOrphans();
     FakeExecutables programs;
     const QString pidFile = programs.filePath("grandchild.pid");
@@ -146,7 +139,7 @@ TEST(ProviderCLIConnection, ATimeoutKillsTheWholeProcessGroupIncludingGrandchild
     EXPECT_EQ(leftoverWorkingDirectories(), before);
 }
 
-TEST(ProviderCLIConnection, TheTimeoutFollowsTheInjectedClock) {
+TEST(MeetingProviderCLIConnection, TheTimeoutFollowsTheInjectedClock) {
     FakeExecutables programs;
     programs.add("claude", "sleep 300\n");
     auto connection = connectionTo(programs, 120s);
@@ -160,7 +153,7 @@ TEST(ProviderCLIConnection, TheTimeoutFollowsTheInjectedClock) {
     EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
 }
 
-TEST(ProviderCLIConnection, EndlessOutputIsCutAtTheLimit) {
+TEST(MeetingProviderCLIConnection, EndlessOutputIsCutAtTheLimit) {
     FakeExecutables programs;
     programs.add("claude", "while :; do echo 'all work and no play makes a long transcript'; done\n");
     const auto before = leftoverWorkingDirectories();
@@ -171,7 +164,7 @@ TEST(ProviderCLIConnection, EndlessOutputIsCutAtTheLimit) {
     EXPECT_EQ(leftoverWorkingDirectories(), before);
 }
 
-TEST(ProviderCLIConnection, OutputOnStandardErrorCountsTowardsTheLimit) {
+TEST(MeetingProviderCLIConnection, OutputOnStandardErrorCountsTowardsTheLimit) {
     FakeExecutables programs;
     programs.add("claude", "head -c 60000 /dev/zero >&2\nexit 0\n");
     auto result = connectionTo(programs, 20s, 50'000).run({}, {});
@@ -179,7 +172,7 @@ TEST(ProviderCLIConnection, OutputOnStandardErrorCountsTowardsTheLimit) {
     EXPECT_EQ(result.error().code(), MeetingSummaryProviderError::Code::outputTooLarge);
 }
 
-TEST(ProviderCLIConnection, AProgramThatCannotStartIsUnavailableWithTheSystemsReason) {
+TEST(MeetingProviderCLIConnection, AProgramThatCannotStartIsUnavailableWithTheSystemsReason) {
     FakeExecutables programs;
     programs.add("claude", "exit 0\n");
     QFile program(programs.filePath("claude"));
