@@ -42,4 +42,8 @@ inline std::optional<QDateTime> dateFromText(const QString& text) {
 std::optional<std::pair<qsizetype, qsizetype>> blockRange(const QString& text, const QString& start,
                                                           const QString& end);
 
+// `text` with its block `start`…`end` replaced by `block`; without such a block, `block` is
+// appended after a blank line, so nothing anyone wrote is replaced.
+QString replacingBlock(const QString& text, const QString& start, const QString& end, const QString& block);
+
 }  // namespace mossly::meeting::MeetingNoteFormat

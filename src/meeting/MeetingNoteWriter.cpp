@@ -13,12 +13,9 @@ std::unexpected<MeetingSessionError> writeFailure(const QString& text) {
     return std::unexpected(MeetingSessionError::noteWriteFailed(text));
 }
 
-QString withBlock(const QString& body, const QString& block) {
-    const auto range = Format::blockRange(body, Format::transcriptStartMarker, Format::transcriptEndMarker);
-    if (range) return body.left(range->first) + block + body.mid(range->second);
-    // The user deleted the markers: the transcript goes at the end rather than over anything they wrote.
-    if (body.isEmpty()) return block;
-    return body + (body.endsWith(u'\n') ? QStringLiteral("\n") : QStringLiteral("\n\n")) + block;
+// A note whose markers the user deleted gets the transcript at its end rather than over anything they wrote.
+QString withTranscript(const QString& body, const QString& block) {
+    return Format::replacingBlock(body, Format::transcriptStartMarker, Format::transcriptEndMarker, block);
 }
 
 qsizetype stableCount(const QList<MeetingTranscriptSegment>& segments) {
@@ -101,7 +98,7 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::checkpoint(
     const QString block = renderTranscript(segments, interrupted);
     NoteFrontMatterFields fields;
     if (interrupted) fields.insert_or_assign(Format::interruptedKey, true);
-    auto note = rewriteReporting([&](const QString& body) { return withBlock(body, block); }, fields, checkpointStale);
+    auto note = rewriteReporting([&](const QString& body) { return withTranscript(body, block); }, fields, checkpointStale);
     if (!note) return note;
     if (auto saved = saveManifest(static_cast<int>(stableCount(segments))); !saved) {
         return std::unexpected(saved.error());

@@ -50,14 +50,8 @@ QString MeetingSummaryService::render(const MeetingSummary& summary) {
 }
 
 QString MeetingSummaryService::replacingGeneratedSummary(const QString& body, const QString& block) {
-    const auto range = MeetingNoteFormat::blockRange(body, MeetingNoteFormat::summaryStartMarker,
-                                                     MeetingNoteFormat::summaryEndMarker);
-    if (range) return body.left(range->first) + block + body.mid(range->second);
-    if (body.isEmpty()) return block;
-    const QString gap = body.endsWith(QLatin1String("\n\n")) ? QString()
-                        : body.endsWith(u'\n')                ? QStringLiteral("\n")
-                                                              : QStringLiteral("\n\n");
-    return body + gap + block;
+    return MeetingNoteFormat::replacingBlock(body, MeetingNoteFormat::summaryStartMarker,
+                                             MeetingNoteFormat::summaryEndMarker, block);
 }
 
 }  // namespace mossly::meeting

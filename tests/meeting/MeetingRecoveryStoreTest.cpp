@@ -25,7 +25,6 @@ QString createMeetingNote(const TemporaryNotesFolder& folder, const QString& tit
     return note ? note->identifier : QString();
 }
 
-
 const QString notice = "> Recording was interrupted. This note contains the last durable transcript checkpoint.";
 
 }  // namespace
