@@ -12,7 +12,9 @@ std::optional<std::pair<qsizetype, qsizetype>> blockRange(const QString& text, c
 }
 
 QString replacingBlock(const QString& text, const QString& start, const QString& end, const QString& block) {
-    if (const auto range = blockRange(text, start, end)) return text.left(range->first) + block + text.mid(range->second);
+    if (const auto range = blockRange(text, start, end)) {
+        return text.left(range->first) + block + text.mid(range->second);
+    }
     if (text.isEmpty()) return block;
     const QString gap = text.endsWith(QLatin1String("\n\n")) ? QString()
                         : text.endsWith(u'\n')                ? QStringLiteral("\n")

@@ -86,7 +86,6 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::create(const Q
     auto note = repository_.create(noteTitle, initialBody(noteTitle), Format::editor(), NoteContentType::markdown,
                                    fields);
     if (!note) return writeFailure(note.error().description());
-    if (note->identifier.isEmpty()) return writeFailure(notCreated);
     noteIdentifier_ = note->identifier;
     audioPaths_ = audioPaths;
     if (auto saved = saveManifest(0); !saved) return std::unexpected(saved.error());
@@ -98,7 +97,8 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::checkpoint(
     const QString block = renderTranscript(segments, interrupted);
     NoteFrontMatterFields fields;
     if (interrupted) fields.insert_or_assign(Format::interruptedKey, true);
-    auto note = rewriteReporting([&](const QString& body) { return withTranscript(body, block); }, fields, checkpointStale);
+    auto note =
+        rewriteReporting([&](const QString& body) { return withTranscript(body, block); }, fields, checkpointStale);
     if (!note) return note;
     if (auto saved = saveManifest(static_cast<int>(stableCount(segments))); !saved) {
         return std::unexpected(saved.error());
@@ -155,9 +155,8 @@ Result<StoredNote> MeetingNoteWriter::rewrite(const BodyEdit& edit, const NoteFr
     return fail(*lastStale);
 }
 
-std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::rewriteReporting(const BodyEdit& edit,
-                                                                                   const NoteFrontMatterFields& fields,
-                                                                                   const std::optional<QString>& staleText) {
+std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::rewriteReporting(
+    const BodyEdit& edit, const NoteFrontMatterFields& fields, const std::optional<QString>& staleText) {
     if (!noteIdentifier_) return writeFailure(notCreated);
     auto note = rewrite(edit, fields);
     if (!note) {

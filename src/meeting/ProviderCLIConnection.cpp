@@ -191,7 +191,8 @@ std::optional<QString> ProviderCLIConnection::executableURL() const {
         const QString candidate = directory + u'/' + executableName;
         const QByteArray encoded = QFile::encodeName(candidate);
         struct stat info {};
-        if (::stat(encoded.constData(), &info) == 0 && S_ISREG(info.st_mode) && ::access(encoded.constData(), X_OK) == 0) {
+        if (::stat(encoded.constData(), &info) == 0 && S_ISREG(info.st_mode) &&
+            ::access(encoded.constData(), X_OK) == 0) {
             return candidate;
         }
     }

@@ -8,6 +8,8 @@
 
 using namespace mossly;
 using namespace mossly::meeting;
+using mossly::meeting::test::ForkedChild;
+using mossly::meeting::test::holdLibraryLock;
 using mossly::test::TemporaryNotesFolder;
 
 namespace {
@@ -167,7 +169,7 @@ TEST_F(MeetingNoteWriterTest, ABusyLibraryFailsTheCheckpointAndTheNextOneWritesE
     const QList<MeetingTranscriptSegment> segments{said(MeetingCaptureSource::microphone, 1, "One."),
                                                    said(MeetingCaptureSource::system, 2, "Two.")};
     {
-        mossly::meeting::test::ForkedChild otherWriter([&] { return mossly::meeting::test::holdLibraryLock(folder.path()); });
+        ForkedChild otherWriter([&] { return holdLibraryLock(folder.path()); });
         ASSERT_TRUE(otherWriter.ready());
         auto note = writer.checkpoint(segments, false);
         ASSERT_FALSE(note);

@@ -10,6 +10,8 @@
 
 using namespace mossly;
 using namespace mossly::meeting;
+using mossly::meeting::test::ForkedChild;
+using mossly::meeting::test::holdLibraryLock;
 using mossly::test::TemporaryNotesFolder;
 
 namespace {
@@ -115,10 +117,11 @@ TEST(MeetingRecoveryStore, DropsManifestsOfDeletedNotesAndKeepsThoseItCannotWrit
     ASSERT_TRUE(store.save(waiting));
 
     {
-        mossly::meeting::test::ForkedChild otherWriter([&] { return mossly::meeting::test::holdLibraryLock(folder.path()); });
+        ForkedChild otherWriter([&] { return holdLibraryLock(folder.path()); });
         ASSERT_TRUE(otherWriter.ready());
         EXPECT_TRUE(store.recoverInterruptedMeetings().isEmpty());
-        EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{waiting}) << "the busy note waits for the next launch";
+        // The busy note waits for the next launch.
+        EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{waiting});
     }
     EXPECT_EQ(store.recoverInterruptedMeetings(), QStringList{folder.filePath(identifier)});
     EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{});

@@ -39,7 +39,8 @@ TEST(MeetingClaudeCodeSummaryProvider, SendsThePromptAndTranscriptWithTheExactAr
     FakeExecutables programs;
     const QByteArray argumentsFile = programs.filePath("arguments").toUtf8();
     const QByteArray inputFile = programs.filePath("input").toUtf8();
-    programs.add("claude", "printf '%s\\0' \"$@\" > '" + argumentsFile + "'\ncat > '" + inputFile + "'\ncat <<'JSON'\n" +
+    programs.add("claude", "printf '%s\\0' \"$@\" > '" + argumentsFile + "'\n" +  //
+                               "cat > '" + inputFile + "'\ncat <<'JSON'\n" +
                                validResult + "\nJSON\n");
     auto summary = providerFor(programs).summarize("[00:01] You: hello\n[00:04] System: hi");
     ASSERT_TRUE(summary) << summary.error().description().toStdString();
@@ -54,7 +55,11 @@ TEST(MeetingClaudeCodeSummaryProvider, SendsThePromptAndTranscriptWithTheExactAr
         "-p", "--safe-mode", "--no-session-persistence", "--setting-sources", "", "--strict-mcp-config",
         "--mcp-config", R"({"mcpServers":{}})", "--tools", "", "--permission-mode", "dontAsk", "--max-turns", "1",
         "--output-format", "json", "--json-schema",
-        R"({"type":"object","additionalProperties":false,"properties":{"title":{"type":"string"},"summary":{"type":"string"},"decisions":{"type":"array","items":{"type":"string"}},"actionItems":{"type":"array","items":{"type":"string"}},"openQuestions":{"type":"array","items":{"type":"string"}}},"required":["title","summary","decisions","actionItems","openQuestions"]})"};
+        R"({"type":"object","additionalProperties":false,"properties":{"title":{"type":"string"},)"
+        R"("summary":{"type":"string"},"decisions":{"type":"array","items":{"type":"string"}},)"
+        R"("actionItems":{"type":"array","items":{"type":"string"}},)"
+        R"("openQuestions":{"type":"array","items":{"type":"string"}}},)"
+        R"("required":["title","summary","decisions","actionItems","openQuestions"]})"};
     EXPECT_EQ(passed, expected);
 
     QFile input(QString::fromUtf8(inputFile));
@@ -110,8 +115,8 @@ TEST(MeetingClaudeCodeSummaryProvider, MissingAndHangingProgramsFailWithTheirTex
 TEST(MeetingClaudeCodeSummaryProvider, ConnectionStateReadsAuthStatus) {
     FakeExecutables programs;
     const QByteArray argumentsFile = programs.filePath("arguments").toUtf8();
-    programs.add("claude", "echo \"$@\" > '" + argumentsFile +
-                               "'\necho '{\"loggedIn\":true,\"authMethod\":\"claude.ai\",\"provider\":\"firstParty\"}'\n");
+    programs.add("claude", "echo \"$@\" > '" + argumentsFile + "'\n" +
+                               R"(echo '{"loggedIn":true,"authMethod":"claude.ai","provider":"firstParty"}')" + "\n");
     EXPECT_EQ(providerFor(programs).connectionState(), ProviderConnectionState::connected());
     QFile arguments(QString::fromUtf8(argumentsFile));
     ASSERT_TRUE(arguments.open(QIODevice::ReadOnly));
@@ -145,7 +150,8 @@ TEST(MeetingClaudeCodeSummaryProvider, UsesAnInjectedRunner) {
 }
 
 TEST(MeetingCodexCLISummaryProvider, AlwaysRefuses) {
-    const QString refusal = QString::fromUtf8("Codex CLI cannot yet satisfy Notes’ verified no-tools/no-file-access contract.");
+    const QString refusal =
+        QString::fromUtf8("Codex CLI cannot yet satisfy Notes’ verified no-tools/no-file-access contract.");
     CodexCLISummaryProvider codex;
     EXPECT_EQ(codex.connectionState(), ProviderConnectionState::unavailable(refusal));
     auto summary = codex.summarize("[00:00] You: hello");

@@ -43,7 +43,8 @@ TEST(MeetingSummaryService, ReplacesAnExistingSummaryBlockOrAppendsOne) {
     const QString block = "<!-- notes:meeting-summary:start -->\nNEW\n<!-- notes:meeting-summary:end -->";
     const QString withOld = "# Sync\n\nmy notes\n<!-- notes:meeting-summary:start -->\nOLD\n"
                             "<!-- notes:meeting-summary:end -->\nafter";
-    EXPECT_EQ(MeetingSummaryService::replacingGeneratedSummary(withOld, block), "# Sync\n\nmy notes\n" + block + "\nafter");
+    EXPECT_EQ(MeetingSummaryService::replacingGeneratedSummary(withOld, block),
+              "# Sync\n\nmy notes\n" + block + "\nafter");
     EXPECT_EQ(MeetingSummaryService::replacingGeneratedSummary("# Sync", block), "# Sync\n\n" + block);
     EXPECT_EQ(MeetingSummaryService::replacingGeneratedSummary("# Sync\n", block), "# Sync\n\n" + block);
     EXPECT_EQ(MeetingSummaryService::replacingGeneratedSummary("", block), block);

@@ -59,7 +59,8 @@ TEST(MeetingProviderCLIConnection, WithoutAPathItSearchesTheStandardFolders) {
     qputenv("PATH", saved);
     ASSERT_TRUE(found);
     // /opt/homebrew/bin and /usr/local/bin come first, then /usr/bin and /bin.
-    EXPECT_TRUE(*found == "/usr/bin/sh" || *found == "/bin/sh" || found->startsWith("/usr/local/bin/")) << found->toStdString();
+    EXPECT_TRUE(*found == "/usr/bin/sh" || *found == "/bin/sh" || found->startsWith("/usr/local/bin/"))
+        << found->toStdString();
 }
 
 TEST(MeetingProviderCLIConnection, AMissingExecutableIsNotInstalled) {
