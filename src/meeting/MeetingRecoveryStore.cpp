@@ -6,6 +6,7 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <cerrno>
+#include <unistd.h>
 
 #include "AtomicFile.h"
 #include "MeetingNoteFormat.h"

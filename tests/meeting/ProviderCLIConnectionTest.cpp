@@ -140,6 +140,21 @@ TEST(MeetingProviderCLIConnection, ATimeoutKillsTheWholeProcessGroupIncludingGra
     EXPECT_EQ(leftoverWorkingDirectories(), before);
 }
 
+TEST(MeetingProviderCLIConnection, WhatTheProgramLeftRunningIsKilledWhenItExits) {
+    mossly::meeting::test::adoptOrphans();
+    FakeExecutables programs;
+    const QString pidFile = programs.filePath("straggler.pid");
+    programs.add("claude", "sleep 300 &\necho $! > '" + pidFile.toUtf8() + "'\necho done\n");
+    auto result = connectionTo(programs).run({}, {});
+    ASSERT_TRUE(result);
+    EXPECT_EQ(result->stdout, "done\n");
+    const pid_t straggler = readFile(pidFile).toInt();
+    ASSERT_GT(straggler, 0);
+    const int status = mossly::meeting::test::reapWithin(straggler, 3.0);
+    ASSERT_NE(status, -1) << "a background process outlived the run";
+    EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL);
+}
+
 TEST(MeetingProviderCLIConnection, TheTimeoutFollowsTheInjectedClock) {
     FakeExecutables programs;
     programs.add("claude", "sleep 300\n");
