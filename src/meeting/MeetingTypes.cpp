@@ -78,9 +78,7 @@ void sortSegments(QList<MeetingTranscriptSegment>& segments) {
     });
 }
 
-namespace {
-
-std::optional<QStringList> textList(const QJsonValue& value) {
+std::optional<QStringList> textListFromJson(const QJsonValue& value) {
     if (!value.isArray()) return std::nullopt;
     QStringList list;
     for (const auto& item : value.toArray()) {
@@ -89,8 +87,6 @@ std::optional<QStringList> textList(const QJsonValue& value) {
     }
     return list;
 }
-
-}  // namespace
 
 QJsonObject MeetingSummary::toJson() const {
     return QJsonObject{
@@ -105,9 +101,9 @@ QJsonObject MeetingSummary::toJson() const {
 std::optional<MeetingSummary> MeetingSummary::fromJson(const QJsonObject& object) {
     const auto title = object.value(QStringLiteral("title"));
     const auto summary = object.value(QStringLiteral("summary"));
-    const auto decisions = textList(object.value(QStringLiteral("decisions")));
-    const auto actions = textList(object.value(QStringLiteral("actionItems")));
-    const auto questions = textList(object.value(QStringLiteral("openQuestions")));
+    const auto decisions = textListFromJson(object.value(QStringLiteral("decisions")));
+    const auto actions = textListFromJson(object.value(QStringLiteral("actionItems")));
+    const auto questions = textListFromJson(object.value(QStringLiteral("openQuestions")));
     if (!title.isString() || !summary.isString() || !decisions || !actions || !questions) return std::nullopt;
     return MeetingSummary{title.toString(), summary.toString(), *decisions, *actions, *questions};
 }

@@ -57,6 +57,9 @@ struct MeetingTranscriptSegment {
 // Stable order by start time; at an equal start the microphone comes first.
 void sortSegments(QList<MeetingTranscriptSegment>& segments);
 
+// A JSON array of strings; absent for anything else (a number among the items, not an array).
+std::optional<QStringList> textListFromJson(const QJsonValue& value);
+
 struct MeetingSummary {
     QString title;
     QString summary;
