@@ -74,6 +74,16 @@ bool isRawTextElement(const GumboNode* element) {
     }
 }
 
+// The parser drops a line break right after these start tags, so one is added
+// when the text itself starts with one.
+bool startsWithLineBreak(const GumboNode* element, const QByteArray& name) {
+    if (name != "pre" && name != "textarea" && name != "listing") return false;
+    const GumboVector& children = element->v.element.children;
+    if (children.length == 0) return false;
+    const auto* first = static_cast<const GumboNode*>(children.data[0]);
+    return (first->type == GUMBO_NODE_TEXT || first->type == GUMBO_NODE_WHITESPACE) && first->v.text.text[0] == '\n';
+}
+
 // Comment text that reads back as one comment with the same text.
 bool isPlainCommentData(const QByteArray& data) {
     return !data.startsWith('>') && !data.startsWith("->") && !data.contains("<!--") && !data.contains("-->") &&
@@ -303,6 +313,7 @@ void HtmlDocument::appendChild(QByteArray& out, std::vector<Frame>& stack, const
                 appendStartTag(out, child, name, closesItself);
                 if (isVoidElement(name)) return;
                 if (!closesItself) frame.endTag = "</" + name + '>';
+                if (startsWithLineBreak(child, name)) out += '\n';
             }
             stack.push_back(std::move(frame));
             return;
