@@ -115,19 +115,20 @@ bool HTMLReferencePolicy::isInsideFolder(const QString& path) const {
     return folder_ == u"/" || real == folder_ || real.startsWith(folder_ + u'/');
 }
 
-// The path with every symbolic link in its existing part resolved.
+// The path with every symbolic link resolved, as far as it exists. Folders
+// are resolved once, so each further file costs one lstat.
 QString HTMLReferencePolicy::resolved(const QString& cleanPath) const {
+    if (cleanPath == u"/" || cleanPath.isEmpty()) return QStringLiteral("/");
     if (const auto known = resolvedPaths_.constFind(cleanPath); known != resolvedPaths_.cend()) return *known;
-    QString existing = cleanPath;
-    QString missing;
-    while (!QFileInfo::exists(existing) && existing != u"/" && !existing.isEmpty()) {
-        const qsizetype slash = existing.lastIndexOf(u'/');
-        missing = existing.mid(slash) + missing;
-        existing = slash <= 0 ? QStringLiteral("/") : existing.left(slash);
+    const qsizetype slash = cleanPath.lastIndexOf(u'/');
+    const QString parent = resolved(slash <= 0 ? QStringLiteral("/") : cleanPath.left(slash));
+    QString real = (parent == u"/" ? QString() : parent) + cleanPath.mid(slash);
+    const QFileInfo file(real);
+    if (file.isSymLink()) {
+        const QString target = file.canonicalFilePath();
+        // A dangling link loads nothing; judged by where it lies.
+        if (!target.isEmpty()) real = target;
     }
-    QString real = QFileInfo(existing).canonicalFilePath();
-    if (real.isEmpty()) real = existing;
-    real = QDir::cleanPath(real + missing);
     resolvedPaths_.insert(cleanPath, real);
     return real;
 }

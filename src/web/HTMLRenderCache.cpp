@@ -1,10 +1,12 @@
 #include "HTMLRenderCache.h"
 
-#include <QCryptographicHash>
 #include <QDir>
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QtEndian>
+#include <openssl/evp.h>
+#include <cstdlib>
+#include <memory>
 
 #include "HTMLRenderPolicy.h"
 
@@ -21,17 +23,38 @@ QString folderKey(const QUrl& noteURL) {
            QDir::cleanPath(QFileInfo(noteURL.toLocalFile()).absolutePath());
 }
 
-void addLengthPrefixed(QCryptographicHash& hash, QByteArrayView bytes) {
-    const quint64 length = qToLittleEndian(static_cast<quint64>(bytes.size()));
-    hash.addData(QByteArrayView(reinterpret_cast<const char*>(&length), sizeof length));
-    hash.addData(bytes);
-}
+// OpenSSL's SHA-256 uses the processor's SHA instructions: several times
+// faster than QCryptographicHash on the megabytes of a saved web page.
+class Sha256 {
+  public:
+    Sha256() : context_(EVP_MD_CTX_new(), &EVP_MD_CTX_free) {
+        if (!context_ || EVP_DigestInit_ex(context_.get(), EVP_sha256(), nullptr) != 1) std::abort();
+    }
+    void addLengthPrefixed(const void* data, qsizetype bytes) {
+        const quint64 length = qToLittleEndian(static_cast<quint64>(bytes));
+        add(&length, sizeof length);
+        add(data, static_cast<size_t>(bytes));
+    }
+    QString hex() {
+        unsigned char digest[EVP_MAX_MD_SIZE];
+        unsigned int length = 0;
+        if (EVP_DigestFinal_ex(context_.get(), digest, &length) != 1) std::abort();
+        return QString::fromLatin1(QByteArray(reinterpret_cast<const char*>(digest), length).toHex());
+    }
+
+  private:
+    // Fails only when the library cannot allocate a few bytes.
+    void add(const void* data, size_t bytes) {
+        if (EVP_DigestUpdate(context_.get(), data, bytes) != 1) std::abort();
+    }
+    std::unique_ptr<EVP_MD_CTX, decltype(&EVP_MD_CTX_free)> context_;
+};
 
 QString keyFor(const QString& source, const QString& folder) {
-    QCryptographicHash hash(QCryptographicHash::Sha256);
-    addLengthPrefixed(hash, QByteArrayView(reinterpret_cast<const char*>(source.constData()), source.size() * 2));
-    addLengthPrefixed(hash, QByteArrayView(reinterpret_cast<const char*>(folder.constData()), folder.size() * 2));
-    return QString::fromLatin1(hash.result().toHex());
+    Sha256 hash;
+    hash.addLengthPrefixed(source.constData(), source.size() * qsizetype(sizeof(QChar)));
+    hash.addLengthPrefixed(folder.constData(), folder.size() * qsizetype(sizeof(QChar)));
+    return hash.hex();
 }
 
 qsizetype costOf(const HTMLRenderResult& result, const QString& source) {

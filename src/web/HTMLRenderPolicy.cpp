@@ -51,15 +51,17 @@ bool isEventHandler(const QByteArray& name) { return name.size() > 2 && name.sta
 bool refusesAttribute(const HtmlDocument::Attribute& attribute, const HTMLReferencePolicy& references) {
     const QByteArray& name = attribute.name;
     if (name == "srcdoc" || isEventHandler(name)) return true;
+    if (name == "style") return loadsRemoteStyle(QString::fromUtf8(attribute.value));
+    const Reference kind = referenceKind(name);
+    if (kind == Reference::none) return false;
     const QString value = QString::fromUtf8(attribute.value);
-    if (name == "style") return loadsRemoteStyle(value);
     const auto refused = [&](const QString& url, bool navigates) {
         return HTMLReferencePolicy::runsScript(url, navigates) || references.isBlocked(url);
     };
     const auto anyRefused = [&](const QStringList& urls) {
         return std::any_of(urls.begin(), urls.end(), [&](const QString& url) { return refused(url, true); });
     };
-    switch (referenceKind(name)) {
+    switch (kind) {
         case Reference::none: return false;
         case Reference::loaded: return refused(value, false);
         case Reference::navigated: return refused(value, true);
@@ -83,7 +85,11 @@ int removeMatching(HtmlDocument& document, const std::vector<html::ElementPatter
     return static_cast<int>(found.size());
 }
 
-int removeRefusedAttributes(HtmlDocument& document, const QUrl& noteURL) {
+// Steps 3 to 5 each judge one element on its own, so one walk takes each
+// element through them in turn.
+int cleanRemainingElements(HtmlDocument& document, const QUrl& noteURL) {
+    static const auto styles = html::parseSelectorList("style");
+    static const auto policyOverrides = html::parseSelectorList("meta[http-equiv]");
     const HTMLReferencePolicy references(noteURL);
     int removed = 0;
     for (const GumboNode* element : document.elements(document.root())) {
@@ -92,17 +98,12 @@ int removeRefusedAttributes(HtmlDocument& document, const QUrl& noteURL) {
             document.removeAttribute(attribute.source);
             ++removed;
         }
-    }
-    return removed;
-}
-
-int removeRemoteStyleElements(HtmlDocument& document) {
-    static const auto styles = html::parseSelectorList("style");
-    int removed = 0;
-    for (const GumboNode* style : document.select(document.root(), styles)) {
-        if (!loadsRemoteStyle(document.text(style))) continue;
-        document.remove(style);
-        ++removed;
+        if (document.matches(element, styles.front()) && loadsRemoteStyle(document.text(element))) {
+            document.remove(element);
+            ++removed;
+        }
+        // The page gets its own policy; the note's is replaced, not blocked, so it is not counted.
+        if (document.matches(element, policyOverrides.front())) document.remove(element);
     }
     return removed;
 }
@@ -169,11 +170,7 @@ HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& no
     HtmlDocument document(std::move(utf8));
     if (!document.isParsed()) return textPage(source);
     int blocked = removeMatching(document, activeContent());
-    blocked += removeRefusedAttributes(document, noteURL);
-    blocked += removeRemoteStyleElements(document);
-    // The page gets its own policy below; the note's is replaced, not blocked.
-    static const auto policyOverrides = html::parseSelectorList("meta[http-equiv]");
-    for (const GumboNode* meta : document.select(document.root(), policyOverrides)) document.remove(meta);
+    blocked += cleanRemainingElements(document, noteURL);
     return assemble(document, blocked);
 }
 

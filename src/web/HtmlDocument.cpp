@@ -1,10 +1,14 @@
 #include "HtmlDocument.h"
 
 #include <array>
+#include <cstring>
 
 namespace mossly::html {
 
 namespace {
+
+constexpr unsigned removedNodeMark = 1u << 30;
+constexpr auto removedAttributeMark = static_cast<GumboAttributeNamespaceEnum>(0x40);
 
 bool isAsciiSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
 
@@ -18,6 +22,7 @@ ElementPattern parsePattern(std::string_view text) {
     ElementPattern pattern;
     const size_t open = text.find('[');
     pattern.tag = trimmed(text.substr(0, open)).toLower();
+    pattern.gumboTag = gumbo_tag_enum(pattern.tag.constData());
     if (open == std::string_view::npos) return pattern;
     std::string_view condition = text.substr(open + 1);
     condition = condition.substr(0, condition.find(']'));
@@ -134,6 +139,20 @@ void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) { app
 
 HtmlDocument::HtmlDocument(QByteArray utf8) : parsed_(std::move(utf8)) {}
 
+// Removal marks live in the parsed tree itself, in values gumbo never uses:
+// a flag bit far above its own and a namespace past its last. Every node is
+// visited several times, and a side table lookup each time showed in profiles.
+void HtmlDocument::remove(const GumboNode* node) {
+    auto* marked = const_cast<GumboNode*>(node);  // the tree is this document's own, in its arena
+    marked->parse_flags = static_cast<GumboParseFlags>(marked->parse_flags | removedNodeMark);
+}
+
+bool HtmlDocument::isRemoved(const GumboNode* node) { return (node->parse_flags & removedNodeMark) != 0; }
+
+void HtmlDocument::removeAttribute(const GumboAttribute* attribute) {
+    const_cast<GumboAttribute*>(attribute)->attr_namespace = removedAttributeMark;
+}
+
 std::vector<const GumboNode*> HtmlDocument::elements(const GumboNode* from) const {
     std::vector<const GumboNode*> found;
     if (!from || isRemoved(from)) return found;
@@ -163,7 +182,8 @@ std::vector<const GumboNode*> HtmlDocument::select(const GumboNode* from,
 }
 
 bool HtmlDocument::matches(const GumboNode* element, const ElementPattern& pattern) const {
-    if (tagName(element) != pattern.tag) return false;
+    const GumboTag tag = element->v.element.tag;
+    if (pattern.gumboTag != GUMBO_TAG_UNKNOWN ? tag != pattern.gumboTag : tagName(element) != pattern.tag) return false;
     if (pattern.attribute.isEmpty()) return true;
     for (const Attribute& attribute : attributes(element)) {
         if (attribute.name != pattern.attribute) continue;
@@ -178,7 +198,7 @@ std::vector<HtmlDocument::Attribute> HtmlDocument::attributes(const GumboNode* e
     found.reserve(all.length);
     for (unsigned i = 0; i < all.length; ++i) {
         const auto* attribute = static_cast<const GumboAttribute*>(all.data[i]);
-        if (removedAttributes_.contains(attribute)) continue;
+        if (attribute->attr_namespace == removedAttributeMark) continue;
         found.push_back({attribute, decoded(attribute->name, attribute->original_name),
                          decoded(attribute->value, attribute->original_value)});
     }
@@ -187,15 +207,17 @@ std::vector<HtmlDocument::Attribute> HtmlDocument::attributes(const GumboNode* e
 
 QByteArray HtmlDocument::originalBytes(const GumboStringPiece& piece) const {
     const auto span = parsed_.span(piece);
-    return span ? parsed_.bytes().mid(span->first, span->second - span->first) : QByteArray();
+    if (!span) return {};
+    return QByteArray::fromRawData(parsed_.bytes().constData() + span->first, span->second - span->first);
 }
 
 // The parser saw "<svg" and "<math" renamed everywhere, also inside attribute
 // values, comments and raw text; put the author's letters back. When entity
 // decoding makes the names impossible to pair up, the text stays as parsed.
 QByteArray HtmlDocument::decoded(const char* text, const GumboStringPiece& original) const {
-    QByteArray result(text);
-    if (!result.contains('<')) return result;
+    const auto length = qsizetype(qstrlen(text));
+    if (!std::memchr(text, '<', size_t(length))) return QByteArray::fromRawData(text, length);
+    QByteArray result(text, length);
     const auto inResult = foreignNames(result, true);
     if (inResult.empty()) return result;
     const auto inSource = foreignNames(originalBytes(original), false);
@@ -219,7 +241,11 @@ QByteArray HtmlDocument::tagName(const GumboNode* element) const { return writte
 // element (<image> becomes <img>); there the author's name is written.
 QByteArray HtmlDocument::writtenName(const GumboNode* element, bool inForeignContent) const {
     const GumboTag tag = element->v.element.tag;
-    if (tag != GUMBO_TAG_UNKNOWN && !inForeignContent) return QByteArray(gumbo_normalized_tagname(tag));
+    // gumbo's names are static: no copy.
+    if (tag != GUMBO_TAG_UNKNOWN && !inForeignContent) {
+        const char* name = gumbo_normalized_tagname(tag);
+        return QByteArray::fromRawData(name, qsizetype(qstrlen(name)));
+    }
     GumboStringPiece name = element->v.element.original_tag;
     if (name.data && name.length > 0) gumbo_tag_from_original_text(&name);
     QByteArray original = originalBytes(name).toLower();
@@ -252,7 +278,7 @@ QString HtmlDocument::text(const GumboNode* element) const {
 struct HtmlDocument::Frame {
     const GumboNode* node;
     unsigned next = 0;
-    QByteArray endTag;
+    QByteArray endTag;        // the name to close, or nothing
     bool foreign = false;     // inside <svg> or <math>
     bool inertText = false;   // a browser may read the content as raw text or as markup
     bool rawText = false;     // the text children are written as they stand
@@ -261,6 +287,7 @@ struct HtmlDocument::Frame {
 QString HtmlDocument::innerHTML(const GumboNode* element) const {
     QByteArray out;
     if (!element || isRemoved(element)) return QString();
+    out.reserve(parsed_.bytes().size());
     std::vector<Frame> stack;
     const QByteArray name = tagName(element);
     stack.push_back({element, 0, {}, name == "svg" || name == "math", name == "noscript", isRawTextElement(element)});
@@ -268,7 +295,7 @@ QString HtmlDocument::innerHTML(const GumboNode* element) const {
         Frame& frame = stack.back();
         const GumboVector* children = childrenOf(frame.node);
         if (!children || frame.next >= children->length) {
-            out += frame.endTag;
+            if (!frame.endTag.isEmpty()) out.append("</").append(frame.endTag).append('>');
             stack.pop_back();
             continue;
         }
@@ -312,7 +339,7 @@ void HtmlDocument::appendChild(QByteArray& out, std::vector<Frame>& stack, const
                                           originalBytes(child->v.element.original_tag).endsWith("/>");
                 appendStartTag(out, child, name, closesItself);
                 if (isVoidElement(name)) return;
-                if (!closesItself) frame.endTag = "</" + name + '>';
+                if (!closesItself) frame.endTag = name;
                 if (startsWithLineBreak(child, name)) out += '\n';
             }
             stack.push_back(std::move(frame));
