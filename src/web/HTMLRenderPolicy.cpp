@@ -1,6 +1,7 @@
 #include "HTMLRenderPolicy.h"
 
 #include <QRegularExpression>
+#include <cctype>
 #include <limits>
 
 #include "HTMLReferencePolicy.h"
@@ -22,11 +23,43 @@ const std::vector<html::ElementPattern>& activeContent() {
 }
 
 const QRegularExpression& remoteStylePattern() {
-    static const QRegularExpression pattern(QStringLiteral(R"((?i)(url\s*\(\s*['"]?https?:|@import))"));
+    // image-set() loads from plain strings, without url().
+    static const QRegularExpression pattern(
+        QStringLiteral(R"((?i)(url\s*\(\s*['"]?https?:|@import|image-set\s*\([^)]*['"]\s*https?:))"));
     return pattern;
 }
 
-bool loadsRemoteStyle(const QString& css) { return remoteStylePattern().match(css).hasMatch(); }
+// CSS as its parser reads it: "\69 mport" and "ht\74p" are "import" and "http".
+QString withoutCssEscapes(const QString& css) {
+    QString plain;
+    plain.reserve(css.size());
+    for (qsizetype i = 0; i < css.size(); ++i) {
+        if (css.at(i) != u'\\' || i + 1 == css.size()) {
+            plain += css.at(i);
+            continue;
+        }
+        qsizetype end = i + 1;
+        while (end < css.size() && end - i <= 6 && isxdigit(css.at(end).unicode() < 128 ? css.at(end).toLatin1() : 'g'))
+            ++end;
+        if (end == i + 1) {
+            plain += css.at(++i);
+            continue;
+        }
+        bool ok = false;
+        const uint codePoint = css.mid(i + 1, end - i - 1).toUInt(&ok, 16);
+        plain += (codePoint == 0 || codePoint > 0x10FFFF || QChar::isSurrogate(codePoint))
+                     ? QString(QChar::ReplacementCharacter)
+                     : QString::fromUcs4(reinterpret_cast<const char32_t*>(&codePoint), 1);
+        if (end < css.size() && css.at(end).isSpace()) ++end;
+        i = end - 1;
+    }
+    return plain;
+}
+
+bool loadsRemoteStyle(const QString& css) {
+    if (remoteStylePattern().match(css).hasMatch()) return true;
+    return css.contains(u'\\') && remoteStylePattern().match(withoutCssEscapes(css)).hasMatch();
+}
 
 // How an attribute refers to other documents.
 enum class Reference { none, loaded, navigated, urlList, candidates, animatedValues };

@@ -72,6 +72,10 @@ TEST(HTMLRenderPolicy, RemovesRemoteLoadsAndKeepsInlineOnes) {
                    "<style>b { background: URL( \"HTTPS://x\") }</style>"_s),
               u"<style>p{color:red}</style>");
     EXPECT_EQ(blocked(u"<style>@import 'x.css';</style>"_s), 1);
+    // What the CSS parser reads counts, not its spelling.
+    EXPECT_EQ(body(u"<style>@\\69 mport 'x.css';</style><p style=\"background:url(h\\74 tp://x/a.png)\">a</p>"
+                   "<p style='background-image:image-set(\"https://x/a.png\" 1x)'>b</p><p style='content:\"\\\\\"'>c</p>"_s),
+              u"<p>a</p><p>b</p><p style=\"content:&quot;\\\\&quot;\">c</p>");
     for (const char* remote : {"HTTP://x/a.png", "ftp://x/a", "wss://x", " https://x", "//x/a.png", "\\\\x\\a.png"})
         EXPECT_EQ(body(QString::fromUtf8(remote).prepend(u"<video poster=\"").append(u"\"></video>")), u"<video></video>")
             << remote;
