@@ -16,6 +16,13 @@ QString bodyOf(const QByteArray& page) {
 
 QString fragment(const char* markup) { return bodyOf(QByteArray("<body>") + markup); }
 
+// Markup and what the serialiser must write for it.
+using Written = std::pair<const char*, const char16_t*>;
+
+void expectWritten(std::initializer_list<Written> cases) {
+    for (const auto& [markup, expected] : cases) EXPECT_EQ(fragment(markup), QStringView(expected)) << markup;
+}
+
 TEST(HtmlSerialiser, EscapesTextAndAttributeValuesSoNothingBecomesMarkup) {
     EXPECT_EQ(fragment("a &amp; b &lt;c&gt; d&nbsp;e"), u"a &amp; b &lt;c&gt; d&nbsp;e");
     EXPECT_EQ(fragment(R"(<p title='say "hi" &amp; <b>&nbsp;'>x</p>)"),
@@ -26,26 +33,30 @@ TEST(HtmlSerialiser, EscapesTextAndAttributeValuesSoNothingBecomesMarkup) {
 }
 
 TEST(HtmlSerialiser, WritesRawTextVoidElementsTemplatesAndComments) {
-    EXPECT_EQ(fragment("<style>p > a { content: \"&amp;\" }</style>"), u"<style>p > a { content: \"&amp;\" }</style>");
-    EXPECT_EQ(fragment("<xmp><b>&amp;</b></xmp>"), u"<xmp><b>&amp;</b></xmp>");
-    EXPECT_EQ(fragment("<textarea><b>&amp;</textarea>"), u"<textarea>&lt;b&gt;&amp;</textarea>");
-    EXPECT_EQ(fragment("a<br>b<img src=x.png><hr/><input></input>"), u"a<br>b<img src=\"x.png\"><hr><input>");
-    EXPECT_EQ(fragment("<template><td>cell</td><b>x</b></template>"), u"<template><td>cell</td><b>x</b></template>");
-    EXPECT_EQ(fragment("<!-- note -- here --><p>x</p>"), u"<!-- note -- here --><p>x</p>");
+    expectWritten({
+        {"<style>p > a { content: \"&amp;\" }</style>", u"<style>p > a { content: \"&amp;\" }</style>"},
+        {"<xmp><b>&amp;</b></xmp>", u"<xmp><b>&amp;</b></xmp>"},
+        {"<textarea><b>&amp;</textarea>", u"<textarea>&lt;b&gt;&amp;</textarea>"},
+        {"a<br>b<img src=x.png><hr/><input></input>", u"a<br>b<img src=\"x.png\"><hr><input>"},
+        {"<template><td>cell</td><b>x</b></template>", u"<template><td>cell</td><b>x</b></template>"},
+        {"<!-- note -- here --><p>x</p>", u"<!-- note -- here --><p>x</p>"},
+    });
 }
 
 TEST(HtmlSerialiser, ForeignContentKeepsItsNamesAndEscapesWhatABrowserReadsAsMarkup) {
-    EXPECT_EQ(fragment("<SVG viewBox='0 0 1 1'><path d='M0'/><path d='M1'/></SVG>"),
-              u"<svg viewbox=\"0 0 1 1\"><path d=\"M0\"/><path d=\"M1\"/></svg>");
-    EXPECT_EQ(fragment("<math><mi>x</mi></MATH>"), u"<math><mi>x</mi></math>");
-    // In <svg>, <style> is an element with markup inside: its text is escaped, and the self-closing
-    // <style/> does not swallow what follows.
-    EXPECT_EQ(fragment("<svg><style>a>b{}</style></svg>"), u"<svg><style>a&gt;b{}</style></svg>");
-    EXPECT_EQ(fragment("<svg><style/><img src=x></style></svg>"), u"<svg><style/>&lt;img src=x&gt;</svg>");
-    // The parser saw <image> as <img>; inside <svg> the author's name is written.
-    EXPECT_EQ(fragment("<svg><image href='a.png'/></svg>"), u"<svg><image href=\"a.png\"/></svg>");
-    // CDATA is a comment outside foreign content, escaped so it cannot end early.
-    EXPECT_EQ(fragment("<svg><![CDATA[</svg><b>]]></svg>"), u"<svg><!--[CDATA[&lt;/svg--><b>]]&gt;</b></svg>");
+    expectWritten({
+        {"<SVG viewBox='0 0 1 1'><path d='M0'/><path d='M1'/></SVG>",
+         u"<svg viewbox=\"0 0 1 1\"><path d=\"M0\"/><path d=\"M1\"/></svg>"},
+        {"<math><mi>x</mi></MATH>", u"<math><mi>x</mi></math>"},
+        // In <svg>, <style> is an element with markup inside: its text is escaped, and the self-closing
+        // <style/> does not swallow what follows.
+        {"<svg><style>a>b{}</style></svg>", u"<svg><style>a&gt;b{}</style></svg>"},
+        {"<svg><style/><img src=x></style></svg>", u"<svg><style/>&lt;img src=x&gt;</svg>"},
+        // The parser saw <image> as <img>; inside <svg> the author's name is written.
+        {"<svg><image href='a.png'/></svg>", u"<svg><image href=\"a.png\"/></svg>"},
+        // CDATA is a comment outside foreign content, escaped so it cannot end early.
+        {"<svg><![CDATA[</svg><b>]]></svg>", u"<svg><!--[CDATA[&lt;/svg--><b>]]&gt;</b></svg>"},
+    });
 }
 
 TEST(HtmlSerialiser, SvgAndMathInsideTextsStayAsTheAuthorWroteThem) {
