@@ -2,13 +2,15 @@
 
 #include <array>
 #include <cstring>
+#include <limits>
 
 namespace mossly::html {
 
 namespace {
 
-constexpr unsigned removedNodeMark = 1u << 30;
-constexpr auto removedAttributeMark = static_cast<GumboAttributeNamespaceEnum>(0x40);
+// No parse has this many nodes or lines.
+constexpr size_t removedNodeMark = std::numeric_limits<size_t>::max();
+constexpr unsigned removedAttributeMark = std::numeric_limits<unsigned>::max();
 
 bool isAsciiSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
 
@@ -139,18 +141,17 @@ void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) { app
 
 HtmlDocument::HtmlDocument(QByteArray utf8) : parsed_(std::move(utf8)) {}
 
-// Removal marks live in the parsed tree itself, in values gumbo never uses:
-// a flag bit far above its own and a namespace past its last. Every node is
-// visited several times, and a side table lookup each time showed in profiles.
+// Removal marks live in the parsed tree itself, in position fields nothing
+// reads after parsing. Every node is visited several times, and a side table
+// lookup each time showed in profiles.
 void HtmlDocument::remove(const GumboNode* node) {
-    auto* marked = const_cast<GumboNode*>(node);  // the tree is this document's own, in its arena
-    marked->parse_flags = static_cast<GumboParseFlags>(marked->parse_flags | removedNodeMark);
+    const_cast<GumboNode*>(node)->index_within_parent = removedNodeMark;  // the tree is this document's own
 }
 
-bool HtmlDocument::isRemoved(const GumboNode* node) { return (node->parse_flags & removedNodeMark) != 0; }
+bool HtmlDocument::isRemoved(const GumboNode* node) { return node->index_within_parent == removedNodeMark; }
 
 void HtmlDocument::removeAttribute(const GumboAttribute* attribute) {
-    const_cast<GumboAttribute*>(attribute)->attr_namespace = removedAttributeMark;
+    const_cast<GumboAttribute*>(attribute)->value_end.line = removedAttributeMark;
 }
 
 std::vector<const GumboNode*> HtmlDocument::elements(const GumboNode* from) const {
@@ -198,7 +199,7 @@ std::vector<HtmlDocument::Attribute> HtmlDocument::attributes(const GumboNode* e
     found.reserve(all.length);
     for (unsigned i = 0; i < all.length; ++i) {
         const auto* attribute = static_cast<const GumboAttribute*>(all.data[i]);
-        if (attribute->attr_namespace == removedAttributeMark) continue;
+        if (attribute->value_end.line == removedAttributeMark) continue;
         found.push_back({attribute, decoded(attribute->name, attribute->original_name),
                          decoded(attribute->value, attribute->original_value)});
     }
