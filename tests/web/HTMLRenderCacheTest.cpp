@@ -43,6 +43,16 @@ TEST(HTMLRenderCache, PreparesOnceForEachTextAndFolder) {
     EXPECT_EQ(cache.prepare(page, noteA), first);
 }
 
+TEST(HTMLRenderCache, TextChangedAfterPreparingIsPreparedAgain) {
+    HTMLRenderCache cache;
+    QString page = u"<p>a</p>"_s;
+    EXPECT_EQ(cache.prepare(page, noteA).bodyHTML, u"<p>a</p>");
+    page[3] = u'b';  // the cache's copy keeps the old buffer; this one detaches
+    EXPECT_EQ(cache.prepare(page, noteA).bodyHTML, u"<p>b</p>");
+    page.append(u"<p>c</p>"_s);
+    EXPECT_EQ(cache.prepare(page, noteA).bodyHTML, u"<p>b</p><p>c</p>");
+}
+
 TEST(HTMLRenderCache, ResultsLargerThanTheBoundAreNotKept) {
     HTMLRenderCache cache(4 * 1024);
     const QString small = u"<p>small</p>"_s;

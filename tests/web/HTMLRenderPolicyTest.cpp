@@ -160,7 +160,8 @@ TEST_F(HTMLFileReferences, FilesOutsideTheNotesFolderAreBlocked) {
          {u"../outside/a.png"_s, u"img/../../outside/a.png"_s, u"%2e%2e/outside/a.png"_s, u".%2E/outside/a.png"_s,
           u"img%2f..%2f..%2foutside/a.png"_s, u"..\\outside\\a.png"_s, u"/etc/passwd"_s, u"../notes2/a.png"_s,
           fileURL(u"notes2/a.png"_s), fileURL(u"outside/a.png"_s), u"file:///etc/passwd"_s,
-          u"file://server/share/a.png"_s, u"file:img/a.png"_s, u"escape/a.png"_s})
+          u"file://server/share/a.png"_s, u"file:img/a.png"_s, u"escape/a.png"_s, u"img/%00/a.png"_s,
+          u"img/"_s + QString(5000, u'a')})
         EXPECT_FALSE(kept(reference)) << qPrintable(reference);
 }
 
@@ -175,6 +176,9 @@ TEST_F(HTMLFileReferences, AFolderReachedThroughALinkIsTheSameFolder) {
 TEST_F(HTMLFileReferences, WithoutANoteLocationOnlyFragmentsStay) {
     EXPECT_FALSE(kept(u"img/a.png"_s, {}));
     EXPECT_FALSE(kept(fileURL(u"notes/img/a.png"_s), {}));
+    // A note on another machine has no folder here.
+    EXPECT_FALSE(kept(u"img/a.png"_s, QUrl(u"file://server"_s + root.filePath(u"notes/note.html"_s))));
+    EXPECT_FALSE(kept(u"img/a.png"_s, QUrl(u"https://example.com/notes/note.html"_s)));
     EXPECT_EQ(body(u"<a href=\"#part\">p</a>"_s), u"<a href=\"#part\">p</a>");
 }
 
