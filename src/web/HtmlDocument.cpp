@@ -1,6 +1,7 @@
 #include "HtmlDocument.h"
 
 #include <array>
+#include <cctype>
 #include <cstring>
 #include <limits>
 
@@ -139,7 +140,46 @@ const GumboVector* childrenOf(const GumboNode* node) {
 void appendEscapedText(QByteArray& out, const QByteArray& text) { appendEscaped(out, text, false, true); }
 void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) { appendEscaped(out, value, true, true); }
 
-HtmlDocument::HtmlDocument(QByteArray utf8) : parsed_(std::move(utf8)) {}
+// gumbo reads <path/> inside <svg> as an open element (HTML ignores the slash)
+// and then closes the innermost unknown element at </svg>, not the <svg>: what
+// follows an icon would land inside it. In the parser's copy such elements
+// become the void <wbr> padded with spaces, so every offset still matches;
+// their names are read from the author's text.
+QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
+    int foreignDepth = 0;
+    const qsizetype size = input.size();
+    for (qsizetype at = input.indexOf('<'); at >= 0 && at < size; at = input.indexOf('<', at + 1)) {
+        if (input.mid(at, 4) == "<!--") {
+            at = input.indexOf("-->", at + 4);
+            if (at < 0) break;
+            continue;
+        }
+        const bool closing = at + 1 < size && input.at(at + 1) == '/';
+        const qsizetype nameStart = at + 1 + (closing ? 1 : 0);
+        if (nameStart >= size || !std::isalpha(static_cast<unsigned char>(input.at(nameStart)))) continue;
+        qsizetype nameEnd = nameStart;
+        while (!isTagNameEnd(input, nameEnd)) ++nameEnd;
+        qsizetype end = nameEnd;
+        for (char quote = 0; end < size; ++end) {
+            const char c = input.at(end);
+            if (quote) quote = c == quote ? 0 : quote;
+            else if (c == '"' || c == '\'') quote = c;
+            else if (c == '>') break;
+        }
+        if (end >= size) break;
+        const QByteArray name = input.mid(nameStart, nameEnd - nameStart).toLower();
+        const bool selfClosing = input.at(end - 1) == '/';
+        if (name == "xvg" || name == "xath") {  // <svg> and <math>, as withoutForeignContent renamed them
+            if (!selfClosing) foreignDepth = std::max(0, foreignDepth + (closing ? -1 : 1));
+        } else if (!closing && selfClosing && foreignDepth > 0 && name.size() >= 3) {
+            input.replace(nameStart, name.size(), QByteArray("wbr").leftJustified(name.size(), ' '));
+        }
+        at = end;
+    }
+    return input;
+}
+
+HtmlDocument::HtmlDocument(QByteArray utf8) : parsed_(std::move(utf8), &withSelfClosingForeignElementsVoid) {}
 
 // Removal marks live in the parsed tree itself, in position fields nothing
 // reads after parsing. Every node is visited several times, and a side table
@@ -227,6 +267,18 @@ QByteArray HtmlDocument::decoded(const char* text, const GumboStringPiece& origi
     return result;
 }
 
+// The name in the author's start or end tag; the parser may have seen another.
+QByteArray HtmlDocument::originalName(const GumboStringPiece& tag) const {
+    const auto span = parsed_.span(tag);
+    const QByteArray& bytes = parsed_.bytes();
+    if (!span || bytes.at(span->first) != '<') return {};
+    qsizetype start = span->first + 1;
+    if (start < span->second && bytes.at(start) == '/') ++start;
+    qsizetype end = start;
+    while (end < span->second && !isTagNameEnd(bytes, end)) ++end;
+    return QByteArray::fromRawData(bytes.constData() + start, end - start);
+}
+
 QByteArray HtmlDocument::textData(const GumboNode* node, bool parentIsRawText) const {
     const GumboText& text = node->v.text;
     if (parentIsRawText) {
@@ -247,9 +299,7 @@ QByteArray HtmlDocument::writtenName(const GumboNode* element, bool inForeignCon
         const char* name = gumbo_normalized_tagname(tag);
         return QByteArray::fromRawData(name, qsizetype(qstrlen(name)));
     }
-    GumboStringPiece name = element->v.element.original_tag;
-    if (name.data && name.length > 0) gumbo_tag_from_original_text(&name);
-    QByteArray original = originalBytes(name).toLower();
+    QByteArray original = originalName(element->v.element.original_tag).toLower();
     if (original.isEmpty() && tag != GUMBO_TAG_UNKNOWN) return QByteArray(gumbo_normalized_tagname(tag));
     return original;
 }

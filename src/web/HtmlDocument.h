@@ -65,6 +65,7 @@ class HtmlDocument {
     struct Frame;
     static bool isRemoved(const GumboNode* node);
     QByteArray originalBytes(const GumboStringPiece& piece) const;
+    QByteArray originalName(const GumboStringPiece& tag) const;
     QByteArray decoded(const char* text, const GumboStringPiece& original) const;
     QByteArray textData(const GumboNode* node, bool parentIsRawText) const;
     QByteArray writtenName(const GumboNode* element, bool inForeignContent) const;

@@ -207,7 +207,8 @@ TEST(HTMLRenderPolicy, GeneratedHostileMarkupComesOutInert) {
         "</style>", "<noscript>", "</noscript>", "<p title=\"</noscript><img src=x onerror=alert(1)>\">",
         "<!-- </noscript><img src=x onerror=alert(1)> -->", "<![CDATA[", "]]>", "<a href=\"java&#x09;script:x\">",
         "<img src=x onerror=alert(1)>", "<iframe srcdoc=\"<script>x</script>\">", "<template>", "</template>",
-        "<image href=javascript:x>", "<xmp>", "</xmp>", "<b>", "</p>", "\"", "'", ">", "<", "<path/>"};
+        "<image href=javascript:x>", "<xmp>", "</xmp>", "<b>", "</p>", "\"", "'", ">", "<", "<path/>", "<style/>",
+        "<p/>", "<noscript/>", "<title/>", "</style/>"};
     QRandomGenerator random(4);
     for (int round = 0; round < 1000; ++round) {
         QString markup;

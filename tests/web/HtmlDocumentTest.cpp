@@ -48,10 +48,14 @@ TEST(HtmlSerialiser, ForeignContentKeepsItsNamesAndEscapesWhatABrowserReadsAsMar
         {"<SVG viewBox='0 0 1 1'><path d='M0'/><path d='M1'/></SVG>",
          u"<svg viewbox=\"0 0 1 1\"><path d=\"M0\"/><path d=\"M1\"/></svg>"},
         {"<math><mi>x</mi></MATH>", u"<math><mi>x</mi></math>"},
+        // What follows a self-closed element stays outside it, and outside the <svg>.
+        {"<svg><g><circle r='1'/><polygon points='0,0 1,1'/></g><path d='M0'/></svg><p>after</p><style>a>b{}</style>",
+         u"<svg><g><circle r=\"1\"/><polygon points=\"0,0 1,1\"/></g><path d=\"M0\"/></svg><p>after</p>"
+         u"<style>a>b{}</style>"},
         // In <svg>, <style> is an element with markup inside: its text is escaped, and the self-closing
         // <style/> does not swallow what follows.
         {"<svg><style>a>b{}</style></svg>", u"<svg><style>a&gt;b{}</style></svg>"},
-        {"<svg><style/><img src=x></style></svg>", u"<svg><style/>&lt;img src=x&gt;</svg>"},
+        {"<svg><style/><b>x</b></style></svg>", u"<svg><style/><b>x</b></svg>"},
         // The parser saw <image> as <img>; inside <svg> the author's name is written.
         {"<svg><image href='a.png'/></svg>", u"<svg><image href=\"a.png\"/></svg>"},
         // CDATA is a comment outside foreign content, escaped so it cannot end early.
