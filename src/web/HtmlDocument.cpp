@@ -149,7 +149,7 @@ QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
     int foreignDepth = 0;
     const qsizetype size = input.size();
     for (qsizetype at = input.indexOf('<'); at >= 0 && at < size; at = input.indexOf('<', at + 1)) {
-        if (input.mid(at, 4) == "<!--") {
+        if (QByteArrayView(input).sliced(at).startsWith("<!--")) {
             at = input.indexOf("-->", at + 4);
             if (at < 0) break;
             continue;
@@ -167,12 +167,15 @@ QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
             else if (c == '>') break;
         }
         if (end >= size) break;
-        const QByteArray name = input.mid(nameStart, nameEnd - nameStart).toLower();
+        const qsizetype length = nameEnd - nameStart;
         const bool selfClosing = input.at(end - 1) == '/';
-        if (name == "xvg" || name == "xath") {  // <svg> and <math>, as withoutForeignContent renamed them
+        const auto named = [&](const char* foreign) {
+            return length == qsizetype(qstrlen(foreign)) && qstrnicmp(input.constData() + nameStart, foreign, size_t(length)) == 0;
+        };
+        if (named("xvg") || named("xath")) {  // <svg> and <math>, as withoutForeignContent renamed them
             if (!selfClosing) foreignDepth = std::max(0, foreignDepth + (closing ? -1 : 1));
-        } else if (!closing && selfClosing && foreignDepth > 0 && name.size() >= 3) {
-            input.replace(nameStart, name.size(), QByteArray("wbr").leftJustified(name.size(), ' '));
+        } else if (!closing && selfClosing && foreignDepth > 0 && length >= 3) {
+            input.replace(nameStart, length, QByteArray("wbr").leftJustified(length, ' '));
         }
         at = end;
     }
