@@ -10,8 +10,12 @@ namespace {
 // Longer paths cannot be opened, so a browser loads nothing from them either.
 constexpr qsizetype longestPath = 4096;
 
-bool isAsciiAlpha(QChar c) { return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z'); }
-bool isAsciiWhitespace(QChar c) { return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f'; }
+bool isAsciiAlpha(QChar c) {
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+}
+bool isAsciiWhitespace(QChar c) {
+    return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f';
+}
 
 // The scheme in lower case, or empty for a relative reference.
 QString schemeOf(const QString& url) {
@@ -33,7 +37,9 @@ QString withoutQueryAndFragment(const QString& url) {
     return url.left(end);
 }
 
-QString percentDecoded(const QString& text) { return QUrl::fromPercentEncoding(text.toUtf8()); }
+QString percentDecoded(const QString& text) {
+    return QUrl::fromPercentEncoding(text.toUtf8());
+}
 
 bool isLocalHost(const QString& host) {
     const QString name = percentDecoded(host).toLower();
@@ -67,10 +73,12 @@ bool HTMLReferencePolicy::runsScript(const QString& value, bool navigates) {
     const QString scheme = schemeOf(url);
     if (scheme == u"javascript" || scheme == u"vbscript") return true;
     if (scheme != u"data") return false;
-    // "data: text/html;charset=utf-8;base64,…": the type ends at ";" or ",", white space around it is ignored.
+    // "data: text/html;charset=utf-8;base64,…": the type ends at ";" or ",", white space around it is
+    // ignored.
     QString type = url.mid(5);
     type = type.left(type.indexOf(u',')).section(u';', 0, 0).trimmed().toLower();
-    static const QStringList documents = {QStringLiteral("text/html"), QStringLiteral("application/xhtml+xml"), QStringLiteral("text/xml"),
+    static const QStringList documents = {QStringLiteral("text/html"),
+                                          QStringLiteral("application/xhtml+xml"), QStringLiteral("text/xml"),
                                           QStringLiteral("application/xml")};
     return documents.contains(type) || (navigates && type == u"image/svg+xml");
 }
@@ -79,7 +87,8 @@ bool HTMLReferencePolicy::isBlocked(const QString& reference) const {
     const QString url = browserURLText(reference);
     if (url.isEmpty()) return false;  // the note itself
     const QString scheme = schemeOf(url);
-    static const QStringList remote = {QStringLiteral("http"), QStringLiteral("https"), QStringLiteral("ftp"), QStringLiteral("ws"), QStringLiteral("wss")};
+    static const QStringList remote = {QStringLiteral("http"), QStringLiteral("https"), QStringLiteral("ftp"),
+                                       QStringLiteral("ws"), QStringLiteral("wss")};
     if (remote.contains(scheme)) return true;
     if (!scheme.isEmpty() && scheme != u"file") return false;
     if (scheme.isEmpty() && url.startsWith(u'#')) return false;
@@ -150,9 +159,12 @@ QStringList HTMLReferencePolicy::srcsetURLs(const QString& srcset) {
         int depth = 0;
         for (; at < size; ++at) {
             const QChar c = srcset.at(at);
-            if (c == u'(') ++depth;
-            else if (c == u')' && depth > 0) --depth;
-            else if (c == u',' && depth == 0) break;
+            if (c == u'(')
+                ++depth;
+            else if (c == u')' && depth > 0)
+                --depth;
+            else if (c == u',' && depth == 0)
+                break;
         }
     }
     return urls;

@@ -1,10 +1,11 @@
 #include "HTMLRenderCache.h"
 
+#include <openssl/evp.h>
+
 #include <QDir>
 #include <QFileInfo>
 #include <QMutexLocker>
 #include <QtEndian>
-#include <openssl/evp.h>
 #include <cstdlib>
 #include <memory>
 
@@ -18,7 +19,8 @@ namespace {
 // so that no folder path can collide with it.
 QString folderKey(const QUrl& noteURL) {
     if (noteURL.isEmpty()) return QStringLiteral("none:");
-    if (!noteURL.isLocalFile()) return QStringLiteral("url:") + noteURL.adjusted(QUrl::RemoveFilename).toString();
+    if (!noteURL.isLocalFile())
+        return QStringLiteral("url:") + noteURL.adjusted(QUrl::RemoveFilename).toString();
     return QStringLiteral("file:") + noteURL.host() + u'|' +
            QDir::cleanPath(QFileInfo(noteURL.toLocalFile()).absolutePath());
 }
@@ -79,7 +81,8 @@ QString HTMLRenderCache::cacheKey(const QString& source, const QUrl& noteURL) {
 
 // While an entry holds a copy of the text, the buffer cannot change (Qt copies
 // on write) nor be freed and reused, so the same address means the same text.
-const HTMLRenderCache::Entry* HTMLRenderCache::entryForBuffer(const QString& source, const QString& folder) const {
+const HTMLRenderCache::Entry* HTMLRenderCache::entryForBuffer(const QString& source,
+                                                              const QString& folder) const {
     const auto key = keysByBuffer_.constFind(source.constData());
     if (key == keysByBuffer_.cend()) return nullptr;
     const Entry* entry = entries_.object(*key);
@@ -104,7 +107,8 @@ HTMLRenderResult HTMLRenderCache::prepare(const QString& source, const QUrl& not
     QMutexLocker lock(&mutex_);
     const qsizetype cost = costOf(result, source);
     if (entries_.insert(key, new Entry{result, source, folder}, cost) && !source.isEmpty()) {
-        if (keysByBuffer_.size() > 2 * entries_.size() + 16) keysByBuffer_.clear();  // drop evicted entries' addresses
+        if (keysByBuffer_.size() > 2 * entries_.size() + 16)
+            keysByBuffer_.clear();  // drop evicted entries' addresses
         keysByBuffer_.insert(source.constData(), key);
     }
     return result;

@@ -18,7 +18,8 @@ constexpr qsizetype parserLimit = std::numeric_limits<unsigned int>::max() - 1;
 
 const std::vector<html::ElementPattern>& activeContent() {
     static const auto patterns = html::parseSelectorList(
-        "script, iframe, frame, object, embed, form, input, button, textarea, select, option, base, link[rel=import]");
+        "script, iframe, frame, object, embed, form, input, button, textarea, select, option, base, "
+        "link[rel=import]");
     return patterns;
 }
 
@@ -39,7 +40,8 @@ QString withoutCssEscapes(const QString& css) {
             continue;
         }
         qsizetype end = i + 1;
-        while (end < css.size() && end - i <= 6 && isxdigit(css.at(end).unicode() < 128 ? css.at(end).toLatin1() : 'g'))
+        while (end < css.size() && end - i <= 6 &&
+               isxdigit(css.at(end).unicode() < 128 ? css.at(end).toLatin1() : 'g'))
             ++end;
         if (end == i + 1) {
             plain += css.at(++i);
@@ -66,20 +68,36 @@ enum class Reference { none, loaded, navigated, urlList, candidates, animatedVal
 
 Reference referenceKind(const QByteArray& name) {
     static const QHash<QByteArray, Reference> kinds = {
-        {"src", Reference::loaded},        {"poster", Reference::loaded},       {"background", Reference::loaded},
-        {"data", Reference::loaded},       {"lowsrc", Reference::loaded},       {"dynsrc", Reference::loaded},
-        {"codebase", Reference::loaded},   {"manifest", Reference::loaded},     {"icon", Reference::loaded},
-        {"href", Reference::navigated},    {"xlink:href", Reference::navigated}, {"action", Reference::navigated},
-        {"formaction", Reference::navigated}, {"cite", Reference::navigated},   {"longdesc", Reference::navigated},
-        {"ping", Reference::urlList},      {"srcset", Reference::candidates},   {"imagesrcset", Reference::candidates},
+        {"src", Reference::loaded},
+        {"poster", Reference::loaded},
+        {"background", Reference::loaded},
+        {"data", Reference::loaded},
+        {"lowsrc", Reference::loaded},
+        {"dynsrc", Reference::loaded},
+        {"codebase", Reference::loaded},
+        {"manifest", Reference::loaded},
+        {"icon", Reference::loaded},
+        {"href", Reference::navigated},
+        {"xlink:href", Reference::navigated},
+        {"action", Reference::navigated},
+        {"formaction", Reference::navigated},
+        {"cite", Reference::navigated},
+        {"longdesc", Reference::navigated},
+        {"ping", Reference::urlList},
+        {"srcset", Reference::candidates},
+        {"imagesrcset", Reference::candidates},
         // SVG animations can set an href to a script URL.
-        {"to", Reference::animatedValues}, {"from", Reference::animatedValues}, {"by", Reference::animatedValues},
+        {"to", Reference::animatedValues},
+        {"from", Reference::animatedValues},
+        {"by", Reference::animatedValues},
         {"values", Reference::animatedValues},
     };
     return kinds.value(name, Reference::none);
 }
 
-bool isEventHandler(const QByteArray& name) { return name.size() > 2 && name.startsWith("on") && name != "open"; }
+bool isEventHandler(const QByteArray& name) {
+    return name.size() > 2 && name.startsWith("on") && name != "open";
+}
 
 bool refusesAttribute(const HtmlDocument::Attribute& attribute, const HTMLReferencePolicy& references) {
     const QByteArray& name = attribute.name;
@@ -95,14 +113,18 @@ bool refusesAttribute(const HtmlDocument::Attribute& attribute, const HTMLRefere
         return std::any_of(urls.begin(), urls.end(), [&](const QString& url) { return refused(url, true); });
     };
     switch (kind) {
-        case Reference::none: return false;
-        case Reference::loaded: return refused(value, false);
-        case Reference::navigated: return refused(value, true);
+        case Reference::none:
+            return false;
+        case Reference::loaded:
+            return refused(value, false);
+        case Reference::navigated:
+            return refused(value, true);
         case Reference::urlList: {
             static const QRegularExpression whitespace(QStringLiteral("\\s+"));
             return anyRefused(value.split(whitespace, Qt::SkipEmptyParts));
         }
-        case Reference::candidates: return anyRefused(HTMLReferencePolicy::srcsetURLs(value));
+        case Reference::candidates:
+            return anyRefused(HTMLReferencePolicy::srcsetURLs(value));
         case Reference::animatedValues: {
             const QStringList values = value.split(u';');
             return std::any_of(values.begin(), values.end(),
@@ -145,10 +167,14 @@ QString escapedText(const QString& text) {
     QString escaped;
     escaped.reserve(text.size() + text.size() / 8);
     for (const QChar c : text) {
-        if (c == u'&') escaped += QLatin1String("&amp;");
-        else if (c == u'<') escaped += QLatin1String("&lt;");
-        else if (c == u'>') escaped += QLatin1String("&gt;");
-        else escaped += c;
+        if (c == u'&')
+            escaped += QLatin1String("&amp;");
+        else if (c == u'<')
+            escaped += QLatin1String("&lt;");
+        else if (c == u'>')
+            escaped += QLatin1String("&gt;");
+        else
+            escaped += c;
     }
     return escaped;
 }
@@ -162,16 +188,17 @@ HTMLRenderResult assemble(const HtmlDocument& document, int blockedElements) {
     if (const GumboNode* body = document.body()) {
         result.bodyHTML = document.innerHTML(body);
         for (const HtmlDocument::Attribute& attribute : document.attributes(body)) {
-            result.bodyAttributes.insert(QString::fromUtf8(attribute.name), QString::fromUtf8(attribute.value));
+            result.bodyAttributes.insert(QString::fromUtf8(attribute.name),
+                                         QString::fromUtf8(attribute.value));
             bodyStart += ' ' + attribute.name + "=\"";
             html::appendEscapedAttributeValue(bodyStart, attribute.value);
             bodyStart += '"';
         }
     }
     bodyStart += '>';
-    result.html = QStringLiteral("<!doctype html><html><head>") + HTMLRenderPolicy::policyElement() + result.styleSheet +
-                  result.headHTML + QStringLiteral("</head>") + QString::fromUtf8(bodyStart) + result.bodyHTML +
-                  QStringLiteral("</body></html>");
+    result.html = QStringLiteral("<!doctype html><html><head>") + HTMLRenderPolicy::policyElement() +
+                  result.styleSheet + result.headHTML + QStringLiteral("</head>") +
+                  QString::fromUtf8(bodyStart) + result.bodyHTML + QStringLiteral("</body></html>");
     return result;
 }
 
@@ -179,7 +206,8 @@ HTMLRenderResult assemble(const HtmlDocument& document, int blockedElements) {
 
 const QString& HTMLRenderPolicy::policyElement() {
     static const QString element = QStringLiteral(
-        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; img-src data: file:; media-src "
+        "<meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; img-src data: file:; "
+        "media-src "
         "file: data:; style-src 'unsafe-inline'; font-src data: file:; connect-src 'none'; frame-src 'none'; "
         "object-src 'none'; form-action 'none'; base-uri 'none'\">");
     return element;
@@ -188,8 +216,10 @@ const QString& HTMLRenderPolicy::policyElement() {
 const QString& HTMLRenderPolicy::styleSheet() {
     static const QString sheet = QStringLiteral(
         "<style>:root{color-scheme:light dark}body{margin:0;padding:22px 8px;font:17px -apple-system,"
-        "BlinkMacSystemFont,sans-serif;line-height:1.55;color:CanvasText;background:transparent}img{max-width:100%;"
-        "height:auto}pre,code{font-family:ui-monospace,SFMono-Regular,monospace}a{color:-apple-system-link}</style>");
+        "BlinkMacSystemFont,sans-serif;line-height:1.55;color:CanvasText;background:transparent}img{max-"
+        "width:100%;"
+        "height:auto}pre,code{font-family:ui-monospace,SFMono-Regular,monospace}a{color:-apple-system-link}</"
+        "style>");
     return sheet;
 }
 
@@ -197,7 +227,8 @@ HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& no
     return prepare(source, noteURL, parserLimit);
 }
 
-HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& noteURL, qsizetype largestSource) {
+HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& noteURL,
+                                           qsizetype largestSource) {
     QByteArray utf8 = source.toUtf8();
     if (utf8.size() > largestSource) return textPage(source);
     HtmlDocument document(std::move(utf8));
@@ -208,7 +239,8 @@ HTMLRenderResult HTMLRenderPolicy::prepare(const QString& source, const QUrl& no
 }
 
 QString HTMLRenderPolicy::prepareFragment(const QString& fragment, const QUrl& noteURL) {
-    return prepare(QStringLiteral("<html><body>") + fragment + QStringLiteral("</body></html>"), noteURL).bodyHTML;
+    return prepare(QStringLiteral("<html><body>") + fragment + QStringLiteral("</body></html>"), noteURL)
+        .bodyHTML;
 }
 
 HTMLRenderResult HTMLRenderPolicy::textPage(const QString& source) {

@@ -13,7 +13,9 @@ namespace {
 constexpr size_t removedNodeMark = std::numeric_limits<size_t>::max();
 constexpr unsigned removedAttributeMark = std::numeric_limits<unsigned>::max();
 
-bool isAsciiSpace(char c) { return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f'; }
+bool isAsciiSpace(char c) {
+    return c == ' ' || c == '\t' || c == '\n' || c == '\r' || c == '\f';
+}
 
 QByteArray trimmed(std::string_view text) {
     while (!text.empty() && isAsciiSpace(text.front())) text.remove_prefix(1);
@@ -42,7 +44,8 @@ struct ForeignName {
 
 bool startsForeignName(const QByteArray& bytes, qsizetype at, bool renamedOnly) {
     const char first = bytes.at(at);
-    if (renamedOnly ? first != 'x' : std::string_view("sSmMxX").find(first) == std::string_view::npos) return false;
+    if (renamedOnly ? first != 'x' : std::string_view("sSmMxX").find(first) == std::string_view::npos)
+        return false;
     for (const std::string_view rest : {std::string_view("vg"), std::string_view("ath")}) {
         const auto length = static_cast<qsizetype>(rest.size());
         if (bytes.size() - at - 1 < length) continue;
@@ -58,15 +61,16 @@ std::vector<ForeignName> foreignNames(const QByteArray& bytes, bool renamedOnly)
     for (qsizetype at = bytes.indexOf('<'); at >= 0; at = bytes.indexOf('<', at + 1)) {
         qsizetype name = at + 1;
         if (name < bytes.size() && bytes.at(name) == '/') ++name;
-        if (name < bytes.size() && startsForeignName(bytes, name, renamedOnly)) names.push_back({name, bytes.at(name)});
+        if (name < bytes.size() && startsForeignName(bytes, name, renamedOnly))
+            names.push_back({name, bytes.at(name)});
     }
     return names;
 }
 
 bool isVoidElement(const QByteArray& name) {
     static const std::array<std::string_view, 18> voids = {
-        "area", "base", "basefont", "bgsound", "br", "col", "embed", "frame", "hr",
-        "img", "input", "keygen", "link", "meta", "param", "source", "track", "wbr"};
+        "area", "base",  "basefont", "bgsound", "br",   "col",   "embed",  "frame", "hr",
+        "img",  "input", "keygen",   "link",    "meta", "param", "source", "track", "wbr"};
     const std::string_view view(name.constData(), static_cast<size_t>(name.size()));
     return std::find(voids.begin(), voids.end(), view) != voids.end();
 }
@@ -74,8 +78,13 @@ bool isVoidElement(const QByteArray& name) {
 // Elements whose text the parser read without markup or entities.
 bool isRawTextElement(const GumboNode* element) {
     switch (element->v.element.tag) {
-        case GUMBO_TAG_STYLE: case GUMBO_TAG_SCRIPT: case GUMBO_TAG_XMP: case GUMBO_TAG_IFRAME:
-        case GUMBO_TAG_NOEMBED: case GUMBO_TAG_NOFRAMES: case GUMBO_TAG_PLAINTEXT:
+        case GUMBO_TAG_STYLE:
+        case GUMBO_TAG_SCRIPT:
+        case GUMBO_TAG_XMP:
+        case GUMBO_TAG_IFRAME:
+        case GUMBO_TAG_NOEMBED:
+        case GUMBO_TAG_NOFRAMES:
+        case GUMBO_TAG_PLAINTEXT:
             return true;
         default:
             return false;
@@ -89,13 +98,14 @@ bool startsWithLineBreak(const GumboNode* element, const QByteArray& name) {
     const GumboVector& children = element->v.element.children;
     if (children.length == 0) return false;
     const auto* first = static_cast<const GumboNode*>(children.data[0]);
-    return (first->type == GUMBO_NODE_TEXT || first->type == GUMBO_NODE_WHITESPACE) && first->v.text.text[0] == '\n';
+    return (first->type == GUMBO_NODE_TEXT || first->type == GUMBO_NODE_WHITESPACE) &&
+           first->v.text.text[0] == '\n';
 }
 
 // Comment text that reads back as one comment with the same text.
 bool isPlainCommentData(const QByteArray& data) {
-    return !data.startsWith('>') && !data.startsWith("->") && !data.contains("<!--") && !data.contains("-->") &&
-           !data.contains("--!>") && !data.endsWith("<!-");
+    return !data.startsWith('>') && !data.startsWith("->") && !data.contains("<!--") &&
+           !data.contains("-->") && !data.contains("--!>") && !data.endsWith("<!-");
 }
 
 void appendEscaped(QByteArray& out, const QByteArray& text, bool attribute, bool markup) {
@@ -105,11 +115,16 @@ void appendEscaped(QByteArray& out, const QByteArray& text, bool attribute, bool
         const char c = text.at(i);
         const char* entity = nullptr;
         qsizetype length = 1;
-        if (c == '&' && markup) entity = "&amp;";
-        else if (c == '<') entity = "&lt;";
-        else if (c == '>') entity = "&gt;";
-        else if (c == '"' && attribute) entity = "&quot;";
-        else if (c == '\xC2' && markup && i + 1 < text.size() && text.at(i + 1) == '\xA0') entity = "&nbsp;", length = 2;
+        if (c == '&' && markup)
+            entity = "&amp;";
+        else if (c == '<')
+            entity = "&lt;";
+        else if (c == '>')
+            entity = "&gt;";
+        else if (c == '"' && attribute)
+            entity = "&quot;";
+        else if (c == '\xC2' && markup && i + 1 < text.size() && text.at(i + 1) == '\xA0')
+            entity = "&nbsp;", length = 2;
         if (!entity) continue;
         flush(i);
         out.append(entity);
@@ -137,8 +152,12 @@ const GumboVector* childrenOf(const GumboNode* node) {
     return nullptr;
 }
 
-void appendEscapedText(QByteArray& out, const QByteArray& text) { appendEscaped(out, text, false, true); }
-void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) { appendEscaped(out, value, true, true); }
+void appendEscapedText(QByteArray& out, const QByteArray& text) {
+    appendEscaped(out, text, false, true);
+}
+void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) {
+    appendEscaped(out, value, true, true);
+}
 
 // gumbo reads <path/> inside <svg> as an open element (HTML ignores the slash)
 // and then closes the innermost unknown element at </svg>, not the <svg>: what
@@ -162,15 +181,19 @@ QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
         qsizetype end = nameEnd;
         for (char quote = 0; end < size; ++end) {
             const char c = input.at(end);
-            if (quote) quote = c == quote ? 0 : quote;
-            else if (c == '"' || c == '\'') quote = c;
-            else if (c == '>') break;
+            if (quote)
+                quote = c == quote ? 0 : quote;
+            else if (c == '"' || c == '\'')
+                quote = c;
+            else if (c == '>')
+                break;
         }
         if (end >= size) break;
         const qsizetype length = nameEnd - nameStart;
         const bool selfClosing = input.at(end - 1) == '/';
         const auto named = [&](const char* foreign) {
-            return length == qsizetype(qstrlen(foreign)) && qstrnicmp(input.constData() + nameStart, foreign, size_t(length)) == 0;
+            return length == qsizetype(qstrlen(foreign)) &&
+                   qstrnicmp(input.constData() + nameStart, foreign, size_t(length)) == 0;
         };
         if (named("xvg") || named("xath")) {  // <svg> and <math>, as withoutForeignContent renamed them
             if (!selfClosing) foreignDepth = std::max(0, foreignDepth + (closing ? -1 : 1));
@@ -191,7 +214,9 @@ void HtmlDocument::remove(const GumboNode* node) {
     const_cast<GumboNode*>(node)->index_within_parent = removedNodeMark;  // the tree is this document's own
 }
 
-bool HtmlDocument::isRemoved(const GumboNode* node) { return node->index_within_parent == removedNodeMark; }
+bool HtmlDocument::isRemoved(const GumboNode* node) {
+    return node->index_within_parent == removedNodeMark;
+}
 
 void HtmlDocument::removeAttribute(const GumboAttribute* attribute) {
     const_cast<GumboAttribute*>(attribute)->value_end.line = removedAttributeMark;
@@ -227,7 +252,8 @@ std::vector<const GumboNode*> HtmlDocument::select(const GumboNode* from,
 
 bool HtmlDocument::matches(const GumboNode* element, const ElementPattern& pattern) const {
     const GumboTag tag = element->v.element.tag;
-    if (pattern.gumboTag != GUMBO_TAG_UNKNOWN ? tag != pattern.gumboTag : tagName(element) != pattern.tag) return false;
+    if (pattern.gumboTag != GUMBO_TAG_UNKNOWN ? tag != pattern.gumboTag : tagName(element) != pattern.tag)
+        return false;
     if (pattern.attribute.isEmpty()) return true;
     for (const Attribute& attribute : attributes(element)) {
         if (attribute.name != pattern.attribute) continue;
@@ -291,7 +317,9 @@ QByteArray HtmlDocument::textData(const GumboNode* node, bool parentIsRawText) c
     return decoded(text.text, text.original_text);
 }
 
-QByteArray HtmlDocument::tagName(const GumboNode* element) const { return writtenName(element, false); }
+QByteArray HtmlDocument::tagName(const GumboNode* element) const {
+    return writtenName(element, false);
+}
 
 // Inside <svg> and <math> the parser read HTML rules and may have renamed an
 // element (<image> becomes <img>); there the author's name is written.
@@ -313,7 +341,8 @@ QString HtmlDocument::text(const GumboNode* element) const {
     while (!pending.empty()) {
         const GumboNode* node = pending.back();
         pending.pop_back();
-        if (node->type == GUMBO_NODE_TEXT || node->type == GUMBO_NODE_WHITESPACE || node->type == GUMBO_NODE_CDATA) {
+        if (node->type == GUMBO_NODE_TEXT || node->type == GUMBO_NODE_WHITESPACE ||
+            node->type == GUMBO_NODE_CDATA) {
             const GumboNode* parent = node->parent;
             text += textData(node, parent && isElement(parent) && isRawTextElement(parent));
             continue;
@@ -332,10 +361,10 @@ QString HtmlDocument::text(const GumboNode* element) const {
 struct HtmlDocument::Frame {
     const GumboNode* node;
     unsigned next = 0;
-    QByteArray endTag;        // the name to close, or nothing
-    bool foreign = false;     // inside <svg> or <math>
-    bool inertText = false;   // a browser may read the content as raw text or as markup
-    bool rawText = false;     // the text children are written as they stand
+    QByteArray endTag;       // the name to close, or nothing
+    bool foreign = false;    // inside <svg> or <math>
+    bool inertText = false;  // a browser may read the content as raw text or as markup
+    bool rawText = false;    // the text children are written as they stand
 };
 
 QString HtmlDocument::innerHTML(const GumboNode* element) const {
@@ -344,7 +373,8 @@ QString HtmlDocument::innerHTML(const GumboNode* element) const {
     out.reserve(parsed_.bytes().size());
     std::vector<Frame> stack;
     const QByteArray name = tagName(element);
-    stack.push_back({element, 0, {}, name == "svg" || name == "math", name == "noscript", isRawTextElement(element)});
+    stack.push_back(
+        {element, 0, {}, name == "svg" || name == "math", name == "noscript", isRawTextElement(element)});
     while (!stack.empty()) {
         Frame& frame = stack.back();
         const GumboVector* children = childrenOf(frame.node);
@@ -366,16 +396,21 @@ void HtmlDocument::appendChild(QByteArray& out, std::vector<Frame>& stack, const
         case GUMBO_NODE_WHITESPACE:
         case GUMBO_NODE_CDATA: {
             const QByteArray data = textData(child, parent.rawText);
-            // Inside <svg>, <math> or <noscript> a browser may read <style> as markup: escaping is safe both ways.
-            if (parent.rawText && !parent.inertText) out += data;
-            else appendEscapedText(out, data);
+            // Inside <svg>, <math> or <noscript> a browser may read <style> as markup: escaping is safe both
+            // ways.
+            if (parent.rawText && !parent.inertText)
+                out += data;
+            else
+                appendEscapedText(out, data);
             return;
         }
         case GUMBO_NODE_COMMENT: {
             const QByteArray data = decoded(child->v.text.text, child->v.text.original_text);
             out += "<!--";
-            if (parent.inertText || !isPlainCommentData(data)) appendEscaped(out, data, false, false);
-            else out += data;
+            if (parent.inertText || !isPlainCommentData(data))
+                appendEscaped(out, data, false, false);
+            else
+                out += data;
             out += "-->";
             return;
         }

@@ -47,7 +47,8 @@ class HtmlDocument {
     // Elements at and below `from` still in the document, in document order,
     // template contents included.
     std::vector<const GumboNode*> elements(const GumboNode* from) const;
-    std::vector<const GumboNode*> select(const GumboNode* from, const std::vector<ElementPattern>& patterns) const;
+    std::vector<const GumboNode*> select(const GumboNode* from,
+                                         const std::vector<ElementPattern>& patterns) const;
     bool matches(const GumboNode* element, const ElementPattern& pattern) const;
 
     void remove(const GumboNode* node);
@@ -69,7 +70,8 @@ class HtmlDocument {
     QByteArray decoded(const char* text, const GumboStringPiece& original) const;
     QByteArray textData(const GumboNode* node, bool parentIsRawText) const;
     QByteArray writtenName(const GumboNode* element, bool inForeignContent) const;
-    void appendStartTag(QByteArray& out, const GumboNode* element, const QByteArray& name, bool closesItself) const;
+    void appendStartTag(QByteArray& out, const GumboNode* element, const QByteArray& name,
+                        bool closesItself) const;
     void appendChild(QByteArray& out, std::vector<Frame>& stack, const GumboNode* child) const;
 
     ParsedHtml parsed_;

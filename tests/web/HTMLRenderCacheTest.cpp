@@ -1,11 +1,10 @@
 #include <gtest/gtest.h>
 
-#include "QtPrinting.h"
-
 #include <thread>
 
 #include "HTMLRenderCache.h"
 #include "HTMLRenderPolicy.h"
+#include "QtPrinting.h"
 
 namespace mossly {
 namespace {
@@ -34,7 +33,8 @@ TEST(HTMLRenderCache, PreparesOnceForEachTextAndFolder) {
     const HTMLRenderResult first = cache.prepare(page, noteA);
     EXPECT_EQ(first, HTMLRenderPolicy::prepare(page, noteA));
     EXPECT_EQ(cache.prepare(page, noteA), first);
-    EXPECT_EQ(cache.prepare(QString(page.constData(), page.size()), noteA2), first);  // equal text, another buffer
+    EXPECT_EQ(cache.prepare(QString(page.constData(), page.size()), noteA2),
+              first);  // equal text, another buffer
     EXPECT_EQ(cache.count(), 1);
     cache.prepare(page, noteB);
     EXPECT_EQ(cache.count(), 2);
@@ -70,7 +70,8 @@ TEST(HTMLRenderCache, ThreadsShareOneCache) {
     std::vector<std::thread> threads;
     for (size_t i = 0; i < results.size(); ++i)
         threads.emplace_back([&, i] {
-            for (int round = 0; round < 50; ++round) results[i] = cache.prepare(i % 2 ? page : QString(page), noteA);
+            for (int round = 0; round < 50; ++round)
+                results[i] = cache.prepare(i % 2 ? page : QString(page), noteA);
         });
     for (auto& thread : threads) thread.join();
     for (const auto& result : results) EXPECT_EQ(result, HTMLRenderPolicy::prepare(page, noteA));

@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "QtPrinting.h"
-
 #include <QDir>
 #include <QFile>
 #include <QRandomGenerator>
@@ -10,12 +8,15 @@
 #include "HTMLReferencePolicy.h"
 #include "HTMLRenderPolicy.h"
 #include "HtmlDocument.h"
+#include "QtPrinting.h"
 
 namespace mossly {
 using namespace Qt::StringLiterals;
 namespace {
 
-QString body(const QString& markup, const QUrl& noteURL = {}) { return HTMLRenderPolicy::prepareFragment(markup, noteURL); }
+QString body(const QString& markup, const QUrl& noteURL = {}) {
+    return HTMLRenderPolicy::prepareFragment(markup, noteURL);
+}
 // Markup, what is left of it, and how many elements and attributes went.
 struct Cleaned {
     QString markup;
@@ -41,34 +42,42 @@ TEST(HTMLRenderPolicy, BuildsThePageAroundTheCleanedHeadAndBody) {
         "<body class=\"dark &quot;x&quot;\" onload=\"go()\" data-v=1><p>Hi</p><script>go()</script></body></html>"_s);
     EXPECT_EQ(result.headHTML, u"<title>T</title>");
     EXPECT_EQ(result.bodyHTML, u"<p>Hi</p>");
-    EXPECT_EQ(result.bodyAttributes, (QMap<QString, QString>{{u"class"_s, u"dark \"x\""_s}, {u"data-v"_s, u"1"_s}}));
+    EXPECT_EQ(result.bodyAttributes,
+              (QMap<QString, QString>{{u"class"_s, u"dark \"x\""_s}, {u"data-v"_s, u"1"_s}}));
     EXPECT_EQ(result.styleSheet, HTMLRenderPolicy::styleSheet());
     EXPECT_EQ(result.blockedElements, 2);  // the script and onload; the note's own policy is replaced
-    EXPECT_EQ(result.html,
-              u"<!doctype html><html><head><meta http-equiv=\"Content-Security-Policy\" content=\"default-src 'none'; "
-              "img-src data: file:; media-src file: data:; style-src 'unsafe-inline'; font-src data: file:; "
-              "connect-src 'none'; frame-src 'none'; object-src 'none'; form-action 'none'; base-uri 'none'\">"
-              "<style>:root{color-scheme:light dark}body{margin:0;padding:22px 8px;font:17px -apple-system,"
-              "BlinkMacSystemFont,sans-serif;line-height:1.55;color:CanvasText;background:transparent}img{max-width:"
-              "100%;height:auto}pre,code{font-family:ui-monospace,SFMono-Regular,monospace}a{color:-apple-system-link}"
-              "</style><title>T</title></head><body class=\"dark &quot;x&quot;\" data-v=\"1\"><p>Hi</p></body></html>"_s);
+    EXPECT_EQ(
+        result.html,
+        u"<!doctype html><html><head><meta http-equiv=\"Content-Security-Policy\" content=\"default-src "
+        u"'none'; "
+        "img-src data: file:; media-src file: data:; style-src 'unsafe-inline'; font-src data: file:; "
+        "connect-src 'none'; frame-src 'none'; object-src 'none'; form-action 'none'; base-uri 'none'\">"
+        "<style>:root{color-scheme:light dark}body{margin:0;padding:22px 8px;font:17px -apple-system,"
+        "BlinkMacSystemFont,sans-serif;line-height:1.55;color:CanvasText;background:transparent}img{max-"
+        "width:"
+        "100%;height:auto}pre,code{font-family:ui-monospace,SFMono-Regular,monospace}a{color:-apple-system-"
+        "link}"
+        "</style><title>T</title></head><body class=\"dark &quot;x&quot;\" data-v=\"1\"><p>Hi</p></body></html>"_s);
 }
 
 TEST(HTMLRenderPolicy, SourceThatCannotBeParsedIsShownAsEscapedText) {
     const QString source = u"<p class=\"a\">x & y</p>"_s;
     const auto result = HTMLRenderPolicy::prepare(source, {}, 10);
     EXPECT_EQ(result, HTMLRenderPolicy::textPage(source));
-    EXPECT_EQ(result.html, u"<!doctype html><html><head></head><body><pre>&lt;p class=\"a\"&gt;x &amp; y&lt;/p&gt;</pre>"
-                           "</body></html>"_s);
+    EXPECT_EQ(result.html,
+              u"<!doctype html><html><head></head><body><pre>&lt;p class=\"a\"&gt;x &amp; y&lt;/p&gt;</pre>"
+              "</body></html>"_s);
     EXPECT_EQ(result.blockedElements, 0);
     EXPECT_EQ(HTMLRenderPolicy::prepare(source, {}, source.size()).bodyHTML, u"<p class=\"a\">x &amp; y</p>");
 }
 
 TEST(HTMLRenderPolicy, RemovesActiveContentCountingEveryElement) {
-    EXPECT_EQ(body(u"<form><input><button>b</button><select><option>o</option></select><textarea>t</textarea></form>"
-                   "<iframe src=a.html></iframe><object data=a.swf><embed src=a.swf></object><base href=/>"
-                   "<link rel=import href=a.html><link rel=stylesheet href=a.css><p>kept</p>"_s),
-              u"<link rel=\"stylesheet\"><p>kept</p>");  // no note location: a.css is blocked too
+    EXPECT_EQ(
+        body(
+            u"<form><input><button>b</button><select><option>o</option></select><textarea>t</textarea></form>"
+            "<iframe src=a.html></iframe><object data=a.swf><embed src=a.swf></object><base href=/>"
+            "<link rel=import href=a.html><link rel=stylesheet href=a.css><p>kept</p>"_s),
+        u"<link rel=\"stylesheet\"><p>kept</p>");  // no note location: a.css is blocked too
     EXPECT_EQ(blocked(u"<form><input><button>b</button><select><option>o</option></select></form>"_s), 5);
     EXPECT_EQ(body(u"<svg><script>alert(1)</script><a xlink:href=\"javascript:alert(1)\">x</a></svg>"_s),
               u"<svg><a>x</a></svg>");
@@ -90,26 +99,39 @@ TEST(HTMLRenderPolicy, RemovesRemoteLoadsAndKeepsInlineOnes) {
          "<p style='background-image:image-set(\"https://x/a.png\" 1x)'>b</p><p style='content:\"\\\\\"'>c</p>"_s,
          u"<p>a</p><p>b</p><p style=\"content:&quot;\\\\&quot;\">c</p>"_s, 3},
     });
-    for (const char* remote : {"HTTP://x/a.png", "ftp://x/a", "wss://x", " https://x", "//x/a.png", "\\\\x\\a.png"})
-        EXPECT_EQ(body(QString::fromUtf8(remote).prepend(u"<video poster=\"").append(u"\"></video>")), u"<video></video>")
+    for (const char* remote :
+         {"HTTP://x/a.png", "ftp://x/a", "wss://x", " https://x", "//x/a.png", "\\\\x\\a.png"})
+        EXPECT_EQ(body(QString::fromUtf8(remote).prepend(u"<video poster=\"").append(u"\"></video>")),
+                  u"<video></video>")
             << remote;
 }
 
 TEST(HTMLRenderPolicy, RemovesScriptURLsHoweverTheyAreSpelled) {
-    const char* const spellings[] = {
-        "javascript:alert(1)", "JaVaScRiPt:alert(1)", "&#106;avascript:alert(1)", "java\tscript:alert(1)",
-        "java&#x0A;scr&#x0D;ipt:alert(1)", "&#x01; javascript:alert(1)", "javascript&colon;alert(1)", "vbscript:x",
-        "data:text/html,<script>x</script>", "data:text/html;base64,PHNjcmlwdD4=", "DATA: Text/HTML ;charset=utf-8,x",
-        "data:application/xhtml+xml,x", "data:image/svg+xml,<svg onload=x>"};
+    const char* const spellings[] = {"javascript:alert(1)",
+                                     "JaVaScRiPt:alert(1)",
+                                     "&#106;avascript:alert(1)",
+                                     "java\tscript:alert(1)",
+                                     "java&#x0A;scr&#x0D;ipt:alert(1)",
+                                     "&#x01; javascript:alert(1)",
+                                     "javascript&colon;alert(1)",
+                                     "vbscript:x",
+                                     "data:text/html,<script>x</script>",
+                                     "data:text/html;base64,PHNjcmlwdD4=",
+                                     "DATA: Text/HTML ;charset=utf-8,x",
+                                     "data:application/xhtml+xml,x",
+                                     "data:image/svg+xml,<svg onload=x>"};
     for (const char* spelling : spellings) {
         const QString markup = u"<a href=\""_s + QString::fromUtf8(spelling) + u"\">x</a>"_s;
         EXPECT_EQ(body(markup), u"<a>x</a>") << spelling;
         EXPECT_EQ(blocked(markup), 1) << spelling;
     }
-    EXPECT_EQ(body(u"<button formaction=javascript:x>b</button><a href=mailto:a@b.c>m</a><a href=#top>t</a>"_s),
-              u"<a href=\"mailto:a@b.c\">m</a><a href=\"#top\">t</a>");
-    EXPECT_EQ(body(u"<svg><set attributeName=href to=javascript:alert(1) /><animate values=\"#a;javascript:x\"/></svg>"_s),
-              u"<svg><set attributename=\"href\"/><animate/></svg>");
+    EXPECT_EQ(
+        body(u"<button formaction=javascript:x>b</button><a href=mailto:a@b.c>m</a><a href=#top>t</a>"_s),
+        u"<a href=\"mailto:a@b.c\">m</a><a href=\"#top\">t</a>");
+    EXPECT_EQ(
+        body(
+            u"<svg><set attributeName=href to=javascript:alert(1) /><animate values=\"#a;javascript:x\"/></svg>"_s),
+        u"<svg><set attributename=\"href\"/><animate/></svg>");
 }
 
 TEST(HTMLRenderPolicy, RemovesEventHandlersAndOtherReferences) {
@@ -141,7 +163,9 @@ class HTMLFileReferences : public ::testing::Test {
         return body(u"<img src=\""_s + reference.toHtmlEscaped() + u"\">"_s, note) != u"<img>";
     }
     bool kept(const QString& reference) { return kept(reference, noteURL); }
-    QString fileURL(const QString& relative) { return QUrl::fromLocalFile(root.filePath(relative)).toString(); }
+    QString fileURL(const QString& relative) {
+        return QUrl::fromLocalFile(root.filePath(relative)).toString();
+    }
 
     QTemporaryDir root;
     QUrl noteURL;
@@ -157,11 +181,11 @@ TEST_F(HTMLFileReferences, FilesInTheNotesFolderAreKept) {
 
 TEST_F(HTMLFileReferences, FilesOutsideTheNotesFolderAreBlocked) {
     for (const QString& reference :
-         {u"../outside/a.png"_s, u"img/../../outside/a.png"_s, u"%2e%2e/outside/a.png"_s, u".%2E/outside/a.png"_s,
-          u"img%2f..%2f..%2foutside/a.png"_s, u"..\\outside\\a.png"_s, u"/etc/passwd"_s, u"../notes2/a.png"_s,
-          fileURL(u"notes2/a.png"_s), fileURL(u"outside/a.png"_s), u"file:///etc/passwd"_s,
-          u"file://server/share/a.png"_s, u"file:img/a.png"_s, u"escape/a.png"_s, u"img/%00/a.png"_s,
-          u"img/"_s + QString(5000, u'a')})
+         {u"../outside/a.png"_s, u"img/../../outside/a.png"_s, u"%2e%2e/outside/a.png"_s,
+          u".%2E/outside/a.png"_s, u"img%2f..%2f..%2foutside/a.png"_s, u"..\\outside\\a.png"_s,
+          u"/etc/passwd"_s, u"../notes2/a.png"_s, fileURL(u"notes2/a.png"_s), fileURL(u"outside/a.png"_s),
+          u"file:///etc/passwd"_s, u"file://server/share/a.png"_s, u"file:img/a.png"_s, u"escape/a.png"_s,
+          u"img/%00/a.png"_s, u"img/"_s + QString(5000, u'a')})
         EXPECT_FALSE(kept(reference)) << qPrintable(reference);
 }
 
@@ -186,10 +210,12 @@ void expectInert(const QString& html, const QString& markup) {
     static const QByteArrayList active = {"script", "iframe", "frame", "object", "embed", "form", "base"};
     html::HtmlDocument reparsed(html.toUtf8());
     for (const GumboNode* element : reparsed.elements(reparsed.root())) {
-        EXPECT_FALSE(active.contains(reparsed.tagName(element))) << qPrintable(markup) << "\n" << qPrintable(html);
+        EXPECT_FALSE(active.contains(reparsed.tagName(element))) << qPrintable(markup) << "\n"
+                                                                 << qPrintable(html);
         for (const auto& attribute : reparsed.attributes(element)) {
             EXPECT_FALSE(attribute.name.startsWith("on")) << qPrintable(markup) << "\n" << qPrintable(html);
-            EXPECT_FALSE(HTMLReferencePolicy::runsScript(QString::fromUtf8(attribute.value), true)) << qPrintable(markup);
+            EXPECT_FALSE(HTMLReferencePolicy::runsScript(QString::fromUtf8(attribute.value), true))
+                << qPrintable(markup);
         }
     }
 }
@@ -202,13 +228,41 @@ QString withNoscriptAsRawText(QString html) {
 
 // Hostile pieces; whatever their mix, nothing active survives preparation, however <noscript> is read.
 TEST(HTMLRenderPolicy, GeneratedHostileMarkupComesOutInert) {
-    static const char* const pieces[] = {
-        "<script>alert(1)</script>", "<svg>", "</svg>", "<math>", "<mtext>", "<table>", "<mglyph>", "<style>",
-        "</style>", "<noscript>", "</noscript>", "<p title=\"</noscript><img src=x onerror=alert(1)>\">",
-        "<!-- </noscript><img src=x onerror=alert(1)> -->", "<![CDATA[", "]]>", "<a href=\"java&#x09;script:x\">",
-        "<img src=x onerror=alert(1)>", "<iframe srcdoc=\"<script>x</script>\">", "<template>", "</template>",
-        "<image href=javascript:x>", "<xmp>", "</xmp>", "<b>", "</p>", "\"", "'", ">", "<", "<path/>", "<style/>",
-        "<p/>", "<noscript/>", "<title/>", "</style/>"};
+    static const char* const pieces[] = {"<script>alert(1)</script>",
+                                         "<svg>",
+                                         "</svg>",
+                                         "<math>",
+                                         "<mtext>",
+                                         "<table>",
+                                         "<mglyph>",
+                                         "<style>",
+                                         "</style>",
+                                         "<noscript>",
+                                         "</noscript>",
+                                         "<p title=\"</noscript><img src=x onerror=alert(1)>\">",
+                                         "<!-- </noscript><img src=x onerror=alert(1)> -->",
+                                         "<![CDATA[",
+                                         "]]>",
+                                         "<a href=\"java&#x09;script:x\">",
+                                         "<img src=x onerror=alert(1)>",
+                                         "<iframe srcdoc=\"<script>x</script>\">",
+                                         "<template>",
+                                         "</template>",
+                                         "<image href=javascript:x>",
+                                         "<xmp>",
+                                         "</xmp>",
+                                         "<b>",
+                                         "</p>",
+                                         "\"",
+                                         "'",
+                                         ">",
+                                         "<",
+                                         "<path/>",
+                                         "<style/>",
+                                         "<p/>",
+                                         "<noscript/>",
+                                         "<title/>",
+                                         "</style/>"};
     QRandomGenerator random(4);
     for (int round = 0; round < 1000; ++round) {
         QString markup;

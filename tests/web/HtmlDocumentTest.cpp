@@ -1,10 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "QtPrinting.h"
-
 #include <QRandomGenerator>
 
 #include "HtmlDocument.h"
+#include "QtPrinting.h"
 
 namespace mossly::html {
 namespace {
@@ -14,7 +13,9 @@ QString bodyOf(const QByteArray& page) {
     return document.innerHTML(document.body());
 }
 
-QString fragment(const char* markup) { return bodyOf(QByteArray("<body>") + markup); }
+QString fragment(const char* markup) {
+    return bodyOf(QByteArray("<body>") + markup);
+}
 
 // Markup and what the serialiser must write for it.
 using Written = std::pair<const char*, const char16_t*>;
@@ -49,7 +50,8 @@ TEST(HtmlSerialiser, ForeignContentKeepsItsNamesAndEscapesWhatABrowserReadsAsMar
          u"<svg viewbox=\"0 0 1 1\"><path d=\"M0\"/><path d=\"M1\"/></svg>"},
         {"<math><mi>x</mi></MATH>", u"<math><mi>x</mi></math>"},
         // What follows a self-closed element stays outside it, and outside the <svg>.
-        {"<svg><g><circle r='1'/><polygon points='0,0 1,1'/></g><path d='M0'/></svg><p>after</p><style>a>b{}</style>",
+        {"<svg><g><circle r='1'/><polygon points='0,0 1,1'/></g><path "
+         "d='M0'/></svg><p>after</p><style>a>b{}</style>",
          u"<svg><g><circle r=\"1\"/><polygon points=\"0,0 1,1\"/></g><path d=\"M0\"/></svg><p>after</p>"
          u"<style>a>b{}</style>"},
         // In <svg>, <style> is an element with markup inside: its text is escaped, and the self-closing
@@ -66,14 +68,16 @@ TEST(HtmlSerialiser, ForeignContentKeepsItsNamesAndEscapesWhatABrowserReadsAsMar
 TEST(HtmlSerialiser, SvgAndMathInsideTextsStayAsTheAuthorWroteThem) {
     EXPECT_EQ(fragment("<p title='<svg> and </MATH>'>&lt;svg&gt; <!-- <svg> --></p>"),
               u"<p title=\"&lt;svg&gt; and &lt;/MATH&gt;\">&lt;svg&gt; <!-- <svg> --></p>");
-    EXPECT_EQ(bodyOf("<title><svg></title><body><style>/* </svg> */</style>"), u"<style>/* </svg> */</style>");
+    EXPECT_EQ(bodyOf("<title><svg></title><body><style>/* </svg> */</style>"),
+              u"<style>/* </svg> */</style>");
     HtmlDocument document("<title>a <svg> b</title>");
     EXPECT_EQ(document.innerHTML(document.head()), u"<title>a &lt;svg&gt; b</title>");
 }
 
 TEST(HtmlSerialiser, NoscriptContentCannotEndTheNoscriptElement) {
-    const QString html = fragment("<noscript><!-- </noscript><img src=x onerror=y> --><style></noscript><i></style>"
-                                  "</noscript>");
+    const QString html = fragment(
+        "<noscript><!-- </noscript><img src=x onerror=y> --><style></noscript><i></style>"
+        "</noscript>");
     EXPECT_EQ(html.count(u"</noscript"), html.count(u"<noscript"));
     EXPECT_FALSE(html.contains(u"<img"));
     EXPECT_FALSE(html.contains(u"<i>"));
@@ -81,9 +85,11 @@ TEST(HtmlSerialiser, NoscriptContentCannotEndTheNoscriptElement) {
 
 TEST(HtmlDocument, SelectsRemovesAndReadsText) {
     HtmlDocument document(
-        "<head><meta http-equiv=refresh content=1><meta charset=utf-8><link rel=IMPORT href=a><link rel=stylesheet>"
+        "<head><meta http-equiv=refresh content=1><meta charset=utf-8><link rel=IMPORT href=a><link "
+        "rel=stylesheet>"
         "</head><body><div id=a>one <b>two</b><script>three</script></div><div>four</div>");
-    const auto selected = document.select(document.root(), parseSelectorList("meta[http-equiv], link[rel=import], b"));
+    const auto selected =
+        document.select(document.root(), parseSelectorList("meta[http-equiv], link[rel=import], b"));
     ASSERT_EQ(selected.size(), 3u);
     EXPECT_EQ(document.tagName(selected[0]), "meta");
     EXPECT_EQ(document.tagName(selected[1]), "link");
@@ -112,11 +118,18 @@ TEST(HtmlDocument, DeepNestingNeedsNoStack) {
 // Random well-formed markup (no foreign content: there the parser reads HTML
 // rules, so <style> in <svg> reads differently from a browser).
 QByteArray generatedMarkup(QRandomGenerator& random) {
-    static const char* const blocks[] = {"div class=\"a b\"", "blockquote", "ul", "table", "p", "h2", "pre", "template", "style"};
-    static const char* const inlines[] = {"b", "i", "span title='x \"y\" &amp; <z>'", "a href=\"#top\"", "em"};
-    static const char* const leaves[] = {"text", " & ", "&lt;tag&gt;", "&nbsp;", "\xC3\xA9", "<br>", "<img alt=\"&nbsp;\">",
-                                         "<!-- comment -->", "\n"};
-    struct Open { QByteArray name; bool takesBlocks; bool inLink; };
+    static const char* const blocks[] = {"div class=\"a b\"", "blockquote", "ul", "table", "p", "h2", "pre",
+                                         "template",          "style"};
+    static const char* const inlines[] = {"b", "i", "span title='x \"y\" &amp; <z>'", "a href=\"#top\"",
+                                          "em"};
+    static const char* const leaves[] = {"text",     " & ",  "&lt;tag&gt;",          "&nbsp;",
+                                         "\xC3\xA9", "<br>", "<img alt=\"&nbsp;\">", "<!-- comment -->",
+                                         "\n"};
+    struct Open {
+        QByteArray name;
+        bool takesBlocks;
+        bool inLink;
+    };
     std::vector<Open> open{{"body", true, false}};
     QByteArray markup;
     const auto push = [&](const QByteArray& tag, bool takesBlocks) {
@@ -127,16 +140,20 @@ QByteArray generatedMarkup(QRandomGenerator& random) {
         const int choice = random.bounded(10);
         if (choice < 2 && open.back().takesBlocks) {
             const QByteArray block = blocks[random.bounded(int(std::size(blocks)))];
-            if (block == "ul") markup += "<ul>", open.push_back({"ul", false, open.back().inLink}), push("li", true);
+            if (block == "ul")
+                markup += "<ul>", open.push_back({"ul", false, open.back().inLink}), push("li", true);
             else if (block == "table") {
                 markup += "<table><tbody><tr>";
                 open.push_back({"table", false, false});
                 open.push_back({"tbody", false, false});
                 open.push_back({"tr", false, false});
                 push("td", true);
-            } else if (block == "pre" && random.bounded(2)) markup += "<pre>\n\nx</pre>";
-            else if (block == "style") markup += "<style>p>b{}</style>";
-            else push(block, block == "div class=\"a b\"" || block == "blockquote" || block == "template");
+            } else if (block == "pre" && random.bounded(2))
+                markup += "<pre>\n\nx</pre>";
+            else if (block == "style")
+                markup += "<style>p>b{}</style>";
+            else
+                push(block, block == "div class=\"a b\"" || block == "blockquote" || block == "template");
         } else if (choice < 4) {
             const QByteArray tag = inlines[random.bounded(int(std::size(inlines)))];
             if (!(tag.startsWith("a ") && open.back().inLink)) push(tag, false);

@@ -1,15 +1,14 @@
 #include <gtest/gtest.h>
 
-#include "QtPrinting.h"
-
 #include <QBuffer>
 #include <QDir>
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <QTemporaryDir>
 
-#include "HtmlPageCommand.h"
 #include "HTMLRenderPolicy.h"
+#include "HtmlPageCommand.h"
+#include "QtPrinting.h"
 
 namespace mossly {
 namespace {
@@ -49,12 +48,13 @@ TEST(HtmlPageCommand, JsonHoldsEveryField) {
     const CommandRun result = run({u"--json"_s, u"--fragment"_s}, "<p onclick=x>Hi</p>");
     ASSERT_EQ(result.exitCode, 0);
     const QJsonObject json = QJsonDocument::fromJson(result.out.toUtf8()).object();
-    EXPECT_EQ(json.keys(), (QStringList{u"blockedElements"_s, u"bodyAttributes"_s, u"bodyHTML"_s, u"headHTML"_s,
-                                        u"html"_s, u"styleSheet"_s}));
+    EXPECT_EQ(json.keys(), (QStringList{u"blockedElements"_s, u"bodyAttributes"_s, u"bodyHTML"_s,
+                                        u"headHTML"_s, u"html"_s, u"styleSheet"_s}));
     EXPECT_EQ(json[u"bodyHTML"_s].toString(), u"<p>Hi</p>");
     EXPECT_EQ(json[u"blockedElements"_s].toInt(), 1);
     EXPECT_EQ(json[u"styleSheet"_s].toString(), HTMLRenderPolicy::styleSheet());
-    const QJsonObject attributes = QJsonDocument::fromJson(run({u"--json"_s}, "<body class=c>").out.toUtf8()).object();
+    const QJsonObject attributes =
+        QJsonDocument::fromJson(run({u"--json"_s}, "<body class=c>").out.toUtf8()).object();
     EXPECT_EQ(attributes[u"bodyAttributes"_s].toObject()[u"class"_s].toString(), u"c");
 }
 
@@ -72,9 +72,8 @@ TEST(HtmlPageCommand, NoteLocationRelativeToTheCurrentFolderLetsLocalFilesStay) 
 }
 
 TEST(HtmlPageCommand, BadUsageExitsWithTwo) {
-    for (const QStringList& arguments :
-         {QStringList{u"--note"_s}, QStringList{u"--bogus"_s}, QStringList{u"page.html"_s},
-          QStringList{u"--note"_s, u""_s}}) {
+    for (const QStringList& arguments : {QStringList{u"--note"_s}, QStringList{u"--bogus"_s},
+                                         QStringList{u"page.html"_s}, QStringList{u"--note"_s, u""_s}}) {
         const CommandRun result = run(arguments, "<p>x</p>");
         EXPECT_EQ(result.exitCode, 2) << qPrintable(arguments.join(u' '));
         EXPECT_EQ(result.out, u"");
