@@ -164,6 +164,20 @@ void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) {
 // follows an icon would land inside it. In the parser's copy such elements
 // become the void <wbr> padded with spaces, so every offset still matches;
 // their names are read from the author's text.
+// Elements an HTML parser reads text into until their end tag. Inside <svg> a
+// browser closes <style/> at once, but after a <b> or <p> it has left the
+// <svg> and reads raw text: these keep the parser's HTML reading and are
+// always written with their end tag, so both readings end where they do.
+bool readsTextUntilEndTag(QByteArrayView name) {
+    static const std::array<std::string_view, 10> names = {"style",    "script",   "xmp",      "iframe",
+                                                           "noembed",  "noframes", "noscript", "plaintext",
+                                                           "textarea", "title"};
+    return std::any_of(names.begin(), names.end(), [&](std::string_view candidate) {
+        return qsizetype(candidate.size()) == name.size() &&
+               qstrnicmp(candidate.data(), name.data(), candidate.size()) == 0;
+    });
+}
+
 QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
     int foreignDepth = 0;
     const qsizetype size = input.size();
@@ -197,7 +211,8 @@ QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
         };
         if (named("xvg") || named("xath")) {  // <svg> and <math>, as withoutForeignContent renamed them
             if (!selfClosing) foreignDepth = std::max(0, foreignDepth + (closing ? -1 : 1));
-        } else if (!closing && selfClosing && foreignDepth > 0 && length >= 3) {
+        } else if (!closing && selfClosing && foreignDepth > 0 && length >= 3 &&
+                   !readsTextUntilEndTag(QByteArrayView(input).sliced(nameStart, length))) {
             input.replace(nameStart, length, QByteArray("wbr").leftJustified(length, ' '));
         }
         at = end;
@@ -425,6 +440,7 @@ void HtmlDocument::appendChild(QByteArray& out, std::vector<Frame>& stack, const
                 // The parser read <path/> inside <svg> as an open element holding what follows; a browser
                 // closes it there, so it is written closed and what the parser put inside follows it.
                 const bool closesItself = frame.foreign && !isVoidElement(name) &&
+                                          !readsTextUntilEndTag(name) &&
                                           originalBytes(child->v.element.original_tag).endsWith("/>");
                 appendStartTag(out, child, name, closesItself);
                 if (isVoidElement(name)) return;

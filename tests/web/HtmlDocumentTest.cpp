@@ -54,10 +54,12 @@ TEST(HtmlSerialiser, ForeignContentKeepsItsNamesAndEscapesWhatABrowserReadsAsMar
          "d='M0'/></svg><p>after</p><style>a>b{}</style>",
          u"<svg><g><circle r=\"1\"/><polygon points=\"0,0 1,1\"/></g><path d=\"M0\"/></svg><p>after</p>"
          u"<style>a>b{}</style>"},
-        // In <svg>, <style> is an element with markup inside: its text is escaped, and the self-closing
-        // <style/> does not swallow what follows.
+        // In <svg>, <style> is an element with markup inside: its text is escaped.
         {"<svg><style>a>b{}</style></svg>", u"<svg><style>a&gt;b{}</style></svg>"},
-        {"<svg><style/><b>x</b></style></svg>", u"<svg><style/><b>x</b></svg>"},
+        // A browser that has left the <svg> (after a <b>) reads <style/> as raw text up to </style>: the
+        // text stays text and the end tag is written, so no reading can end it elsewhere.
+        {"<svg><b><style/></b></svg><!-- </style><i>",
+         u"<svg><b><style>&lt;/b&gt;&lt;/svg&gt;&lt;!-- </style><i></i></b></svg>"},
         // The parser saw <image> as <img>; inside <svg> the author's name is written.
         {"<svg><image href='a.png'/></svg>", u"<svg><image href=\"a.png\"/></svg>"},
         // CDATA is a comment outside foreign content, escaped so it cannot end early.
