@@ -2,6 +2,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <cstdio>
+#include <unistd.h>
 
 #include "AppIcon.h"
 #include "AppLifecycle.h"
@@ -27,6 +28,13 @@ Result<QString> notesDirectory(const QCommandLineParser& parser, const QCommandL
 }  // namespace
 
 int main(int argc, char** argv) {
+    // HTML notes are shown in Qt WebEngine, which needs this before the application exists.
+    QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    // Chromium's sandbox cannot start as root; HTML notes are shown with scripts
+    // off and every request refused but the note's own files either way.
+    if (geteuid() == 0 && qEnvironmentVariableIsEmpty("QTWEBENGINE_DISABLE_SANDBOX")) {
+        qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
+    }
     QApplication app(argc, argv);
     QApplication::setApplicationName(QStringLiteral("Mossly"));
     QApplication::setOrganizationDomain(QStringLiteral("com.bellam.notes"));

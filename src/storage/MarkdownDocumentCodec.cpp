@@ -26,7 +26,8 @@ struct SplitText {
 };
 
 // An editor's name never breaks its line, whatever a caller passes: a line
-// break there would let a name forge other metadata lines.
+// break there would let a name forge other metadata lines. Names are read the
+// same way, so a file written elsewhere reads as it will be written back.
 QString singleLine(QString value) {
     for (QChar& c : value) {
         const auto category = c.category();
@@ -40,7 +41,10 @@ QString singleLine(QString value) {
 
 SplitText splitFrontMatter(const QString& text) {
     if (!text.startsWith(openingDelimiter)) return {false, {}, text};
-    // The closing line comes after the opening line: "---\n---\n" is two rules of the body, not an empty block.
+    // Two rules at the top are the body's, whatever follows: a block never holds
+    // a "---" line, and reading one as its first line would hide the user's
+    // lines up to the next rule and move them on the next write.
+    if (QStringView(text).sliced(openingDelimiter.size()).startsWith(openingDelimiter)) return {false, {}, text};
     const qsizetype close = text.indexOf(closingDelimiter, openingDelimiter.size());
     if (close < 0) return {false, {}, text};
     const qsizetype start = openingDelimiter.size();
@@ -152,13 +156,14 @@ NoteDocumentPayload MarkdownDocumentCodec::decode(const QString& text) const {
         const QString key = colon < 0 ? QString() : line.left(colon).trimmed();
         const QString value = colon < 0 ? QString() : line.mid(colon + 1).trimmed();
         if (colon >= 0 && key == NoteDocument::createdByKey) {
-            payload.createdBy = NoteEditor::fromStoredValue(value);
+            payload.createdBy = NoteEditor::fromStoredValue(singleLine(value));
         } else if (colon >= 0 && key == NoteDocument::lastEditedByKey) {
-            payload.lastEditedBy = NoteEditor::fromStoredValue(value);
+            payload.lastEditedBy = NoteEditor::fromStoredValue(singleLine(value));
         } else if (colon >= 0 && key.startsWith(meetingKeyPrefix)) {
             payload.frontMatterFields.insert_or_assign(key, MarkdownDocumentCodec::value(value));
         } else {
-            payload.unrelatedMetadata.append(line);
+            // As it stands, blanks included: trimmed, " ---" would be written as a closing line.
+            payload.unrelatedMetadata.append(rawLine);
         }
     }
     return payload;

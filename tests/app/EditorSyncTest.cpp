@@ -134,19 +134,6 @@ TEST_F(EditorSyncTest, TwoWindowsOnOneNoteStayInStep) {
     ASSERT_TRUE(test::waitUntil([&] { return closing.isNull(); })) << "the window of a trashed note closes";
 }
 
-TEST_F(EditorSyncTest, NonBreakingSpacesSurviveThePlainEditor) {
-    folder.write(QStringLiteral("page.html"), "<p>It is 10\xC2\xA0km away</p>");
-    open();
-    store->select(url("page.html"));
-    PlainNoteEditor* editor = window->editorPane()->editor();
-    ASSERT_EQ(window->editorPane()->currentEditor(), editor);
-    QTextCursor end = editor->textCursor();
-    end.movePosition(QTextCursor::End);
-    editor->setTextCursor(end);
-    QTest::keyClicks(editor, QStringLiteral("!"));
-    EXPECT_EQ(store->body(url("page.html")), QStringLiteral("<p>It is 10\u00A0km away</p>!"));
-}
-
 TEST_F(EditorSyncTest, NotesThatCannotBeReadAreListedNotSilentlyMissing) {
     folder.write(QStringLiteral("fine.md"), "# Fine");
     folder.write(QStringLiteral("latin1.md"), "caf\xe9");

@@ -2,6 +2,7 @@
 
 #include <QTest>
 #include <QTextBlock>
+#include <QAbstractTextDocumentLayout>
 #include <QTextLayout>
 
 #include "AppTestSupport.h"
@@ -60,6 +61,26 @@ TEST_F(MarkdownTextViewTest, WrappedListItemsHangUnderTheirText) {
     };
     EXPECT_NEAR(x(secondLineStart), x(textStart), 3) << "wrapped lines align with the item's text";
     EXPECT_NEAR(x(block.position()), x(0), 3) << "the first line is not pushed right";
+}
+
+// Numbers and checkboxes are drawn at their own width in place of their
+// characters; wrapped lines still start under the item's text.
+TEST_F(MarkdownTextViewTest, WrappedNumberedAndChecklistItemsHangUnderTheirText) {
+    view.resize(320, 500);
+    const QString body = QStringLiteral("the charts, the tide table, rain jackets, the camera and something to read");
+    for (const QString& marker : {QStringLiteral("1. "), QStringLiteral("- [ ] "), QStringLiteral("- [x] ")}) {
+        view.setMarkdown(QStringLiteral("Title\n") + marker + body, {});
+        test::spin(30);
+        const QTextBlock block = view.document()->findBlockByNumber(1);
+        ASSERT_GT(block.layout()->lineCount(), 1);
+        const auto x = [&](int position) {
+            QTextCursor cursor(view.document());
+            cursor.setPosition(position);
+            return view.cursorRect(cursor).left();
+        };
+        const int textStart = block.position() + static_cast<int>(marker.size());
+        EXPECT_NEAR(x(block.position() + block.layout()->lineAt(1).textStart()), x(textStart), 3) << marker.toStdString();
+    }
 }
 
 TEST_F(MarkdownTextViewTest, SuperAndSubscriptsUseTheirOwnSizeAndOffset) {
@@ -146,6 +167,103 @@ TEST_F(MarkdownTextViewTest, FormattingCommandsAreUndoable) {
     view.redo();
     EXPECT_EQ(view.markdown(), QStringLiteral("Title\n1. alpha\n2. beta"));
     EXPECT_GT(view.document()->findBlockByNumber(1).blockFormat().leftMargin(), 0);
+}
+
+TEST_F(MarkdownTextViewTest, TableColumnsAlignAsTheirDelimitersSayAndIgnoreHiddenMarkers) {
+    const QString text = QStringLiteral(
+        "Title\n| Left | Middle | Right |\n|:---|:---:|---:|\n| **wide bold cell** | x | 1 |\n| a | centred text | 12345 |");
+    view.setMarkdown(text, {});
+    test::spin(20);
+    const auto x = [&](int position) {
+        QTextCursor cursor(view.document());
+        cursor.setPosition(position);
+        return view.cursorRect(cursor).left();
+    };
+    const auto cellStart = [&](const QString& cell) { return x(static_cast<int>(text.indexOf(cell))); };
+    const auto cellEnd = [&](const QString& cell) { return x(static_cast<int>(text.indexOf(cell) + cell.size())); };
+    const auto middle = [&](int from, int to) { return (x(from) + x(to)) / 2; };
+    const int one = static_cast<int>(text.indexOf("| 1 |")) + 2;
+    const int cross = static_cast<int>(text.indexOf("| x |")) + 2;
+    // Left: starts line up. Right: ends line up. Centre: middles line up.
+    EXPECT_NEAR(cellStart("Left"), cellStart("a |"), 1.5);
+    EXPECT_NEAR(cellEnd("Right"), cellEnd("12345"), 1.5);
+    EXPECT_NEAR(x(one + 1), cellEnd("12345"), 1.5);
+    const double middleOfHeader = (cellStart("Middle") + cellEnd("Middle")) / 2;
+    EXPECT_NEAR(middle(cross, cross + 1), middleOfHeader, 1.5);
+    EXPECT_NEAR((cellStart("centred text") + cellEnd("centred text")) / 2, middleOfHeader, 1.5);
+    // The bold cell's hidden asterisks take no room: the next column starts right
+    // after its drawn text plus the cell padding, not four asterisks later.
+    const double boldEnd = cellEnd("wide bold cell");
+    const double nextColumn = std::min(cellStart("Middle"), cellStart("centred text"));
+    EXPECT_LT(nextColumn - boldEnd, QFontMetricsF(view.font()).horizontalAdvance(u' ') * 2 + 1.5);
+}
+
+TEST_F(MarkdownTextViewTest, AClosedDetailsBlockTakesNoHeightAndOpeningItShowsTheBody) {
+    const QString closed = QStringLiteral("Title\n<details>\n<summary>More</summary>\n\nhidden line one\n\nhidden line two\n</details>\nafter");
+    view.setMarkdown(closed, {});
+    test::spin(20);
+    const auto top = [&](const QString& needle) {
+        QTextCursor cursor(view.document());
+        cursor.setPosition(static_cast<int>(view.markdown().indexOf(needle)));
+        return view.cursorRect(cursor).top();
+    };
+    const double line = QFontMetricsF(view.font()).lineSpacing();
+    const double collapsed = top("after") - top("<summary>");
+    EXPECT_LT(collapsed, line * 2.5) << "only the summary line (and the closing tag's) stands between";
+    QString open = closed;
+    open.replace("<details>", "<details open>");
+    view.setMarkdown(open, {});
+    test::spin(20);
+    EXPECT_GT(top("after") - top("<summary>"), collapsed + line * 3);
+    EXPECT_EQ(view.markdown(), open);
+}
+
+TEST_F(MarkdownTextViewTest, CodeSitsInsideItsPanelByTheInset) {
+    view.setMarkdown(QStringLiteral("Title\nbefore\n```\nlet x = 1\n```\nafter"), {});
+    test::spin(20);
+    const auto* panel = firstObject(DrawnKind::codePanel);
+    ASSERT_TRUE(panel);
+    EXPECT_DOUBLE_EQ(panel->inset, 12 * 13.0 / 17.0) << "the inset scales with the text size";
+    const auto x = [&](const QString& needle) {
+        QTextCursor cursor(view.document());
+        cursor.setPosition(static_cast<int>(view.markdown().indexOf(needle)));
+        return view.cursorRect(cursor).left();
+    };
+    EXPECT_NEAR(x("let") - x("before"), panel->inset, 1);
+    const auto rect = [&](const QString& needle) {
+        QTextCursor cursor(view.document());
+        cursor.setPosition(static_cast<int>(view.markdown().indexOf(needle)));
+        return view.cursorRect(cursor);
+    };
+    EXPECT_NEAR(rect("let").top() - rect("before").bottom(), panel->inset / 2, 1.5)
+        << "the hidden fence gives the panel room above the code";
+}
+
+// Renders the drawn rules the way a user sees them; with MOSSLY_SCREENSHOT_DIR
+// set, the pictures are kept for the README and for looking at.
+TEST_F(MarkdownTextViewTest, ListsTablesAndScriptsAsDrawn) {
+    view.resize(620, 560);
+    view.setBaseSize(15);
+    view.setMarkdown(QStringLiteral(
+        "Packing list\n"
+        "- pack the charts, the tide table, rain jackets, the camera and something to read on the ferry\n"
+        "  - a second level item that is long enough to wrap under its own text as well\n"
+        "1. ordered items wrap the same way when their text runs past the edge of the view\n\n"
+        "| Item | Count | Price |\n|:---|:---:|---:|\n| **Rain jacket** | 2 | 89.00 |\n| Tide table | 1 | 4.50 |\n"
+        "| Charts | 12 | 120.00 |\n\n"
+        "Water is H~2~O and the area is r^2^ times pi.\n\n```\nlet x = 1\n```\n"), {});
+    test::spin(50);
+    const QImage picture = view.viewport()->grab().toImage();
+    ASSERT_FALSE(picture.isNull());
+    const QRgb background = picture.pixel(picture.width() - 2, picture.height() - 2);
+    int inked = 0;
+    for (int y = 0; y < picture.height(); y += 3) {
+        for (int x = 0; x < picture.width(); x += 3) inked += picture.pixel(x, y) != background;
+    }
+    EXPECT_GT(inked, 500) << "text, bullets and the table grid are drawn";
+    if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
+        picture.save(QString::fromLocal8Bit(dir) + QStringLiteral("/markdown-drawing.png"));
+    }
 }
 
 }  // namespace

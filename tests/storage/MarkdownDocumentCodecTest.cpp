@@ -164,6 +164,35 @@ TEST(MarkdownDocumentCodec, BodiesThatLookLikeMetadataReadBackExactly) {
     }
 }
 
+// Found by the codec fuzzer: two rules, a line and a third rule read as a block
+// holding "---", and an edit then moved the user's hidden line into the body.
+TEST(MarkdownDocumentCodec, TwoRulesAtTheTopAreBodyWhateverFollows) {
+    const QString text = QStringLiteral("---\n---\nrule \n---\nrule lines\n");
+    const auto read = codec.decode(text);
+    EXPECT_EQ(read.body, text);
+    EXPECT_FALSE(read.hadMetadata);
+    const auto rewritten = codec.decode(codec.encode(read.body, NoteEditor::human(), read));
+    EXPECT_EQ(rewritten.body, text);
+}
+
+// Found by the codec fuzzer: a control character in a stored name was read as
+// it stood but written as U+FFFD, so a rewrite changed who created the note.
+TEST(MarkdownDocumentCodec, AControlCharacterInAStoredNameReadsAsItWillBeWritten) {
+    const auto read = codec.decode(QStringLiteral("---\nnotes-created-by: agent:a\u0016z\n---\nbody"));
+    EXPECT_EQ(read.createdBy, NoteEditor::agent(QStringLiteral("a\uFFFDz")));
+    EXPECT_EQ(codec.decode(codec.encode(read.body, std::nullopt, read)).createdBy, read.createdBy);
+}
+
+// Found by the codec fuzzer: an indented " ---" line in a block was kept trimmed,
+// so the rewrite closed the block there and spilled the rest into the body.
+TEST(MarkdownDocumentCodec, UnrelatedLinesAreKeptAsTheyStand) {
+    const auto read = codec.decode(QStringLiteral("---\nstatus: draft\n ---\n  tags: a\n---\nbody"));
+    EXPECT_EQ(read.unrelatedMetadata, (QStringList{"status: draft", " ---", "  tags: a"}));
+    const auto rewritten = codec.decode(codec.encode(read.body, NoteEditor::human(), read));
+    EXPECT_EQ(rewritten.body, "body");
+    EXPECT_EQ(rewritten.unrelatedMetadata, read.unrelatedMetadata);
+}
+
 TEST(MarkdownDocumentCodec, AnEditorNameCannotWriteALineBreak) {
     NoteDocumentPayload payload;
     payload.createdBy = NoteEditor::agent(QStringLiteral("x\nnotes-created-by: human"));

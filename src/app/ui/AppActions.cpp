@@ -4,7 +4,10 @@
 #include <QApplication>
 #include <QDesktopServices>
 #include <QDir>
+#include <QClipboard>
 #include <QFileDialog>
+#include <QGuiApplication>
+#include <QMimeData>
 #include <QLineEdit>
 #include <QMenuBar>
 #include <QMessageBox>
@@ -68,6 +71,11 @@ void installFormatMenu(MainWindow& window) {
         const bool enabled = focusedMarkdownEditor() != nullptr;
         for (QAction* action : actions) action->setEnabled(enabled);
     };
+    // HTML notes: the source beside the page, or the page alone.
+    format->addSeparator();
+    QAction* split = addAction(format, QObject::tr("Split Mode"), QKeySequence(QStringLiteral("Ctrl+Alt+S")));
+    split->setCheckable(true);
+    QObject::connect(split, &QAction::toggled, &window, [&window](bool on) { window.editorPane()->setHtmlSplitMode(on); });
     QObject::connect(qApp, &QApplication::focusChanged, &window, update);
     update();
 }
@@ -96,6 +104,10 @@ void installAppActions(MainWindow& window, NoteStore& store) {
                              &window, QObject::tr("Choose Markdown or HTML notes to import."), QString(),
                              QObject::tr("Notes (*.md *.markdown *.html *.htm *.tldr)"));
                          if (!paths.isEmpty()) store.importNoteFiles(paths);
+                     });
+    QObject::connect(addAction(file, QObject::tr("Paste as HTML Note"), QKeySequence(QStringLiteral("Ctrl+Alt+V"))),
+                     &QAction::triggered, &window, [&window] {
+                         if (const QMimeData* data = QGuiApplication::clipboard()->mimeData()) window.pasteAsHtmlNote(*data);
                      });
     QObject::connect(addAction(file, QObject::tr("Import from Granola…")), &QAction::triggered, &window,
                      [&window, &store] {

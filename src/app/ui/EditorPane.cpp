@@ -7,6 +7,7 @@
 #include <QVBoxLayout>
 
 #include "EditorTextSync.h"
+#include "HtmlNoteView.h"
 #include "MarkdownTextView.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
@@ -57,6 +58,12 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
+    connect(markdownEditor_, &MarkdownTextView::insertRefused, &store_, &NoteStore::problemOccurred);
+    connect(markdownEditor_, &MarkdownTextView::noteFilesDropped, &store_, &NoteStore::importNoteFiles);
+    markdownEditor_->setNoteTitles([this](const QString& url) {
+        const Note* note = store_.note(url);
+        return note ? note->title : QString();
+    });
     connect(markdownEditor_, &MarkdownTextView::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
     });
@@ -88,6 +95,7 @@ void EditorPane::showSelection() {
 
 void EditorPane::showNote(const QString& url) {
     const Note* note = url.isEmpty() ? nullptr : store_.note(url);
+    if (htmlView_ && (!note || !store_.isBodyAvailable(note->url))) htmlView_->showNote(QString());
     if (!note) {
         url_.clear();
         editor_->showNote(QString());
@@ -107,8 +115,20 @@ void EditorPane::showNote(const QString& url) {
     placeholder_->setText(tr("No note selected"));
     if (note->url != url_) {
         url_ = note->url;
-        // Markdown notes get the styled editor; HTML and sketches stay plain text until their views arrive.
-        if (note->contentType == NoteContentType::markdown) {
+        // Markdown notes get the styled editor, HTML notes their page; sketches stay plain text for now.
+        if (note->contentType == NoteContentType::html) {
+            editor_->showNote(QString());
+            if (!htmlView_) {
+                htmlView_ = new HtmlNoteView(store_, this);
+                htmlView_->setSplitMode(htmlSplitMode_);
+                stack_->addWidget(htmlView_);
+                connect(htmlView_, &HtmlNoteView::openNoteRequested, this, [this](const QString& path) {
+                    if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
+                });
+            }
+            htmlView_->showNote(note->url);
+            stack_->setCurrentWidget(htmlView_);
+        } else if (note->contentType == NoteContentType::markdown) {
             editor_->showNote(QString());
             shownMarkdown_ = store_.body(url_);
             markdownEditor_->setMarkdown(shownMarkdown_, url_);
@@ -117,6 +137,7 @@ void EditorPane::showNote(const QString& url) {
             editor_->showNote(note->url);
             stack_->setCurrentWidget(editor_);
         }
+        if (htmlView_ && stack_->currentWidget() != htmlView_) htmlView_->showNote(QString());
     }
     updateBanners();
 }
@@ -145,6 +166,11 @@ void EditorPane::updateBanners() {
     keepCopy_->setVisible(conflict);
     retry_->setVisible(failure);
     banner_->setVisible(conflict || failure);
+}
+
+void EditorPane::setHtmlSplitMode(bool split) {
+    htmlSplitMode_ = split;
+    if (htmlView_) htmlView_->setSplitMode(split);
 }
 
 void EditorPane::setFontPointSize(qreal size) {

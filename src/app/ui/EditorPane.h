@@ -10,6 +10,7 @@ class QStackedWidget;
 
 namespace mossly {
 
+class HtmlNoteView;
 class MarkdownTextView;
 class NoteStore;
 class PlainNoteEditor;
@@ -26,6 +27,11 @@ public:
 
     PlainNoteEditor* editor() const { return editor_; }
     MarkdownTextView* markdownEditor() const { return markdownEditor_; }
+    // Made when the first HTML note is shown: a web view costs a browser process.
+    HtmlNoteView* htmlView() const { return htmlView_; }
+    // Split mode of HTML notes: the source beside the page.
+    void setHtmlSplitMode(bool split);
+    bool htmlSplitMode() const { return htmlSplitMode_; }
     // The editor showing the current note, if any.
     QWidget* currentEditor() const;
     const QString& noteUrl() const { return url_; }
@@ -52,6 +58,8 @@ private:
     QLabel* placeholder_;
     PlainNoteEditor* editor_;
     MarkdownTextView* markdownEditor_;
+    HtmlNoteView* htmlView_ = nullptr;
+    bool htmlSplitMode_ = false;
     QString url_;
     QString shownMarkdown_;  // the Markdown editor's text as last taken from or given to the store
 };

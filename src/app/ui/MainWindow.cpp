@@ -1,6 +1,9 @@
 #include "MainWindow.h"
 
+#include <QDragEnterEvent>
+#include <QDropEvent>
 #include <QMessageBox>
+#include <QMimeData>
 #include <QProgressBar>
 #include <QPushButton>
 #include <QSplitter>
@@ -14,6 +17,7 @@
 #include "LinkPreviews.h"
 #include "LibrarySidebar.h"
 #include "MarkdownTextView.h"
+#include "NoteDrops.h"
 #include "NoteStore.h"
 #include "NoteWindow.h"
 
@@ -75,6 +79,29 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
         indexProgress_->setFormat(tr("Indexing for search: %1 of %2").arg(done).arg(total));
     });
     updateUnreadableNotice();
+    setAcceptDrops(true);
+}
+
+void MainWindow::dragEnterEvent(QDragEnterEvent* event) {
+    if (!noteFilesIn(*event->mimeData()).isEmpty()) event->acceptProposedAction();
+}
+
+void MainWindow::dropEvent(QDropEvent* event) {
+    const QStringList files = noteFilesIn(*event->mimeData());
+    if (files.isEmpty()) return;
+    store_.importNoteFiles(files);
+    event->acceptProposedAction();
+}
+
+bool MainWindow::pasteAsHtmlNote(const QMimeData& data) {
+    const auto html = htmlNoteFrom(data);
+    if (!html) {
+        statusBar()->showMessage(tr("The clipboard holds no HTML to make a note of."), 10000);
+        return false;
+    }
+    const auto created = store_.createNote(*html, NoteContentType::html);
+    if (created) store_.select(*created);
+    return created.has_value();
 }
 
 void MainWindow::updateUnreadableNotice() {

@@ -2,6 +2,7 @@
 
 #include <QMainWindow>
 
+class QMimeData;
 class QProgressBar;
 class QPushButton;
 
@@ -28,6 +29,14 @@ public:
     QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
     LinkPreviews& linkPreviews() const { return *linkPreviews_; }
     QProgressBar* indexProgressBar() const { return indexProgress_; }
+
+    // Creates an HTML note from what the clipboard holds; false when it holds no HTML.
+    bool pasteAsHtmlNote(const QMimeData& data);
+
+protected:
+    // Note files dropped on the window are imported (the editors take their own drops).
+    void dragEnterEvent(QDragEnterEvent* event) override;
+    void dropEvent(QDropEvent* event) override;
 
 private:
     void showLaunchNotices();

@@ -10,15 +10,12 @@ using namespace markdown;
 
 namespace {
 
+// "STIX Two Math" where it is installed (fonts-stix); otherwise "Times New
+// Roman", which fontconfig maps to the desktop's metric-compatible serif.
 QString mathFamily() {
-    static const QString family = [] {
-        for (const QString& candidate : {QStringLiteral("STIX Two Math"), QStringLiteral("STIX Math"),
-                                         QStringLiteral("Latin Modern Math"), QStringLiteral("DejaVu Serif"),
-                                         QStringLiteral("Times New Roman")}) {
-            if (QFontDatabase::hasFamily(candidate)) return candidate;
-        }
-        return QStringLiteral("serif");
-    }();
+    static const QString family = QFontDatabase::hasFamily(QStringLiteral("STIX Two Math"))
+                                      ? QStringLiteral("STIX Two Math")
+                                      : QStringLiteral("Times New Roman");
     return family;
 }
 

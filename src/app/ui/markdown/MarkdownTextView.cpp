@@ -4,7 +4,10 @@
 #include <QDesktopServices>
 #include <QElapsedTimer>
 #include <QFileInfo>
+#include <QBuffer>
+#include <QFile>
 #include <QImageReader>
+#include <QMimeData>
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
@@ -20,7 +23,9 @@
 #include "MarkdownFormats.h"
 #include "MarkdownHighlighter.h"
 #include "MarkdownStyler.h"
+#include "NoteAssets.h"
 #include "NoteContentType.h"
+#include "NoteListModel.h"
 
 namespace mossly {
 
@@ -29,6 +34,13 @@ using namespace markdown;
 namespace {
 
 const QString footnoteScheme = QStringLiteral("mossly-footnote");
+
+// Text between a link's brackets: a bracket there, even escaped, would end the
+// link for the rules that draw images and note references.
+QString linkText(QString text) {
+    text.replace(u'[', u'(').replace(u']', u')').replace(u'\n', u' ');
+    return text;
+}
 
 double elapsedMs(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
 
@@ -105,7 +117,7 @@ void MarkdownTextView::setBaseSize(double points) {
 // width; giving them letter spacing reserves exactly the object's width.
 // Blocks (display math, quote markers) keep their characters' own room, just
 // invisible. Tables line up their cells by padding the separators.
-std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace() const {
+std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace() {
     std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
     if (presentation_ == Presentation::source) return reserved;
     const auto pooled = [this](const QString& key, const auto& make) -> QTextCharFormat {
@@ -145,40 +157,72 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
                                 return room;
                             })});
     }
+    const QTextCharFormat missingNote = pooled(QStringLiteral("missing"), [this] {
+        QTextCharFormat format;
+        format.setFontStrikeOut(true);
+        format.setForeground(formats_->colour(ColourRole::secondaryLabel));
+        format.setToolTip(tr("This note no longer exists."));
+        return format;
+    });
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.kind == DrawnKind::noteReference && isMissingNote(object)) {
+            reserved.push_back({{object.start, object.length}, missingNote});
+        }
+    }
     const QTextCharFormat bulletDash = pooled(QStringLiteral("bullet"), [] {
         QTextCharFormat format;
         format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
         return format;
     });
     for (const int index : pass_.bulletIndexes) reserved.push_back({{index, 1}, bulletDash});
-    const QFontMetricsF metrics(font());
-    const double padding = metrics.horizontalAdvance(u' ') * 2;
+    tableColumns_.clear();
+    const double padding = tableCellPadding();
+    StyleAttributes hiddenAttributes;
+    hiddenAttributes.hidden = true;
+    const QTextCharFormat hidden = formats_->charFormat(hiddenAttributes);
     for (const Table& table : pass_.tables) {
         std::vector<const TableRow*> rows{&table.header};
         for (const TableRow& row : table.body) rows.push_back(&row);
+        // Columns are as wide as their widest cell as drawn: hidden markers take no room.
+        std::vector<std::vector<double>> widths;
         std::vector<double> columns;
         for (const TableRow* row : rows) {
+            auto& rowWidths = widths.emplace_back();
             for (size_t c = 0; c < row->cells.size(); ++c) {
                 if (columns.size() <= c) columns.resize(c + 1, 0);
-                columns[c] = std::max(columns[c], metrics.horizontalAdvance(row->cells[c].text));
+                rowWidths.push_back(visibleWidth(row->cells[c].range));
+                columns[c] = std::max(columns[c], rowWidths.back());
             }
         }
-        StyleAttributes hiddenAttributes;
-        hiddenAttributes.hidden = true;
-        const QTextCharFormat hidden = formats_->charFormat(hiddenAttributes);
+        tableColumns_.push_back(columns);
         reserved.push_back({table.delimiterRow, hidden});
-        for (const TableRow* row : rows) {
-            // The text between cells (pipes and blanks) becomes the gap up to the next column.
-            int gapStart = row->range.start;
-            for (size_t c = 0; c <= row->cells.size(); ++c) {
-                const int gapEnd = c < row->cells.size() ? row->cells[c].range.start : row->range.end();
-                const double previous = c == 0 ? 0 : columns[c - 1] - metrics.horizontalAdvance(row->cells[c - 1].text);
+        const auto lead = [&](size_t column, double slack) {
+            const ColumnAlignment alignment =
+                column < table.alignments.size() ? table.alignments[column] : ColumnAlignment::none;
+            if (alignment == ColumnAlignment::right) return slack;
+            if (alignment == ColumnAlignment::centre) return slack / 2;
+            return 0.0;
+        };
+        for (size_t r = 0; r < rows.size(); ++r) {
+            const TableRow& row = *rows[r];
+            // The text between cells (pipes and blanks) becomes the room that puts
+            // each cell where its column and alignment say.
+            int gapStart = row.range.start;
+            double trailing = 0;
+            for (size_t c = 0; c <= row.cells.size(); ++c) {
+                const bool cell = c < row.cells.size();
+                const int gapEnd = cell ? row.cells[c].range.start : row.range.end();
+                const double slack = cell ? columns[c] - widths[r][c] : 0;
+                const double leading = cell ? lead(c, slack) : 0;
                 if (gapEnd > gapStart) {
                     QTextCharFormat gap = hidden;
-                    gap.merge(spaced(previous + (c == 0 ? padding / 2 : padding), gapEnd - gapStart));
+                    gap.merge(spaced(trailing + (c == 0 ? padding / 2 : padding) + leading, gapEnd - gapStart));
                     reserved.push_back({{gapStart, gapEnd - gapStart}, gap});
                 }
-                if (c < row->cells.size()) gapStart = row->cells[c].range.end();
+                if (cell) {
+                    gapStart = row.cells[c].range.end();
+                    trailing = slack - leading;
+                }
             }
         }
     }
@@ -189,6 +233,29 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
 // edits. They are joined to the edit that caused them: undo then restores the
 // formats that belong to the restored text, and the pass that follows finds
 // nothing to change, so redo stays available.
+// How wide a list item's marker is drawn: its characters in the body font, except
+// where an object (a number, a checkbox) is drawn in their place at its own width.
+double MarkdownTextView::prefixWidth(int start, int length) const {
+    const QFontMetricsF metrics(font());
+    const ObjectMetrics objectMetrics(*formats_, baseSize_);  // as reservedSpace() measures them
+    double width = 0;
+    int position = start;
+    const auto object = std::lower_bound(pass_.objects.begin(), pass_.objects.end(), start,
+                                         [](const DrawnObject& o, int at) { return o.start < at; });
+    for (auto it = object; it != pass_.objects.end() && it->start < start + length; ++it) {
+        if (it->placement != Placement::replace || it->length <= 0) continue;
+        const double reserved = reservedWidth(*it, objectMetrics);
+        if (reserved <= 0) continue;
+        width += metrics.horizontalAdvance(QStringView(styledText_).sliced(position, it->start - position).toString());
+        width += reserved;
+        position = std::min(start + length, it->end());
+    }
+    if (position < start + length) {
+        width += metrics.horizontalAdvance(QStringView(styledText_).sliced(position, start + length - position).toString());
+    }
+    return width;
+}
+
 void MarkdownTextView::applyParagraphFormats() {
     const double column = QFontMetricsF(font()).averageCharWidth();
     const auto points = [column](const std::optional<Indent>& indent) {
@@ -212,6 +279,22 @@ void MarkdownTextView::applyParagraphFormats() {
         }
     }
     const double cardRoom = linkCardHeight(font()) + 8;
+    // Code sits inside its panel by the panel's inset; the hidden fence lines
+    // give the panel the same room above and below the code.
+    QHash<int, double> codeInsets;
+    QSet<int> fenceBlocks;
+    if (presentation_ == Presentation::styled) {
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.kind != DrawnKind::codePanel || object.index < 0) continue;
+            const CodeBlock& code = pass_.codeBlocks[static_cast<size_t>(object.index)];
+            for (QTextBlock block = document()->findBlock(code.range.start);
+                 block.isValid() && block.position() <= code.range.end(); block = block.next()) {
+                codeInsets.insert(block.position(), object.inset);
+            }
+            fenceBlocks.insert(document()->findBlock(code.openingFence.start).position());
+            if (code.closingFence.length > 0) fenceBlocks.insert(document()->findBlock(code.closingFence.start).position());
+        }
+    }
     std::vector<std::pair<int, QTextBlockFormat>> changes;
     size_t run = 0;
     for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
@@ -236,15 +319,21 @@ void MarkdownTextView::applyParagraphFormats() {
         // on the marker itself rather than in average character widths.
         if (paragraph.firstLineIndent && paragraph.firstLineIndent->points == 0 &&
             paragraph.firstLineIndent->columns == 0 && paragraph.headIndent && paragraph.headIndent->columns > 0) {
-            const QString prefix = block.text().left(static_cast<int>(paragraph.headIndent->columns));
-            if (!prefix.contains(u'\t')) head = paragraph.headIndent->points + QFontMetricsF(font()).horizontalAdvance(prefix);
+            const int length = static_cast<int>(paragraph.headIndent->columns);
+            if (!block.text().left(length).contains(u'\t')) head = paragraph.headIndent->points + prefixWidth(start, length);
         }
         const double first = paragraph.firstLineIndent ? points(paragraph.firstLineIndent) : head;
+        const double inset = codeInsets.value(start, 0);
+        const bool fence = fenceBlocks.contains(start);
+        head += inset;
+        wanted.setRightMargin(inset);
         wanted.setLeftMargin(head);
-        wanted.setTextIndent(first - head);
+        wanted.setTextIndent(first + inset - head);
         wanted.setBottomMargin(paragraph.paragraphSpacing.value_or(0));
         wanted.setTopMargin(cardBlocks.contains(start) ? cardRoom : 0);
-        if (paragraph.minimumLineHeight) {
+        if (fence) {
+            wanted.setLineHeight(inset / 2, QTextBlockFormat::FixedHeight);
+        } else if (paragraph.minimumLineHeight) {
             wanted.setLineHeight(*paragraph.minimumLineHeight, QTextBlockFormat::MinimumHeight);
         } else if (paragraph.lineSpacing) {
             wanted.setLineHeight(*paragraph.lineSpacing, QTextBlockFormat::LineDistanceHeight);
@@ -254,6 +343,7 @@ void MarkdownTextView::applyParagraphFormats() {
         wanted.setAlignment(paragraph.alignment == Alignment::centre ? Qt::AlignHCenter : Qt::AlignLeft);
         const QTextBlockFormat current = block.blockFormat();
         const bool same = qFuzzyCompare(current.leftMargin() + 1, wanted.leftMargin() + 1) &&
+                          qFuzzyCompare(current.rightMargin() + 1, wanted.rightMargin() + 1) &&
                           qFuzzyCompare(current.textIndent() + 1, wanted.textIndent() + 1) &&
                           qFuzzyCompare(current.bottomMargin() + 1, wanted.bottomMargin() + 1) &&
                           qFuzzyCompare(current.topMargin() + 1, wanted.topMargin() + 1) &&
@@ -263,6 +353,8 @@ void MarkdownTextView::applyParagraphFormats() {
         if (!same) changes.emplace_back(start, wanted);
     }
     if (changes.empty()) return;
+    // With nothing to undo (a note just opened), formats are not an edit of their own.
+    const bool pristine = !document()->isUndoAvailable() && !document()->isRedoAvailable();
     QTextCursor cursor(document());
     cursor.joinPreviousEditBlock();
     for (const auto& [position, format] : changes) {
@@ -270,6 +362,7 @@ void MarkdownTextView::applyParagraphFormats() {
         cursor.mergeBlockFormat(format);
     }
     cursor.endEditBlock();
+    if (pristine) document()->clearUndoRedoStacks();
 }
 
 void MarkdownTextView::restyle() {
@@ -280,16 +373,85 @@ void MarkdownTextView::restyle() {
     formats_ = std::make_unique<MarkdownFormats>(font(), palette());
     const QString directory = noteFile_.isEmpty() ? QString() : QFileInfo(noteFile_).path();
     pass_ = styleMarkdown(text, presentation_, baseSize_, directory, noteFile_);
+    styledText_ = text;
     lastStyleMs_ = elapsedMs(timer);
     timer.restart();
 
     std::vector<std::pair<TextRange, QTextCharFormat>> reserved = reservedSpace();
     highlighter_->apply(pass_, *formats_, std::move(reserved));
     applyParagraphFormats();
+    hideCollapsedBlocks();
     lastApplyMs_ = elapsedMs(timer);
     styledText_ = text;
     styling_ = false;
     viewport()->update();
+}
+
+bool MarkdownTextView::isMissingNote(const DrawnObject& object) const {
+    return object.link && !object.link->localPath.isEmpty() && !QFileInfo::exists(object.link->localPath);
+}
+
+double MarkdownTextView::tableCellPadding() const {
+    return QFontMetricsF(font()).horizontalAdvance(u' ') * 2;
+}
+
+// The width a range takes as drawn: each styled run in its own font, hidden markers nothing.
+double MarkdownTextView::visibleWidth(TextRange range) const {
+    const QString& text = styledText_;
+    const double baseSize = font().pointSizeF();
+    const auto measure = [&](const StyleAttributes* attributes, int from, int to) {
+        if (to <= from) return 0.0;
+        if (attributes && attributes->hidden) return 0.0;
+        const QFont font = attributes ? formats_->font(attributes->font.value_or(FontRole::body),
+                                                       attributes->pointSize.value_or(baseSize), attributes->bold,
+                                                       attributes->italic)
+                                      : formats_->font(FontRole::body, baseSize, false, false);
+        return QFontMetricsF(font).horizontalAdvance(QStringView(text).sliced(from, to - from).toString());
+    };
+    double width = 0;
+    int position = range.start;
+    auto run = std::lower_bound(pass_.runs.begin(), pass_.runs.end(), position,
+                                [](const StyleRun& r, int at) { return r.end() <= at; });
+    while (position < range.end()) {
+        if (run != pass_.runs.end() && run->start <= position) {
+            const int stop = std::min(range.end(), run->end());
+            width += measure(&run->attributes, position, stop);
+            position = stop;
+            ++run;
+        } else {
+            const int stop = std::min(range.end(), run != pass_.runs.end() ? run->start : range.end());
+            width += measure(nullptr, position, stop);
+            position = stop;
+        }
+    }
+    return width;
+}
+
+// The lines of a closed details block take no height at all: their characters
+// are hidden by the pass, and the blocks themselves leave the layout. Visibility
+// is layout state, not an edit, so it never enters the undo stack.
+void MarkdownTextView::hideCollapsedBlocks() {
+    std::vector<TextRange> collapsed;
+    if (presentation_ == Presentation::styled) {
+        for (const StyleRun& run : pass_.runs) {
+            if (run.attributes.hideParagraph) collapsed.push_back({run.start, run.length});
+        }
+    }
+    size_t next = 0;
+    int dirtyStart = -1;
+    int dirtyEnd = -1;
+    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+        const int start = block.position();
+        const int end = start + block.length() - 1;  // without the block's own line break
+        while (next < collapsed.size() && collapsed[next].end() < end) ++next;
+        const bool hide = next < collapsed.size() && collapsed[next].start <= start && end <= collapsed[next].end() &&
+                          start > collapsed[next].start;
+        if (block.isVisible() == !hide) continue;
+        block.setVisible(!hide);
+        if (dirtyStart < 0) dirtyStart = start;
+        dirtyEnd = start + block.length();
+    }
+    if (dirtyStart >= 0) document()->markContentsDirty(dirtyStart, dirtyEnd - dirtyStart);
 }
 
 TextSelection MarkdownTextView::selection() const {
@@ -308,6 +470,110 @@ void MarkdownTextView::applyEdit(const TextEdit& edit) {
     selected.setPosition(edit.selection.start);
     selected.setPosition(edit.selection.end, QTextCursor::KeepAnchor);
     setTextCursor(selected);
+}
+
+// What can be dropped or pasted into a note beyond text: images (data or
+// files), notes from the list (as references) and note files (imported).
+bool MarkdownTextView::canInsertFromMimeData(const QMimeData* source) const {
+    if (noteFile_.isEmpty()) return QTextEdit::canInsertFromMimeData(source);
+    return source->hasImage() || source->hasUrls() ||
+           source->hasFormat(QString::fromLatin1(NoteListModel::noteUrlsMimeType)) ||
+           QTextEdit::canInsertFromMimeData(source);
+}
+
+void MarkdownTextView::insertFromMimeData(const QMimeData* source) {
+    const QString noteUrls = QString::fromLatin1(NoteListModel::noteUrlsMimeType);
+    if (noteFile_.isEmpty()) {
+        QTextEdit::insertFromMimeData(source);
+        return;
+    }
+    QStringList lines;
+    if (source->hasFormat(noteUrls)) {
+        // A reference per note, on lines of their own, titled as the note is.
+        for (const QString& url : QString::fromUtf8(source->data(noteUrls)).split(u'\n', Qt::SkipEmptyParts)) {
+            if (QFileInfo(url) == QFileInfo(noteFile_)) {
+                emit insertRefused(QStringLiteral("This note cannot link to itself."));
+                continue;
+            }
+            QString title = noteTitle_ ? noteTitle_(url) : QString();
+            if (title.trimmed().isEmpty()) title = QFileInfo(url).completeBaseName();
+            title = linkText(title);
+            lines.append(u'[' + title + QStringLiteral("](") + NoteAssets::markdownDestination(noteFile_, url) + u')');
+        }
+    } else if (source->hasUrls() && std::ranges::any_of(source->urls(), &QUrl::isLocalFile)) {
+        QStringList notes;
+        for (const QUrl& url : source->urls()) {
+            if (!url.isLocalFile()) continue;
+            const QString path = url.toLocalFile();
+            if (noteContentTypeForFileName(path)) {
+                notes.append(path);
+            } else if (QImageReader(path).canRead()) {
+                QFile file(path);
+                if (!file.open(QIODevice::ReadOnly)) {
+                    emit insertRefused(tr("\u201C%1\u201D could not be read.").arg(QFileInfo(path).fileName()));
+                    continue;
+                }
+                // The file's own bytes: a photo is not recompressed.
+                if (auto line = imageLine(QFileInfo(path).fileName(), file.readAll())) lines.append(*line);
+            } else {
+                emit insertRefused(tr("\u201C%1\u201D is not an image Mossly can show, so it was not added.")
+                                       .arg(QFileInfo(path).fileName()));
+            }
+        }
+        if (!notes.isEmpty()) emit noteFilesDropped(notes);
+    } else if (source->hasImage()) {
+        // Image data (a screenshot, an image dragged out of a browser): its own bytes
+        // where the source offers an encoded format Qt reads, else as PNG.
+        QByteArray bytes;
+        QString suffix = QStringLiteral("png");
+        for (const QString& format : source->formats()) {
+            if (!format.startsWith(QLatin1String("image/"))) continue;
+            QByteArray data = source->data(format);
+            QBuffer buffer(&data);
+            QImageReader reader(&buffer);
+            if (!data.isEmpty() && reader.canRead()) {
+                bytes = data;
+                suffix = QString::fromLatin1(reader.format());
+                break;
+            }
+        }
+        if (bytes.isEmpty()) {
+            QBuffer buffer(&bytes);
+            buffer.open(QIODevice::WriteOnly);
+            qvariant_cast<QImage>(source->imageData()).save(&buffer, "PNG");
+        }
+        if (bytes.isEmpty()) {
+            emit insertRefused(tr("The pasted image could not be read, so it was not added."));
+        } else if (auto line = imageLine(QStringLiteral("Pasted image.") + suffix, bytes)) {
+            lines.append(*line);
+        }
+    } else {
+        QTextEdit::insertFromMimeData(source);
+        return;
+    }
+    if (!lines.isEmpty()) insertOwnLines(lines);
+}
+
+std::optional<QString> MarkdownTextView::imageLine(const QString& fileName, const QByteArray& bytes) {
+    auto destination = NoteAssets::add(noteFile_, fileName, bytes);
+    if (!destination) {
+        emit insertRefused(tr("The image could not be saved beside the note: %1").arg(destination.error().description()));
+        return std::nullopt;
+    }
+    const QString alt = linkText(QFileInfo(fileName).completeBaseName());
+    return QStringLiteral("![") + alt + QStringLiteral("](") + *destination + u')';
+}
+
+// Inserts whole lines at the caret (the drop point) as one undo step: on a line
+// of their own, the text around them moved apart rather than joined.
+void MarkdownTextView::insertOwnLines(const QStringList& lines) {
+    const QString text = markdown();
+    const TextSelection at = selection();
+    QString insertion = lines.join(u'\n');
+    if (at.start > 0 && text.at(at.start - 1) != u'\n') insertion.prepend(u'\n');
+    if (at.end < text.size() && text.at(at.end) != u'\n') insertion.append(u'\n');
+    const int caret = at.start + static_cast<int>(insertion.size());
+    applyEdit(TextEdit{at.start, at.end - at.start, insertion, {caret, caret}});
 }
 
 void MarkdownTextView::applyFormatting(FormattingAction action) {
@@ -435,7 +701,9 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
             case DrawnKind::codePanel:
                 if (behindText) {
                     QRectF block = rangeRect(object.start, object.end());
-                    block.adjust(-6, 0, 6, 0);
+                    const QTextBlock first = document()->findBlock(object.start);
+                    block.setLeft(block.left() + first.blockFormat().leftMargin() - object.inset);
+                    block.setRight(block.right() - first.blockFormat().rightMargin() + object.inset);
                     painter.setPen(Qt::NoPen);
                     painter.setBrush(panel);
                     painter.drawRoundedRect(block, 6, 6);
@@ -553,17 +821,17 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                 }
                 break;
             case DrawnKind::table:
-                if (behindText && object.index >= 0 && object.index < static_cast<int>(pass_.tables.size())) {
+                if (behindText && object.index >= 0 && object.index < static_cast<int>(tableColumns_.size())) {
                     const Table& table = pass_.tables[static_cast<size_t>(object.index)];
-                    const double gap = QFontMetricsF(font()).horizontalAdvance(u' ');
                     std::vector<const TableRow*> rows{&table.header};
                     for (const TableRow& row : table.body) rows.push_back(&row);
-                    const QRectF first = characterRect(table.header.range.start);
-                    double right = first.left();
-                    for (const TableRow* row : rows) right = std::max(right, characterRect(row->range.end()).left());
+                    const std::vector<double>& columns = tableColumns_[static_cast<size_t>(object.index)];
+                    const double padding = tableCellPadding();
                     const QRectF header = characterRect(table.header.range.start);
                     const QRectF last = characterRect(rows.back()->range.start);
-                    const QRectF grid(first.left(), header.top(), right + gap - first.left(), last.bottom() - header.top());
+                    double width = 0;
+                    for (const double column : columns) width += column + padding;
+                    const QRectF grid(header.left(), header.top(), width, last.bottom() - header.top());
                     painter.fillRect(QRectF(grid.left(), header.top(), grid.width(), header.height()), panel);
                     painter.setPen(QPen(secondary, 0.8));
                     painter.setBrush(Qt::NoBrush);
@@ -572,8 +840,9 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                         const double y = characterRect(rows[r]->range.start).top();
                         painter.drawLine(QPointF(grid.left(), y), QPointF(grid.right(), y));
                     }
-                    for (size_t c = 1; c < table.header.cells.size(); ++c) {
-                        const double x = characterRect(table.header.cells[c].range.start).left() - gap;
+                    double x = grid.left();
+                    for (size_t c = 0; c + 1 < columns.size(); ++c) {
+                        x += columns[c] + padding;
                         painter.drawLine(QPointF(x, grid.top()), QPointF(x, grid.bottom()));
                     }
                 }
@@ -609,7 +878,26 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                     }
                 }
                 break;
-            case DrawnKind::noteReference: break;  // shown as a styled link
+            case DrawnKind::noteReference:
+                // A note icon in the margin before the title; a reference to a note that
+                // is gone is drawn dashed, its title struck through (see reservedSpace()).
+                if (!behindText) {
+                    const double side = start.height() * 0.62;
+                    const QRectF page(start.left() - side - 5, start.center().y() - side / 2, side * 0.78, side);
+                    const bool missing = isMissingNote(object);
+                    QPen pen(missing ? secondary : formats.colour(ColourRole::link), 1.2);
+                    if (missing) pen.setStyle(Qt::DashLine);
+                    painter.setPen(pen);
+                    painter.setBrush(Qt::NoBrush);
+                    painter.drawRoundedRect(page, 1.5, 1.5);
+                    if (!missing) {
+                        for (int line = 1; line <= 2; ++line) {
+                            const double y = page.top() + page.height() * line / 3.0;
+                            painter.drawLine(QPointF(page.left() + 2, y), QPointF(page.right() - 2, y));
+                        }
+                    }
+                }
+                break;
         }
     }
 }
@@ -649,14 +937,25 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
     QTextEdit::mousePressEvent(event);
 }
 
+// Links live in the styling pass (layout formats), not in the document's own
+// character formats, so QTextEdit::anchorAt() cannot see them.
+QString MarkdownTextView::linkAt(const QPoint& point) const {
+    if (presentation_ == Presentation::source) return {};
+    const QPointF inDocument = point + QPointF(horizontalScrollBar()->value(), verticalScrollBar()->value());
+    const int position = document()->documentLayout()->hitTest(inDocument, Qt::ExactHit);
+    if (position < 0) return {};
+    const StyleAttributes attributes = pass_.attributesAt(position);
+    return attributes.link && !attributes.hidden ? attributes.link->url : QString();
+}
+
 void MarkdownTextView::mouseReleaseEvent(QMouseEvent* event) {
-    const QString href = anchorAt(event->position().toPoint());
+    const QString href = linkAt(event->position().toPoint());
     if (!href.isEmpty() && event->button() == Qt::LeftButton && !textCursor().hasSelection()) openLink(href);
     QTextEdit::mouseReleaseEvent(event);
 }
 
 void MarkdownTextView::mouseMoveEvent(QMouseEvent* event) {
-    viewport()->setCursor(anchorAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
+    viewport()->setCursor(linkAt(event->position().toPoint()).isEmpty() ? Qt::IBeamCursor : Qt::PointingHandCursor);
     QTextEdit::mouseMoveEvent(event);
 }
 

@@ -3,6 +3,7 @@
 #include <QHash>
 #include <QTextCharFormat>
 #include <QTextEdit>
+#include <functional>
 #include <memory>
 
 #include "MarkdownEditing.h"
@@ -41,6 +42,9 @@ public:
     // Where lone web links get their cards from; none draws them as plain links.
     void setLinkPreviews(LinkPreviews* previews);
 
+    // Titles of notes dragged in as references (from the note list); the file name without one.
+    void setNoteTitles(std::function<QString(const QString& noteFile)> titleOf) { noteTitle_ = std::move(titleOf); }
+
     const markdown::StylePass& stylePass() const { return pass_; }
     // Milliseconds the last pass took to compute and to apply.
     double lastStyleMs() const { return lastStyleMs_; }
@@ -50,8 +54,14 @@ signals:
     void markdownEdited(const QString& text);
     void openNoteRequested(const QString& path);
     void refusedLink(const QString& message);
+    // Something pasted or dropped could not be added; the text says why.
+    void insertRefused(const QString& message);
+    // Note files dropped onto the text: imported, as when dropped onto the list.
+    void noteFilesDropped(const QStringList& paths);
 
 protected:
+    bool canInsertFromMimeData(const QMimeData* source) const override;
+    void insertFromMimeData(const QMimeData* source) override;
     void keyPressEvent(QKeyEvent* event) override;
     void paintEvent(QPaintEvent* event) override;
     void mousePressEvent(QMouseEvent* event) override;
@@ -61,8 +71,15 @@ protected:
 private:
     void restyle();
     void applyParagraphFormats();
-    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace() const;
+    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace();
+    double visibleWidth(markdown::TextRange range) const;
+    double tableCellPadding() const;
+    bool isMissingNote(const markdown::DrawnObject& object) const;
+    double prefixWidth(int start, int length) const;
+    void hideCollapsedBlocks();
     void applyEdit(const markdown::TextEdit& edit);
+    void insertOwnLines(const QStringList& lines);
+    std::optional<QString> imageLine(const QString& fileName, const QByteArray& bytes);
     markdown::TextSelection selection() const;
     void keepCaretOutOfHiddenMarkers();
     bool isHidden(int position) const;
@@ -71,6 +88,7 @@ private:
     void paintObjects(QPainter& painter, bool behindText);
     const markdown::DrawnObject* objectAt(const QPoint& point, markdown::DrawnKind kind) const;
     void openLink(const QString& href);
+    QString linkAt(const QPoint& point) const;
     bool showsLinkCards() const;
     std::optional<QRectF> linkCardRect(const markdown::DrawnObject& object) const;
 
@@ -79,6 +97,7 @@ private:
     mutable QHash<QString, QTextCharFormat> formatPool_;
     std::unique_ptr<MarkdownHighlighter> highlighter_;
     markdown::StylePass pass_;
+    std::vector<std::vector<double>> tableColumns_;  // per table of the pass: column widths as drawn
     markdown::Presentation presentation_ = markdown::Presentation::styled;
     double baseSize_ = 13;
     QString noteFile_;
@@ -86,6 +105,7 @@ private:
     bool styling_ = false;
     int previousCaret_ = 0;
     LinkPreviews* linkPreviews_ = nullptr;
+    std::function<QString(const QString&)> noteTitle_;
     double lastStyleMs_ = 0;
     double lastApplyMs_ = 0;
 };
