@@ -159,11 +159,8 @@ void appendEscapedAttributeValue(QByteArray& out, const QByteArray& value) {
     appendEscaped(out, value, true, true);
 }
 
-// gumbo reads <path/> inside <svg> as an open element (HTML ignores the slash)
-// and then closes the innermost unknown element at </svg>, not the <svg>: what
-// follows an icon would land inside it. In the parser's copy such elements
-// become the void <wbr> padded with spaces, so every offset still matches;
-// their names are read from the author's text.
+namespace {
+
 // Elements an HTML parser reads text into until their end tag. Inside <svg> a
 // browser closes <style/> at once, but after a <b> or <p> it has left the
 // <svg> and reads raw text: these keep the parser's HTML reading and are
@@ -178,6 +175,11 @@ bool readsTextUntilEndTag(QByteArrayView name) {
     });
 }
 
+// gumbo reads <path/> inside <svg> as an open element (HTML ignores the slash)
+// and then closes the innermost unknown element at </svg>, not the <svg>: what
+// follows an icon would land inside it. In the parser's copy such elements
+// become the void <wbr> padded with spaces, so every offset still matches;
+// their names are read from the author's text.
 QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
     int foreignDepth = 0;
     const qsizetype size = input.size();
@@ -219,6 +221,8 @@ QByteArray withSelfClosingForeignElementsVoid(QByteArray input) {
     }
     return input;
 }
+
+}  // namespace
 
 HtmlDocument::HtmlDocument(QByteArray utf8) : parsed_(std::move(utf8), &withSelfClosingForeignElementsVoid) {}
 
