@@ -85,8 +85,11 @@ inline QByteArray withoutForeignContent(const QByteArray& bytes) {
 // One gumbo parse of a UTF-8 buffer.
 class ParsedHtml {
   public:
-    explicit ParsedHtml(QByteArray utf8)
-        : utf8_(std::move(utf8)), parserInput_(withoutForeignContent(utf8_)) {
+    // `adjust` may change the parser's copy further, keeping its length.
+    using InputAdjustment = QByteArray (*)(QByteArray parserInput);
+
+    explicit ParsedHtml(QByteArray utf8, InputAdjustment adjust = nullptr)
+        : utf8_(std::move(utf8)), parserInput_(parserInputFor(utf8_, adjust)) {
         GumboOptions options = kGumboDefaultOptions;
         // Unlimited error records copy the open-element stack each time: quadratic memory.
         options.max_errors = 0;
@@ -127,6 +130,13 @@ class ParsedHtml {
     }
 
   private:
+    static QByteArray parserInputFor(const QByteArray& utf8, InputAdjustment adjust) {
+        QByteArray input = withoutForeignContent(utf8);
+        if (!adjust) return input;
+        QByteArray adjusted = adjust(input);
+        return adjusted.size() == input.size() ? adjusted : input;
+    }
+
     QByteArray utf8_;
     const QByteArray parserInput_;  // same length as utf8_; gumbo's pointers point into it
     ParseArena arena_;

@@ -10,8 +10,12 @@ namespace {
 // Longer paths cannot be opened, so a browser loads nothing from them either.
 constexpr qsizetype longestPath = 4096;
 
-bool isAsciiAlpha(QChar c) { return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z'); }
-bool isAsciiWhitespace(QChar c) { return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f'; }
+bool isAsciiAlpha(QChar c) {
+    return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z');
+}
+bool isAsciiWhitespace(QChar c) {
+    return c == u' ' || c == u'\t' || c == u'\n' || c == u'\r' || c == u'\f';
+}
 
 // The scheme in lower case, or empty for a relative reference.
 QString schemeOf(const QString& url) {
@@ -33,7 +37,9 @@ QString withoutQueryAndFragment(const QString& url) {
     return url.left(end);
 }
 
-QString percentDecoded(const QString& text) { return QUrl::fromPercentEncoding(text.toUtf8()); }
+QString percentDecoded(const QString& text) {
+    return QUrl::fromPercentEncoding(text.toUtf8());
+}
 
 bool isLocalHost(const QString& host) {
     const QString name = percentDecoded(host).toLower();
@@ -67,10 +73,12 @@ bool HTMLReferencePolicy::runsScript(const QString& value, bool navigates) {
     const QString scheme = schemeOf(url);
     if (scheme == u"javascript" || scheme == u"vbscript") return true;
     if (scheme != u"data") return false;
-    // "data: text/html;charset=utf-8;base64,…": the type ends at ";" or ",", white space around it is ignored.
+    // "data: text/html;charset=utf-8;base64,…": the type ends at ";" or ",", white space around it is
+    // ignored.
     QString type = url.mid(5);
     type = type.left(type.indexOf(u',')).section(u';', 0, 0).trimmed().toLower();
-    static const QStringList documents = {QStringLiteral("text/html"), QStringLiteral("application/xhtml+xml"), QStringLiteral("text/xml"),
+    static const QStringList documents = {QStringLiteral("text/html"),
+                                          QStringLiteral("application/xhtml+xml"), QStringLiteral("text/xml"),
                                           QStringLiteral("application/xml")};
     return documents.contains(type) || (navigates && type == u"image/svg+xml");
 }
@@ -79,7 +87,8 @@ bool HTMLReferencePolicy::isBlocked(const QString& reference) const {
     const QString url = browserURLText(reference);
     if (url.isEmpty()) return false;  // the note itself
     const QString scheme = schemeOf(url);
-    static const QStringList remote = {QStringLiteral("http"), QStringLiteral("https"), QStringLiteral("ftp"), QStringLiteral("ws"), QStringLiteral("wss")};
+    static const QStringList remote = {QStringLiteral("http"), QStringLiteral("https"), QStringLiteral("ftp"),
+                                       QStringLiteral("ws"), QStringLiteral("wss")};
     if (remote.contains(scheme)) return true;
     if (!scheme.isEmpty() && scheme != u"file") return false;
     if (scheme.isEmpty() && url.startsWith(u'#')) return false;
@@ -115,19 +124,20 @@ bool HTMLReferencePolicy::isInsideFolder(const QString& path) const {
     return folder_ == u"/" || real == folder_ || real.startsWith(folder_ + u'/');
 }
 
-// The path with every symbolic link in its existing part resolved.
+// The path with every symbolic link resolved, as far as it exists. Folders
+// are resolved once, so each further file costs one lstat.
 QString HTMLReferencePolicy::resolved(const QString& cleanPath) const {
+    if (cleanPath == u"/" || cleanPath.isEmpty()) return QStringLiteral("/");
     if (const auto known = resolvedPaths_.constFind(cleanPath); known != resolvedPaths_.cend()) return *known;
-    QString existing = cleanPath;
-    QString missing;
-    while (!QFileInfo::exists(existing) && existing != u"/" && !existing.isEmpty()) {
-        const qsizetype slash = existing.lastIndexOf(u'/');
-        missing = existing.mid(slash) + missing;
-        existing = slash <= 0 ? QStringLiteral("/") : existing.left(slash);
+    const qsizetype slash = cleanPath.lastIndexOf(u'/');
+    const QString parent = resolved(slash <= 0 ? QStringLiteral("/") : cleanPath.left(slash));
+    QString real = (parent == u"/" ? QString() : parent) + cleanPath.mid(slash);
+    const QFileInfo file(real);
+    if (file.isSymLink()) {
+        const QString target = file.canonicalFilePath();
+        // A dangling link loads nothing; judged by where it lies.
+        if (!target.isEmpty()) real = target;
     }
-    QString real = QFileInfo(existing).canonicalFilePath();
-    if (real.isEmpty()) real = existing;
-    real = QDir::cleanPath(real + missing);
     resolvedPaths_.insert(cleanPath, real);
     return real;
 }
@@ -149,9 +159,12 @@ QStringList HTMLReferencePolicy::srcsetURLs(const QString& srcset) {
         int depth = 0;
         for (; at < size; ++at) {
             const QChar c = srcset.at(at);
-            if (c == u'(') ++depth;
-            else if (c == u')' && depth > 0) --depth;
-            else if (c == u',' && depth == 0) break;
+            if (c == u'(')
+                ++depth;
+            else if (c == u')' && depth > 0)
+                --depth;
+            else if (c == u',' && depth == 0)
+                break;
         }
     }
     return urls;

@@ -28,7 +28,8 @@ class HTMLRenderCache {
     static HTMLRenderCache& shared();
 
     // The cached result, or HTMLRenderPolicy::prepare's, which is then kept.
-    // Passing the same QString again is answered without reading its text.
+    // Passing the same QString again is answered without reading its text
+    // (a string made with QString::fromRawData must not change meanwhile).
     HTMLRenderResult prepare(const QString& source, const QUrl& noteURL = {});
 
     // Lower-case hex SHA-256 of the length-prefixed source and folder.

@@ -4,7 +4,6 @@
 #include <QString>
 #include <optional>
 #include <string_view>
-#include <unordered_set>
 #include <vector>
 
 #include "HtmlParsing.h"
@@ -17,6 +16,7 @@ namespace mossly::html {
 // `http-equiv` (`link[rel=import]`).
 struct ElementPattern {
     QByteArray tag;
+    GumboTag gumboTag = GUMBO_TAG_UNKNOWN;  // the parser's own tag, when it has one
     QByteArray attribute;
     std::optional<QByteArray> value;
 };
@@ -25,8 +25,9 @@ struct ElementPattern {
 std::vector<ElementPattern> parseSelectorList(std::string_view selectors);
 
 // A parsed HTML document that elements and attributes can be removed from,
-// serialised as an HTML5 serialiser does. Removal only marks: gumbo's tree is
-// never changed, so every walk stays valid. Not thread-safe; one per parse.
+// serialised as an HTML5 serialiser does. Removal only marks: no node moves,
+// so every walk stays valid. Not thread-safe; one per parse. Names, values and
+// texts it returns may point into the document: use them while it lives.
 class HtmlDocument {
   public:
     struct Attribute {
@@ -46,12 +47,13 @@ class HtmlDocument {
     // Elements at and below `from` still in the document, in document order,
     // template contents included.
     std::vector<const GumboNode*> elements(const GumboNode* from) const;
-    std::vector<const GumboNode*> select(const GumboNode* from, const std::vector<ElementPattern>& patterns) const;
+    std::vector<const GumboNode*> select(const GumboNode* from,
+                                         const std::vector<ElementPattern>& patterns) const;
     bool matches(const GumboNode* element, const ElementPattern& pattern) const;
 
-    void remove(const GumboNode* node) { removedNodes_.insert(node); }
+    void remove(const GumboNode* node);
     std::vector<Attribute> attributes(const GumboNode* element) const;  // those not removed
-    void removeAttribute(const GumboAttribute* attribute) { removedAttributes_.insert(attribute); }
+    void removeAttribute(const GumboAttribute* attribute);
 
     // The element's name as the author wrote it, in lower case ("svg", not
     // the name the parser saw).
@@ -62,17 +64,17 @@ class HtmlDocument {
 
   private:
     struct Frame;
-    bool isRemoved(const GumboNode* node) const { return removedNodes_.contains(node); }
+    static bool isRemoved(const GumboNode* node);
     QByteArray originalBytes(const GumboStringPiece& piece) const;
+    QByteArray originalName(const GumboStringPiece& tag) const;
     QByteArray decoded(const char* text, const GumboStringPiece& original) const;
     QByteArray textData(const GumboNode* node, bool parentIsRawText) const;
     QByteArray writtenName(const GumboNode* element, bool inForeignContent) const;
-    void appendStartTag(QByteArray& out, const GumboNode* element, const QByteArray& name, bool closesItself) const;
+    void appendStartTag(QByteArray& out, const GumboNode* element, const QByteArray& name,
+                        bool closesItself) const;
     void appendChild(QByteArray& out, std::vector<Frame>& stack, const GumboNode* child) const;
 
     ParsedHtml parsed_;
-    std::unordered_set<const GumboNode*> removedNodes_;
-    std::unordered_set<const GumboAttribute*> removedAttributes_;
 };
 
 // The children of an element, a template or the document.

@@ -64,14 +64,16 @@ int runHtmlPage(const QStringList& arguments, QIODevice& in, QTextStream& out, Q
         return failure;
     }
     const QString source = QString::fromUtf8(in.readAll());
-    const QUrl noteURL =
-        options->notePath.isEmpty() ? QUrl() : QUrl::fromLocalFile(QFileInfo(options->notePath).absoluteFilePath());
+    const QUrl noteURL = options->notePath.isEmpty()
+                             ? QUrl()
+                             : QUrl::fromLocalFile(QFileInfo(options->notePath).absoluteFilePath());
     if (options->fragment && !options->json) {
         out << HTMLRenderPolicy::prepareFragment(source, noteURL) << '\n';
         return 0;
     }
-    const QString page = options->fragment ? QStringLiteral("<html><body>") + source + QStringLiteral("</body></html>")
-                                           : source;
+    const QString page = options->fragment
+                             ? QStringLiteral("<html><body>") + source + QStringLiteral("</body></html>")
+                             : source;
     const HTMLRenderResult result = HTMLRenderPolicy::prepare(page, noteURL);
     out << (options->json ? resultJson(result) : result.html) << '\n';
     return 0;
