@@ -8,6 +8,7 @@
 
 #include "EditorTextSync.h"
 #include "HtmlNoteView.h"
+#include "SketchNoteView.h"
 #include "MarkdownTextView.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
@@ -96,6 +97,7 @@ void EditorPane::showSelection() {
 void EditorPane::showNote(const QString& url) {
     const Note* note = url.isEmpty() ? nullptr : store_.note(url);
     if (htmlView_ && (!note || !store_.isBodyAvailable(note->url))) htmlView_->showNote(QString());
+    if (sketchView_ && (!note || !store_.isBodyAvailable(note->url))) sketchView_->showNote(QString());
     if (!note) {
         url_.clear();
         editor_->showNote(QString());
@@ -115,8 +117,16 @@ void EditorPane::showNote(const QString& url) {
     placeholder_->setText(tr("No note selected"));
     if (note->url != url_) {
         url_ = note->url;
-        // Markdown notes get the styled editor, HTML notes their page; sketches stay plain text for now.
-        if (note->contentType == NoteContentType::html) {
+        // Markdown notes get the styled editor, HTML notes their page, sketches their canvas.
+        if (note->contentType == NoteContentType::sketch) {
+            editor_->showNote(QString());
+            if (!sketchView_) {
+                sketchView_ = new SketchNoteView(store_, this);
+                stack_->addWidget(sketchView_);
+            }
+            sketchView_->showNote(note->url);
+            stack_->setCurrentWidget(sketchView_);
+        } else if (note->contentType == NoteContentType::html) {
             editor_->showNote(QString());
             if (!htmlView_) {
                 htmlView_ = new HtmlNoteView(store_, this);
@@ -138,6 +148,7 @@ void EditorPane::showNote(const QString& url) {
             stack_->setCurrentWidget(editor_);
         }
         if (htmlView_ && stack_->currentWidget() != htmlView_) htmlView_->showNote(QString());
+        if (sketchView_ && stack_->currentWidget() != sketchView_) sketchView_->showNote(QString());
     }
     updateBanners();
 }

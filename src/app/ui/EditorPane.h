@@ -11,6 +11,7 @@ class QStackedWidget;
 namespace mossly {
 
 class HtmlNoteView;
+class SketchNoteView;
 class MarkdownTextView;
 class NoteStore;
 class PlainNoteEditor;
@@ -29,6 +30,8 @@ public:
     MarkdownTextView* markdownEditor() const { return markdownEditor_; }
     // Made when the first HTML note is shown: a web view costs a browser process.
     HtmlNoteView* htmlView() const { return htmlView_; }
+    // Made when the first sketch is shown, for the same reason.
+    SketchNoteView* sketchView() const { return sketchView_; }
     // Split mode of HTML notes: the source beside the page.
     void setHtmlSplitMode(bool split);
     bool htmlSplitMode() const { return htmlSplitMode_; }
@@ -59,6 +62,7 @@ private:
     PlainNoteEditor* editor_;
     MarkdownTextView* markdownEditor_;
     HtmlNoteView* htmlView_ = nullptr;
+    SketchNoteView* sketchView_ = nullptr;
     bool htmlSplitMode_ = false;
     QString url_;
     QString shownMarkdown_;  // the Markdown editor's text as last taken from or given to the store

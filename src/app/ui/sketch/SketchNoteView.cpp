@@ -1,0 +1,138 @@
+#include "SketchNoteView.h"
+
+#include <QApplication>
+#include <QCoreApplication>
+#include <QDir>
+#include <QFile>
+#include <QFileInfo>
+#include <QPalette>
+#include <QWebChannel>
+#include <QWebEnginePage>
+#include <QWebEngineProfile>
+#include <QWebEngineScript>
+#include <QWebEngineScriptCollection>
+#include <QWebEngineSettings>
+
+#include "Diagnostics.h"
+#include "NoteRequestInterceptor.h"
+#include "NoteStore.h"
+#include "SketchBridge.h"
+
+namespace mossly {
+
+namespace {
+
+// The page may navigate to nothing; links in a drawing open nowhere.
+class SketchPage : public QWebEnginePage {
+public:
+    using QWebEnginePage::QWebEnginePage;
+    QUrl allowed;
+
+protected:
+    bool acceptNavigationRequest(const QUrl& url, NavigationType, bool isMainFrame) override {
+        return isMainFrame && url.adjusted(QUrl::RemoveQuery) == allowed;
+    }
+    QWebEnginePage* createWindow(WebWindowType) override { return nullptr; }
+};
+
+QString webChannelScript() {
+    QFile file(QStringLiteral(":/qtwebchannel/qwebchannel.js"));
+    return file.open(QIODevice::ReadOnly) ? QString::fromUtf8(file.readAll()) : QString();
+}
+
+}  // namespace
+
+QString SketchNoteView::bundleFolder() {
+    const QString installed =
+        QDir(QCoreApplication::applicationDirPath()).filePath(QStringLiteral("../share/mossly/sketch"));
+    if (QFileInfo::exists(installed + QStringLiteral("/index.html"))) return QDir::cleanPath(installed);
+    return QStringLiteral(MOSSLY_SKETCH_BUNDLE_DIR);
+}
+
+SketchNoteView::SketchNoteView(NoteStore& store, QWidget* parent) : QWebEngineView(parent), store_(store) {
+    setObjectName(QStringLiteral("sketchNoteView"));
+    profile_ = new QWebEngineProfile(this);  // off the record
+    profile_->setHttpCacheType(QWebEngineProfile::MemoryHttpCache);
+    profile_->setPersistentCookiesPolicy(QWebEngineProfile::NoPersistentCookies);
+    interceptor_ = new NoteRequestInterceptor(this);
+    interceptor_->setFolders({}, bundleFolder());
+    profile_->setUrlRequestInterceptor(interceptor_);
+    auto* page = new SketchPage(profile_, this);
+    QWebEngineSettings* settings = page->settings();
+    settings->setAttribute(QWebEngineSettings::LocalContentCanAccessRemoteUrls, false);
+    settings->setAttribute(QWebEngineSettings::LocalStorageEnabled, false);
+    settings->setAttribute(QWebEngineSettings::PluginsEnabled, false);
+    settings->setAttribute(QWebEngineSettings::JavascriptCanOpenWindows, false);
+    settings->setAttribute(QWebEngineSettings::DnsPrefetchEnabled, false);
+    settings->setAttribute(QWebEngineSettings::NavigateOnDropEnabled, false);
+    settings->setUnknownUrlSchemePolicy(QWebEngineSettings::DisallowUnknownUrlSchemes);
+
+    QWebEngineScript channel;
+    channel.setName(QStringLiteral("qwebchannel"));
+    channel.setSourceCode(webChannelScript());
+    channel.setInjectionPoint(QWebEngineScript::DocumentCreation);
+    channel.setWorldId(QWebEngineScript::MainWorld);
+    page->scripts().insert(channel);
+    bridge_ = new SketchBridge(this);
+    auto* webChannel = new QWebChannel(page);
+    webChannel->registerObject(QStringLiteral("bridge"), bridge_);
+    page->setWebChannel(webChannel);
+    setPage(page);
+    setContextMenuPolicy(Qt::NoContextMenu);
+
+    connect(bridge_, &SketchBridge::ready, this, [this] {
+        ready_ = true;
+        emit pageReady();
+        sendDocument();
+    });
+    connect(bridge_, &SketchBridge::edited, this, &SketchNoteView::takeEdit);
+    connect(bridge_, &SketchBridge::refused, this, [this](const QString& note, const QString& message) {
+        if (note != url_) return;
+        refusal_ = message;
+        DiagnosticsCenter::shared().event(QStringLiteral("Sketch shown read-only"), {{"reason", message}});
+    });
+    connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
+        if (url == url_ && store_.body(url) != shownText_) sendDocument();
+    });
+    const QUrl index = QUrl::fromLocalFile(QDir(bundleFolder()).filePath(QStringLiteral("index.html")));
+    page->allowed = index;
+    page->load(index);
+}
+
+SketchNoteView::~SketchNoteView() {
+    // The drawing's last strokes, if the page still holds any, cannot be waited
+    // for here; the page saves within a quarter of a second of each change.
+    QWebEnginePage* current = page();
+    setPage(nullptr);
+    delete current;
+}
+
+bool SketchNoteView::isDark() const { return palette().color(QPalette::Base).lightness() < 128; }
+
+void SketchNoteView::showNote(const QString& url) {
+    if (ready_ && !url_.isEmpty() && url != url_) emit bridge_->flushRequested();
+    if (url == url_ && url.isEmpty()) return;
+    url_ = url;
+    refusal_.clear();
+    sendDocument();
+}
+
+void SketchNoteView::sendDocument() {
+    if (!ready_ || url_.isEmpty()) return;
+    shownText_ = store_.body(url_);
+    emit bridge_->documentLoaded(url_, shownText_, isDark());
+    emit documentShown();
+}
+
+// The page's drawing, as the new text of the note it was drawn in (which may
+// be the one shown before, saved as another replaced it).
+void SketchNoteView::takeEdit(const QString& note, const QString& json) {
+    if (note.isEmpty() || !store_.note(note)) return;
+    if (note == url_) {
+        if (!refusal_.isEmpty() || json == shownText_) return;
+        shownText_ = json;
+    }
+    store_.setBody(note, json);
+}
+
+}  // namespace mossly

@@ -1,0 +1,57 @@
+#pragma once
+
+#include <QString>
+#include <QWebEngineView>
+
+class QWebEngineProfile;
+
+namespace mossly {
+
+class NoteRequestInterceptor;
+class NoteStore;
+class SketchBridge;
+
+// A sketch note (".tldr") on a tldraw canvas. The page is bundled with the app
+// and runs on a profile of its own that keeps nothing on disk; it may load its
+// own files and data: and blob: URLs, nothing else. Every change the user
+// makes comes back as the note's new text and is saved through the store
+// (debounced, revision-checked, conflicts) like any other note; a change made
+// elsewhere is shown on the canvas. A file the bundled tldraw cannot read is
+// shown read-only and never rewritten.
+class SketchNoteView : public QWebEngineView {
+    Q_OBJECT
+public:
+    explicit SketchNoteView(NoteStore& store, QWidget* parent = nullptr);
+    ~SketchNoteView() override;
+
+    void showNote(const QString& url);
+    const QString& noteUrl() const { return url_; }
+
+    bool isReady() const { return ready_; }
+    // Set when the page could not read the note; the canvas is then read-only.
+    const QString& refusal() const { return refusal_; }
+    NoteRequestInterceptor& interceptor() const { return *interceptor_; }
+
+    // Where the bundled page lives: beside the program when installed, else the build tree's copy.
+    static QString bundleFolder();
+
+signals:
+    void pageReady();
+    void documentShown();
+
+private:
+    void sendDocument();
+    void takeEdit(const QString& note, const QString& json);
+    bool isDark() const;
+
+    NoteStore& store_;
+    QWebEngineProfile* profile_;
+    NoteRequestInterceptor* interceptor_;
+    SketchBridge* bridge_;
+    QString url_;
+    QString shownText_;  // the note's text as last sent to or received from the page
+    QString refusal_;
+    bool ready_ = false;
+};
+
+}  // namespace mossly

@@ -1,0 +1,116 @@
+// The sketch canvas inside Mossly: a tldraw editor that takes its drawing
+// from the app and hands every change back. Nothing here touches the network
+// or the disk: the app owns the file, its saves and its conflicts.
+import React from 'react'
+import { createRoot } from 'react-dom/client'
+import { Tldraw, parseTldrawJsonFile } from 'tldraw'
+import { getAssetUrlsByImport } from '@tldraw/assets/imports'
+import 'tldraw/tldraw.css'
+
+import icons from 'mossly:icons'
+
+const assetUrls = { ...getAssetUrlsByImport(), icons }
+const saveDelayMs = 250
+
+let editor = null
+let bridge = null
+let applyingHostDocument = false
+let readOnly = false
+let pendingSave = null
+let shownNote = ''  // the app's name for the note on the canvas
+
+function showNotice(text) {
+  const notice = document.getElementById('notice')
+  notice.textContent = text
+  notice.style.display = text ? 'block' : 'none'
+}
+
+// Whether the file was written by a tldraw that knows more than this bundle:
+// a record type it does not have, or a later version of one it has.
+function isFromNewerTldraw(json) {
+  try {
+    const theirs = JSON.parse(json)?.schema?.sequences ?? {}
+    const ours = editor.store.schema.serialize().sequences
+    return Object.entries(theirs).some(([name, version]) => !(name in ours) || version > ours[name])
+  } catch {
+    return false
+  }
+}
+
+function describe(error, json) {
+  if (error?.type === 'v1') return 'This sketch was made with an old version of tldraw that Mossly cannot open.'
+  if (isFromNewerTldraw(json)) {
+    return 'This sketch was made with a newer version of tldraw. It is shown read-only and left exactly as it is.'
+  }
+  return 'This sketch could not be read. It is left exactly as it is.'
+}
+
+function setReadOnly(value) {
+  readOnly = value
+  editor.updateInstanceState({ isReadonly: value })
+}
+
+// The app's text of the note, as the canvas shows it. A file the bundle cannot
+// read is never rewritten: the canvas goes read-only and says why.
+function loadDocument(note, json, dark) {
+  if (pendingSave) save()  // the drawing on the canvas is saved before another replaces it
+  shownNote = note
+  editor.user.updateUserPreferences({ colorScheme: dark ? 'dark' : 'light' })
+  const parsed = parseTldrawJsonFile({ json, schema: editor.store.schema })
+  if (!parsed.ok) {
+    const message = describe(parsed.error, json)
+    setReadOnly(true)
+    showNotice(message)
+    bridge.documentRefused(note, message)
+    return
+  }
+  applyingHostDocument = true
+  try {
+    const snapshot = parsed.value.getStoreSnapshot()
+    editor.store.mergeRemoteChanges(() => editor.store.loadStoreSnapshot(snapshot))
+  } finally {
+    applyingHostDocument = false
+  }
+  setReadOnly(false)
+  showNotice('')
+  window.mosslyLoads = (window.mosslyLoads || 0) + 1
+}
+
+// The note's text: the drawing's document records in tldraw's file format,
+// taken at once (never after another note has replaced them).
+function save() {
+  if (pendingSave) clearTimeout(pendingSave)
+  pendingSave = null
+  if (readOnly || !shownNote) return
+  const json = JSON.stringify({
+    tldrawFileFormatVersion: 1,
+    schema: editor.store.schema.serialize(),
+    records: Object.values(editor.store.serialize('document')),
+  })
+  bridge.documentEdited(shownNote, json)
+}
+
+function connect() {
+  new QWebChannel(qt.webChannelTransport, (channel) => {
+    bridge = channel.objects.bridge
+    bridge.documentLoaded.connect(loadDocument)
+    bridge.themeChanged.connect((dark) => editor.user.updateUserPreferences({ colorScheme: dark ? 'dark' : 'light' }))
+    bridge.flushRequested.connect(() => { if (pendingSave) save() })
+    editor.store.listen(() => {
+      if (applyingHostDocument || readOnly) return
+      if (pendingSave) clearTimeout(pendingSave)
+      pendingSave = setTimeout(save, saveDelayMs)
+    }, { source: 'user', scope: 'document' })
+    bridge.pageReady()
+  })
+}
+
+function App() {
+  return <Tldraw assetUrls={assetUrls} onMount={(mounted) => {
+    editor = mounted
+    window.mosslyEditor = mounted  // for the app's tests
+    connect()
+  }} />
+}
+
+createRoot(document.getElementById('root')).render(<App />)

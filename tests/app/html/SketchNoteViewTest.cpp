@@ -1,0 +1,130 @@
+#include <gtest/gtest.h>
+
+#include <QDir>
+#include <QFile>
+#include <QSignalSpy>
+#include <QTest>
+#include <QWebEnginePage>
+
+#include "AppTestSupport.h"
+#include "EditorPane.h"
+#include "MainWindow.h"
+#include "NoteDocument.h"
+#include "NoteRequestInterceptor.h"
+#include "NoteStore.h"
+#include "SketchDocumentCodec.h"
+#include "SketchNoteView.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+QVariant evaluate(QWebEnginePage* page, const QString& script) {
+    QVariant result;
+    bool done = false;
+    page->runJavaScript(script, [&](const QVariant& value) {
+        result = value;
+        done = true;
+    });
+    test::waitUntil([&] { return done; }, 10000);
+    return result;
+}
+
+const char* const harbourShape =
+    "mosslyEditor.createShape({type: 'text', x: 80, y: 260, props: {richText: {type: 'doc', content: "
+    "[{type: 'paragraph', content: [{type: 'text', text: 'Harbour tides'}]}]}}});"
+    "mosslyEditor.createShape({type: 'geo', x: 80, y: 80, props: {w: 220, h: 120, geo: 'ellipse'}}); true";
+
+class SketchNoteViewTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    std::unique_ptr<NoteStore> store;
+    std::unique_ptr<MainWindow> window;
+
+    void open() {
+        store = std::make_unique<NoteStore>(
+            folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
+                                              .welcomeIconPng = {}});
+        window = std::make_unique<MainWindow>(*store);
+        window->resize(1100, 720);
+        window->show();
+        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
+    }
+    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
+    // Selects a sketch and waits until its drawing is on the canvas.
+    SketchNoteView* showSketch(const QString& identifier, int loadsBefore = 0) {
+        store->select(url(identifier));
+        SketchNoteView* view = window->editorPane()->sketchView();
+        if (!view) return nullptr;
+        const bool shown = test::waitUntil(
+            [&] {
+                return view->isReady() &&
+                       evaluate(view->page(), QStringLiteral("window.mosslyLoads || 0")).toInt() > loadsBefore;
+            },
+            30000);
+        return shown ? view : nullptr;
+    }
+};
+
+TEST_F(SketchNoteViewTest, ADrawingIsSavedOnceAfterTheDebounceAndItsTextIsSearchable) {
+    folder.write(QStringLiteral("Harbour.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    open();
+    SketchNoteView* view = showSketch(QStringLiteral("Harbour.tldr"));
+    ASSERT_TRUE(view) << "the canvas comes up with the note's drawing";
+    QSignalSpy changes(store.get(), &NoteStore::noteContentChanged);
+    ASSERT_TRUE(evaluate(view->page(), QString::fromLatin1(harbourShape)).toBool());
+    const QString file = url("Harbour.tldr");
+    ASSERT_TRUE(test::waitUntil([&] { return QString::fromUtf8(folder.read("Harbour.tldr")).contains("Harbour tides"); }, 10000));
+    test::spin(600);
+    EXPECT_EQ(changes.count(), 1) << "two shapes drawn at once are one save";
+    const QString saved = QString::fromUtf8(folder.read("Harbour.tldr"));
+    const NoteDocument document(saved, NoteContentType::sketch);
+    EXPECT_TRUE(document.visibleText().contains(QStringLiteral("Harbour tides"))) << "the catalog finds the words";
+    EXPECT_EQ(document.lastEditedBy, NoteEditor::human()) << "who drew it is kept in the drawing's document record";
+    if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
+        test::spin(500);
+        window->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/sketch-note.png"));
+    }
+    // Nothing but the bundle's own files, data: and blob: was asked for.
+    for (const QUrl& requested : view->interceptor().requested()) {
+        if (requested.scheme() == QLatin1String("data") || requested.scheme() == QLatin1String("blob")) continue;
+        ASSERT_TRUE(requested.isLocalFile()) << requested.toString().toStdString();
+        EXPECT_TRUE(NoteRequestInterceptor::isInside(requested.toLocalFile(), SketchNoteView::bundleFolder()))
+            << requested.toString().toStdString();
+    }
+}
+
+TEST_F(SketchNoteViewTest, AChangeMadeElsewhereIsShownOnTheCanvas) {
+    folder.write(QStringLiteral("Plan.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    open();
+    SketchNoteView* view = showSketch(QStringLiteral("Plan.tldr"));
+    ASSERT_TRUE(view);
+    ASSERT_TRUE(evaluate(view->page(), QString::fromLatin1(harbourShape)).toBool());
+    ASSERT_TRUE(test::waitUntil([&] { return QString::fromUtf8(folder.read("Plan.tldr")).contains("Harbour tides"); }, 10000));
+    ASSERT_TRUE(test::waitUntil([&] { return !store->hasPendingSaves(); }, 5000));
+    // Another program (an agent, a sync engine) puts back the empty drawing.
+    const int loads = evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt();
+    folder.write(QStringLiteral("Plan.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt() > loads; }, 15000));
+    EXPECT_EQ(evaluate(view->page(), QStringLiteral("mosslyEditor.getCurrentPageShapes().length")).toInt(), 0);
+}
+
+TEST_F(SketchNoteViewTest, ADrawingFromANewerTldrawIsShownReadOnlyAndNeverRewritten) {
+    QString newer = SketchDocumentCodec::emptyDocument();
+    newer.replace(QStringLiteral("\"sequences\":{}"), QStringLiteral("\"sequences\":{\"com.tldraw.document\":999}"));
+    folder.write(QStringLiteral("Future.tldr"), newer.toUtf8());
+    open();
+    store->select(url("Future.tldr"));
+    SketchNoteView* view = window->editorPane()->sketchView();
+    ASSERT_TRUE(view);
+    ASSERT_TRUE(test::waitUntil([&] { return !view->refusal().isEmpty(); }, 30000));
+    EXPECT_TRUE(view->refusal().contains(QStringLiteral("newer version of tldraw"))) << view->refusal().toStdString();
+    EXPECT_TRUE(evaluate(view->page(), QStringLiteral("mosslyEditor.getInstanceState().isReadonly")).toBool());
+    evaluate(view->page(), QString::fromLatin1(harbourShape));
+    test::spin(800);
+    EXPECT_EQ(QString::fromUtf8(folder.read("Future.tldr")), newer) << "the file is left exactly as it was";
+}
+
+}  // namespace
+}  // namespace mossly
