@@ -14,6 +14,7 @@
 #include <QWebEngineScript>
 
 #include "AppTestSupport.h"
+#include "LibraryWindowTest.h"
 #include "EditorPane.h"
 #include "HTMLRenderPolicy.h"
 #include "HtmlNoteView.h"
@@ -62,23 +63,7 @@ void expectOnlyLocalRequests(const HtmlPageView& view, const QString& noteFolder
     }
 }
 
-class HtmlNoteViewTest : public ::testing::Test {
-protected:
-    test::TemporaryNotesFolder folder;
-    std::unique_ptr<NoteStore> store;
-    std::unique_ptr<MainWindow> window;
-
-    void open() {
-        store = std::make_unique<NoteStore>(
-            folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
-                                              .welcomeIconPng = {}});
-        window = std::make_unique<MainWindow>(*store);
-        window->resize(1000, 700);
-        window->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
-    }
-    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
-};
+using HtmlNoteViewTest = test::LibraryWindowTest;
 
 // Each of these would change the title, add an element, reach the network or
 // read a file outside the folder if anything of it ran or loaded.

@@ -7,6 +7,7 @@
 #include <QWebEnginePage>
 
 #include "AppTestSupport.h"
+#include "LibraryWindowTest.h"
 #include "EditorPane.h"
 #include "MainWindow.h"
 #include "NoteDocument.h"
@@ -35,22 +36,8 @@ const char* const harbourShape =
     "[{type: 'paragraph', content: [{type: 'text', text: 'Harbour tides'}]}]}}});"
     "mosslyEditor.createShape({type: 'geo', x: 80, y: 80, props: {w: 220, h: 120, geo: 'ellipse'}}); true";
 
-class SketchNoteViewTest : public ::testing::Test {
+class SketchNoteViewTest : public test::LibraryWindowTest {
 protected:
-    test::TemporaryNotesFolder folder;
-    std::unique_ptr<NoteStore> store;
-    std::unique_ptr<MainWindow> window;
-
-    void open() {
-        store = std::make_unique<NoteStore>(
-            folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
-                                              .welcomeIconPng = {}});
-        window = std::make_unique<MainWindow>(*store);
-        window->resize(1100, 720);
-        window->show();
-        ASSERT_TRUE(QTest::qWaitForWindowExposed(window.get()));
-    }
-    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
     // Selects a sketch and waits until its drawing is on the canvas.
     SketchNoteView* showSketch(const QString& identifier, int loadsBefore = 0) {
         store->select(url(identifier));
