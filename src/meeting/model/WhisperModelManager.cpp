@@ -86,7 +86,14 @@ void WhisperModelManager::download() {
         progress_.reset();
         publishedPercent_ = -1;
     }
-    if (worker_.joinable()) worker_.join();  // the previous download has already ended
+    if (worker_.joinable()) {
+        // A retry from a slot connected directly to the ending download runs on
+        // that download's thread, which cannot join itself; it ends right after.
+        if (worker_.get_id() == std::this_thread::get_id())
+            worker_.detach();
+        else
+            worker_.join();  // the previous download has already ended
+    }
     cancel_ = false;
     emit stateChanged();
     worker_ = std::thread([this] { runDownload(); });

@@ -7,6 +7,7 @@
 #include <QRegularExpression>
 #include <QTemporaryDir>
 #include <mutex>
+#include <thread>
 
 #include "TestHttpServer.h"
 #include "WhisperModelManager.h"
@@ -131,6 +132,27 @@ TEST_F(WhisperModelManagerTest, CutConnectionKeepsTheBytesAndTheNextDownloadResu
     EXPECT_TRUE(models->state().isInstalled());
     EXPECT_EQ(read("ggml-base.bin"), model);
     EXPECT_FALSE(QFile::exists(path(".ggml-base.bin.partial")));
+}
+
+TEST_F(WhisperModelManagerTest, ARetryStartedFromTheFailureSignalItselfWorks) {
+    int attempt = 0;
+    TestHttpServer server([&](const auto& request) {
+        auto response = serveWithRanges(model, request);
+        if (attempt++ == 0) response.status = 503;
+        return response;
+    });
+    auto models = manager(server);
+    std::atomic<bool> retried{false};
+    QObject::connect(models.get(), &WhisperModelManager::stateChanged, [&] {
+        if (models->state().kind == WhisperModelState::Kind::failed && !retried.exchange(true))
+            models->download();
+    });
+    models->download();
+    for (int wait = 0; wait < 500 && !models->state().isInstalled(); ++wait)
+        std::this_thread::sleep_for(10ms);
+    models->waitForDownload();
+    EXPECT_TRUE(retried);
+    EXPECT_TRUE(models->state().isInstalled());
 }
 
 TEST_F(WhisperModelManagerTest, AServerIgnoringRangeRestartsThePartialFileCleanly) {
