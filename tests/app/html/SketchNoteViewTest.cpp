@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
 #include <QWebEnginePage>
@@ -95,6 +96,41 @@ TEST_F(SketchNoteViewTest, AChangeMadeElsewhereIsShownOnTheCanvas) {
     ASSERT_TRUE(test::waitUntil(
         [&] { return evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt() > loads; }, 15000));
     EXPECT_EQ(evaluate(view->page(), QStringLiteral("mosslyEditor.getCurrentPageShapes().length")).toInt(), 0);
+}
+
+// Strokes not yet saved when the file changes elsewhere are never drawn over:
+// the note is in conflict, the canvas keeps the strokes, and Reload shows the
+// other version.
+TEST_F(SketchNoteViewTest, UnsavedStrokesAndAChangeElsewhereBecomeAConflict) {
+    folder.write(QStringLiteral("Board.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    open();
+    SketchNoteView* view = showSketch(QStringLiteral("Board.tldr"));
+    ASSERT_TRUE(view);
+    // Another writer holds the library lock, so the strokes cannot be saved yet.
+    QProcess holder;
+    holder.start(QStringLiteral("flock"), {QStringLiteral("--no-fork"), QStringLiteral("-x"),
+                                           folder.filePath(".notes-agent.lock"), QStringLiteral("sleep"), QStringLiteral("30")});
+    ASSERT_TRUE(holder.waitForStarted());
+    test::spin(200);
+    ASSERT_TRUE(evaluate(view->page(), QString::fromLatin1(harbourShape)).toBool());
+    ASSERT_TRUE(test::waitUntil([&] { return store->hasPendingSaves(); }, 10000));
+    // A sync engine replaces the file meanwhile; then the lock is free again.
+    QString elsewhere = SketchDocumentCodec::emptyDocument();
+    elsewhere.replace(QStringLiteral("\"Page 1\""), QStringLiteral("\"Drawn elsewhere\""));
+    folder.write(QStringLiteral("Board.tldr"), elsewhere.toUtf8());
+    holder.kill();
+    holder.waitForFinished();
+    ASSERT_TRUE(test::waitUntil([&] { return store->conflict(url("Board.tldr")) != nullptr; }, 15000));
+    test::spin(500);
+    EXPECT_EQ(QString::fromUtf8(folder.read("Board.tldr")), elsewhere) << "the other version is not overwritten";
+    EXPECT_EQ(evaluate(view->page(), QStringLiteral("mosslyEditor.getCurrentPageShapes().length")).toInt(), 2)
+        << "the strokes stay on the canvas";
+    const int loads = evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt();
+    store->reloadConflict(url("Board.tldr"));
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt() > loads; }, 10000));
+    EXPECT_EQ(evaluate(view->page(), QStringLiteral("mosslyEditor.getCurrentPage().name")).toString(),
+              QStringLiteral("Drawn elsewhere"));
 }
 
 TEST_F(SketchNoteViewTest, ADrawingFromANewerTldrawIsShownReadOnlyAndNeverRewritten) {
