@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QImage>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
@@ -131,6 +132,33 @@ TEST_F(SketchNoteViewTest, UnsavedStrokesAndAChangeElsewhereBecomeAConflict) {
         [&] { return evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt() > loads; }, 10000));
     EXPECT_EQ(evaluate(view->page(), QStringLiteral("mosslyEditor.getCurrentPage().name")).toString(),
               QStringLiteral("Drawn elsewhere"));
+}
+
+// An image put on the canvas is a file beside the sketch, referenced by a
+// relative path: the drawing stays small and the image survives a reload.
+TEST_F(SketchNoteViewTest, AnImageOnTheCanvasIsAFileBesideTheSketch) {
+    folder.write(QStringLiteral("Board.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    open();
+    SketchNoteView* view = showSketch(QStringLiteral("Board.tldr"));
+    ASSERT_TRUE(view);
+    evaluate(view->page(), QStringLiteral(
+        "(async () => { const c = new OffscreenCanvas(16, 16); const g = c.getContext('2d'); g.fillStyle = '#2e6b4f';"
+        " g.fillRect(0, 0, 16, 16); const blob = await c.convertToBlob({type: 'image/png'});"
+        " await mosslyEditor.putExternalContent({type: 'files', files: [new File([blob], 'dot.png', {type: 'image/png'})],"
+        " point: {x: 200, y: 200}}); })(); true"));
+    ASSERT_TRUE(test::waitUntil([&] { return folder.exists(QStringLiteral("Board.assets/dot.png")); }, 15000));
+    ASSERT_TRUE(test::waitUntil([&] { return QString::fromUtf8(folder.read("Board.tldr")).contains("Board.assets/dot.png"); }, 10000));
+    const QString saved = QString::fromUtf8(folder.read("Board.tldr"));
+    EXPECT_FALSE(saved.contains(QStringLiteral("data:image"))) << "the image is not inlined";
+    EXPECT_TRUE(QImage::fromData(folder.read("Board.assets/dot.png")).size() == QSize(16, 16));
+    // Shown again from the file: read from the assets folder, nothing refused.
+    const int loads = evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt();
+    folder.write(QStringLiteral("Board.tldr"), saved.toUtf8() + "\n");
+    ASSERT_TRUE(test::waitUntil(
+        [&] { return evaluate(view->page(), QStringLiteral("window.mosslyLoads")).toInt() > loads; }, 15000));
+    test::spin(500);
+    EXPECT_TRUE(view->interceptor().refused().isEmpty())
+        << view->interceptor().refused().first().toString().toStdString();
 }
 
 TEST_F(SketchNoteViewTest, ADrawingFromANewerTldrawIsShownReadOnlyAndNeverRewritten) {

@@ -16,9 +16,11 @@ QString standardised(const QString& path) {
 
 }  // namespace
 
-void NoteRequestInterceptor::setFolders(const QString& pageFolder, const QString& noteFolder) {
+void NoteRequestInterceptor::setFolders(const QString& pageFolder, const QString& noteFolder,
+                                        const QString& alsoReadable) {
     pageFolder_ = pageFolder.isEmpty() ? QString() : standardised(pageFolder);
     noteFolder_ = noteFolder.isEmpty() ? QString() : standardised(noteFolder);
+    alsoReadable_ = alsoReadable.isEmpty() ? QString() : standardised(alsoReadable);
 }
 
 bool NoteRequestInterceptor::isInside(const QString& file, const QString& folder) {
@@ -36,7 +38,7 @@ void NoteRequestInterceptor::clearLog() {
 void NoteRequestInterceptor::interceptRequest(QWebEngineUrlRequestInfo& info) {
     const QUrl url = info.requestUrl();
     requested_.append(url);
-    if (url.scheme() == QLatin1String("data")) return;
+    if (url.scheme() == QLatin1String("data") || url.scheme() == QLatin1String("blob")) return;  // made in the page
     if (url.isLocalFile() && url.host().isEmpty()) {
         const QString file = url.toLocalFile();
         if (!pageFolder_.isEmpty() && isInside(file, pageFolder_)) {
@@ -47,7 +49,7 @@ void NoteRequestInterceptor::interceptRequest(QWebEngineUrlRequestInfo& info) {
                 info.redirect(QUrl::fromLocalFile(inNoteFolder));
                 return;
             }
-        } else if (isInside(file, noteFolder_)) {
+        } else if (isInside(file, noteFolder_) || isInside(file, alsoReadable_)) {
             return;
         }
     }

@@ -17,7 +17,8 @@ public:
     explicit NoteRequestInterceptor(QObject* parent = nullptr) : QWebEngineUrlRequestInterceptor(parent) {}
 
     // `pageFolder`: where the prepared page is written; `noteFolder`: the note's folder.
-    void setFolders(const QString& pageFolder, const QString& noteFolder);
+    // `alsoReadable`: one more folder whose files may be read as they are (a sketch's images).
+    void setFolders(const QString& pageFolder, const QString& noteFolder, const QString& alsoReadable = {});
     void interceptRequest(QWebEngineUrlRequestInfo& info) override;
 
     // What was asked for and what was refused, for tests and diagnostics.
@@ -31,6 +32,7 @@ public:
 private:
     QString pageFolder_;
     QString noteFolder_;
+    QString alsoReadable_;
     QList<QUrl> requested_;
     QList<QUrl> refused_;
 };

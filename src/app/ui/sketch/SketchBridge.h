@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QObject>
+#include <functional>
 
 namespace mossly {
 
@@ -13,7 +14,7 @@ public:
     using QObject::QObject;
 
 signals:
-    void documentLoaded(const QString& note, const QString& json, bool dark);
+    void documentLoaded(const QString& note, const QString& json, bool dark, const QString& folderUrl);
     void themeChanged(bool dark);
     void flushRequested();
 
@@ -22,7 +23,14 @@ signals:
     void edited(const QString& note, const QString& json);
     void refused(const QString& note, const QString& message);
 
+public:
+    // Writes an image beside the note; returns its path relative to the note, or nothing.
+    std::function<QString(const QString& note, const QString& fileName, const QByteArray& bytes)> storeImage;
+
 public slots:
+    QString storeAsset(const QString& note, const QString& fileName, const QString& base64) {
+        return storeImage ? storeImage(note, fileName, QByteArray::fromBase64(base64.toLatin1())) : QString();
+    }
     void pageReady() { emit ready(); }
     void documentEdited(const QString& note, const QString& json) { emit edited(note, json); }
     void documentRefused(const QString& note, const QString& message) { emit refused(note, message); }

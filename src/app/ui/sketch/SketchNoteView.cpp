@@ -6,6 +6,7 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QPalette>
+#include <QUrl>
 #include <QWebChannel>
 #include <QWebEnginePage>
 #include <QWebEngineProfile>
@@ -14,6 +15,7 @@
 #include <QWebEngineSettings>
 
 #include "Diagnostics.h"
+#include "NoteAssets.h"
 #include "NoteRequestInterceptor.h"
 #include "NoteStore.h"
 #include "SketchBridge.h"
@@ -86,6 +88,16 @@ SketchNoteView::SketchNoteView(NoteStore& store, QWidget* parent) : QWebEngineVi
         sendDocument();
     });
     connect(bridge_, &SketchBridge::edited, this, &SketchNoteView::takeEdit);
+    bridge_->storeImage = [this](const QString& note, const QString& fileName, const QByteArray& bytes) -> QString {
+        if (!store_.note(note) || bytes.isEmpty()) return {};
+        auto destination = NoteAssets::add(note, fileName, bytes);
+        if (!destination) {
+            emit store_.problemOccurred(tr("The image could not be saved beside the sketch: %1")
+                                            .arg(destination.error().description()));
+            return {};
+        }
+        return *destination;
+    };
     connect(bridge_, &SketchBridge::refused, this, [this](const QString& note, const QString& message) {
         if (note != url_) return;
         refusal_ = message;
@@ -120,7 +132,9 @@ void SketchNoteView::showNote(const QString& url) {
 void SketchNoteView::sendDocument() {
     if (!ready_ || url_.isEmpty()) return;
     shownText_ = store_.body(url_);
-    emit bridge_->documentLoaded(url_, shownText_, isDark());
+    const QString folder = QUrl::fromLocalFile(QFileInfo(url_).absolutePath()).toString(QUrl::FullyEncoded);
+    interceptor_->setFolders({}, bundleFolder(), NoteAssets::folderFor(url_));
+    emit bridge_->documentLoaded(url_, shownText_, isDark(), folder);
     emit documentShown();
 }
 

@@ -18,6 +18,35 @@ let applyingHostDocument = false
 let readOnly = false
 let pendingSave = null
 let shownNote = ''  // the app's name for the note on the canvas
+let noteFolderUrl = ''  // file: URL of the note's folder, where its images live
+
+function readAsBase64(file) {
+  return new Promise((resolve, reject) => {
+    const reader = new FileReader()
+    reader.onload = () => resolve(String(reader.result).replace(/^data:[^,]*,/, ''))
+    reader.onerror = () => reject(reader.error)
+    reader.readAsDataURL(file)
+  })
+}
+
+// Images dropped or pasted onto the canvas are files beside the note (its
+// assets folder), never kept inside the drawing. The drawing refers to them as
+// "asset:" and the path relative to the note (tldraw takes only URLs there).
+const relativeAsset = 'asset:'
+const assetStore = {
+  async upload(asset, file) {
+    const data = await readAsBase64(file)
+    const note = shownNote
+    const src = await new Promise((resolve) => bridge.storeAsset(note, file.name || 'Image', data, resolve))
+    if (!src) throw new Error('The image could not be saved beside the sketch.')
+    return { src: relativeAsset + src }
+  },
+  resolve(asset) {
+    const src = asset.props.src
+    if (!src?.startsWith(relativeAsset) || !noteFolderUrl) return src
+    return noteFolderUrl + '/' + src.slice(relativeAsset.length)
+  },
+}
 
 function showNotice(text) {
   const notice = document.getElementById('notice')
@@ -52,9 +81,10 @@ function setReadOnly(value) {
 
 // The app's text of the note, as the canvas shows it. A file the bundle cannot
 // read is never rewritten: the canvas goes read-only and says why.
-function loadDocument(note, json, dark) {
+function loadDocument(note, json, dark, folderUrl) {
   if (pendingSave) save()  // the drawing on the canvas is saved before another replaces it
   shownNote = note
+  noteFolderUrl = folderUrl
   editor.user.updateUserPreferences({ colorScheme: dark ? 'dark' : 'light' })
   const parsed = parseTldrawJsonFile({ json, schema: editor.store.schema })
   if (!parsed.ok) {
@@ -106,7 +136,7 @@ function connect() {
 }
 
 function App() {
-  return <Tldraw assetUrls={assetUrls} onMount={(mounted) => {
+  return <Tldraw assetUrls={assetUrls} assets={assetStore} onMount={(mounted) => {
     editor = mounted
     window.mosslyEditor = mounted  // for the app's tests
     connect()
