@@ -132,6 +132,7 @@ public:
     // `busyPatience` for a busy library. Fails while any edit is still unsaved.
     Result<void> flushPendingSaves(std::chrono::milliseconds busyPatience = defaultBusyPatience);
     bool hasPendingSaves() const { return !pendingBaseRevisions_.isEmpty(); }
+    bool hasPendingSave(const QString& url) const { return pendingBaseRevisions_.contains(url); }
     // Pending edits or conflicts: text that is only in memory.
     bool hasUnsavedChanges() const { return hasPendingSaves() || !conflicts_.isEmpty(); }
     // A save that failed and is being retried, once the user has been told.

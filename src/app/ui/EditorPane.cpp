@@ -123,6 +123,7 @@ void EditorPane::showNote(const QString& url) {
             if (!sketchView_) {
                 sketchView_ = new SketchNoteView(store_, this);
                 stack_->addWidget(sketchView_);
+                connect(sketchView_, &SketchNoteView::thumbnailFiled, this, &EditorPane::thumbnailFiled);
             }
             sketchView_->showNote(note->url);
             stack_->setCurrentWidget(sketchView_);

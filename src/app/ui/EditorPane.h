@@ -43,6 +43,8 @@ public:
 signals:
     // The note this pane shows is gone (a fixed note that was deleted).
     void noteClosed();
+    // A sketch's picture for the note list was drawn.
+    void thumbnailFiled(const QString& url);
 
 private:
     void showNote(const QString& url);

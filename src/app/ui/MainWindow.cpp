@@ -2,6 +2,7 @@
 
 #include <QDragEnterEvent>
 #include <QDropEvent>
+#include <QListView>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
@@ -40,6 +41,7 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
 
     installAppActions(*this, store);
     connect(sidebar_, &LibrarySidebar::openInWindowRequested, this, &MainWindow::openNoteWindow);
+    connect(editorPane_, &EditorPane::thumbnailFiled, sidebar_->noteList()->viewport(), qOverload<>(&QWidget::update));
     connect(&store, &NoteStore::problemOccurred, this,
             [this](const QString& message) { statusBar()->showMessage(message, 10000); });
     // Open the most recent note once the library is there, as a user expects.

@@ -4,6 +4,7 @@
 #include <QDateTime>
 #include <QLocale>
 #include <QPainter>
+#include <QPixmapCache>
 
 #include "NoteListModel.h"
 
@@ -29,12 +30,23 @@ void NoteListDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
 
     const bool selected = option.state & QStyle::State_Selected;
     const QPalette& palette = option.palette;
-    const QRect area = option.rect.adjusted(padding, padding / 2, -padding, -padding / 2);
     QFont titleFont = option.font;
     titleFont.setBold(true);
     const QFontMetrics titleMetrics(titleFont);
     const QFontMetrics bodyMetrics(option.font);
 
+    // A sketch shows a small picture of itself at the right, as tall as the row.
+    QRect area = option.rect.adjusted(padding, padding / 2, -padding, -padding / 2);
+    if (const QString thumbnail = index.data(NoteListModel::ThumbnailRole).toString(); !thumbnail.isEmpty()) {
+        QPixmap picture;
+        if (!QPixmapCache::find(thumbnail, &picture) && picture.load(thumbnail)) QPixmapCache::insert(thumbnail, picture);
+        if (!picture.isNull()) {
+            const QSize size = picture.size().scaled(QSize(area.height() * 3 / 2, area.height()), Qt::KeepAspectRatio);
+            const QRect target(QPoint(area.right() - size.width() + 1, area.top() + (area.height() - size.height()) / 2), size);
+            painter->drawPixmap(target, picture);
+            area.setRight(target.left() - padding);
+        }
+    }
     const QString date = shortDate(index.data(NoteListModel::ModifiedRole).toDateTime());
     const int dateWidth = bodyMetrics.horizontalAdvance(date) + padding;
     painter->save();

@@ -1,5 +1,9 @@
 #include "NoteListModel.h"
 
+#include <QFileInfo>
+
+#include "SketchThumbnails.h"
+
 #include <QDateTime>
 #include <QMimeData>
 
@@ -73,6 +77,11 @@ QVariant NoteListModel::data(const QModelIndex& index, int role) const {
             return QDateTime::fromMSecsSinceEpoch(ms.count());
         }
         case Qt::ToolTipRole: return note->identifier;
+        case ThumbnailRole: {
+            if (note->contentType != NoteContentType::sketch) return {};
+            const QString path = SketchThumbnails::pathFor(note->url, note->revision);
+            return QFileInfo::exists(path) ? path : QVariant();
+        }
         default: return {};
     }
 }

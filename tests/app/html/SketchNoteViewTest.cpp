@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QImage>
 #include <QProcess>
 #include <QSignalSpy>
@@ -17,6 +18,7 @@
 #include "NoteStore.h"
 #include "SketchDocumentCodec.h"
 #include "SketchNoteView.h"
+#include "SketchThumbnails.h"
 #include "TestSupport.h"
 
 namespace mossly {
@@ -70,6 +72,11 @@ TEST_F(SketchNoteViewTest, ADrawingIsSavedOnceAfterTheDebounceAndItsTextIsSearch
     const NoteDocument document(saved, NoteContentType::sketch);
     EXPECT_TRUE(document.visibleText().contains(QStringLiteral("Harbour tides"))) << "the catalog finds the words";
     EXPECT_EQ(document.lastEditedBy, NoteEditor::human()) << "who drew it is kept in the drawing's document record";
+    // The list shows a picture of this very revision.
+    ASSERT_TRUE(test::waitUntil([&] {
+        return QFileInfo::exists(SketchThumbnails::pathFor(file, store->note(file)->revision));
+    }, 10000));
+    EXPECT_FALSE(QImage(SketchThumbnails::pathFor(file, store->note(file)->revision)).isNull());
     if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
         test::spin(500);
         window->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/sketch-note.png"));

@@ -22,6 +22,7 @@ signals:
     void ready();
     void edited(const QString& note, const QString& json);
     void refused(const QString& note, const QString& message);
+    void thumbnail(const QString& note, const QByteArray& png);
 
 public:
     // Writes an image beside the note; returns its path relative to the note, or nothing.
@@ -34,6 +35,9 @@ public slots:
     void pageReady() { emit ready(); }
     void documentEdited(const QString& note, const QString& json) { emit edited(note, json); }
     void documentRefused(const QString& note, const QString& message) { emit refused(note, message); }
+    void thumbnailRendered(const QString& note, const QString& base64) {
+        emit thumbnail(note, QByteArray::fromBase64(base64.toLatin1()));
+    }
 };
 
 }  // namespace mossly

@@ -19,6 +19,7 @@
 #include "NoteRequestInterceptor.h"
 #include "NoteStore.h"
 #include "SketchBridge.h"
+#include "SketchThumbnails.h"
 
 namespace mossly {
 
@@ -103,6 +104,13 @@ SketchNoteView::SketchNoteView(NoteStore& store, QWidget* parent) : QWebEngineVi
         refusal_ = message;
         DiagnosticsCenter::shared().event(QStringLiteral("Sketch shown read-only"), {{"reason", message}});
     });
+    // A picture belongs to the revision it shows: it is filed once the drawing it
+    // was made from is what the note holds on disk.
+    connect(bridge_, &SketchBridge::thumbnail, this, [this](const QString& note, const QByteArray& png) {
+        pendingThumbnails_.insert(note, png);
+        fileThumbnail(note);
+    });
+    connect(&store_, &NoteStore::saveCommitted, this, &SketchNoteView::fileThumbnail);
     connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
         if (url == url_ && store_.body(url) != shownText_) sendDocument();
     });
@@ -117,6 +125,14 @@ SketchNoteView::~SketchNoteView() {
     QWebEnginePage* current = page();
     setPage(nullptr);
     delete current;
+}
+
+void SketchNoteView::fileThumbnail(const QString& note) {
+    const auto png = pendingThumbnails_.constFind(note);
+    const Note* stored = store_.note(note);
+    if (png == pendingThumbnails_.cend() || !stored || store_.hasPendingSave(note)) return;
+    if (SketchThumbnails::store(note, stored->revision, *png)) emit thumbnailFiled(note);
+    pendingThumbnails_.erase(png);
 }
 
 bool SketchNoteView::isDark() const { return palette().color(QPalette::Base).lightness() < 128; }

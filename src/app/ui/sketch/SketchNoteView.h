@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QString>
 #include <QWebEngineView>
 
@@ -38,11 +39,14 @@ public:
 signals:
     void pageReady();
     void documentShown();
+    // A picture of the note's current revision is in the thumbnail cache.
+    void thumbnailFiled(const QString& note);
 
 private:
     void sendDocument();
     void takeEdit(const QString& note, const QString& json);
     bool isDark() const;
+    void fileThumbnail(const QString& note);
 
     NoteStore& store_;
     QWebEngineProfile* profile_;
@@ -52,6 +56,7 @@ private:
     QString shownText_;  // the note's text as last sent to or received from the page
     QString refusal_;
     bool ready_ = false;
+    QHash<QString, QByteArray> pendingThumbnails_;
 };
 
 }  // namespace mossly

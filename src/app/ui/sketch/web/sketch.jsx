@@ -104,6 +104,19 @@ function loadDocument(note, json, dark, folderUrl) {
   setReadOnly(false)
   showNotice('')
   window.mosslyLoads = (window.mosslyLoads || 0) + 1
+  renderThumbnail(note)
+}
+
+// A small picture of the drawing for the note list, after each load and save.
+async function renderThumbnail(note) {
+  try {
+    const shapes = [...editor.getCurrentPageShapeIds()]
+    if (!shapes.length || note !== shownNote) return
+    const { blob } = await editor.toImage(shapes, { format: 'png', scale: 0.25, background: true, padding: 8 })
+    if (note === shownNote) bridge.thumbnailRendered(note, await readAsBase64(blob))
+  } catch (error) {
+    console.warn('thumbnail', error)
+  }
 }
 
 // The note's text: the drawing's document records in tldraw's file format,
@@ -118,6 +131,7 @@ function save() {
     records: Object.values(editor.store.serialize('document')),
   })
   bridge.documentEdited(shownNote, json)
+  renderThumbnail(shownNote)
 }
 
 function connect() {
