@@ -325,16 +325,15 @@ void MeetingSessionController::updateElapsed() {
 void MeetingSessionController::stop(Completion completion) {
     if (isStopping_ || (phase_ != recording && phase_ != paused)) return finish(completion);
     isStopping_ = true;
-    // Capture calls back no more once stopped; chunks it already handed over are
-    // still queued to this thread and are taken before accepting ends.
     stopCaptures();
     elapsedTimer_.stop();
     updateElapsed();
-    QMetaObject::invokeMethod(this, [this, work = work_, completion] {
-        if (work != work_ || !isStopping_) return finish(completion);
-        acceptingAudio_ = false;
-        finalize(completion);
-    }, Qt::QueuedConnection);
+    afterHandedOverChunks(
+        [this, completion] {
+            acceptingAudio_ = false;
+            finalize(completion);
+        },
+        completion);
 }
 
 void MeetingSessionController::finalize(const Completion& completion) {
@@ -458,16 +457,30 @@ void MeetingSessionController::fail(const MeetingSessionError& error) {
 void MeetingSessionController::checkpointForTermination(Completion completion) {
     if ((phase_ != recording && phase_ != paused) || isStopping_ || !work_) return finish(completion);
     isStopping_ = true;  // the app is quitting: no stop may finish the note now
-    acceptingAudio_ = false;
     stopCaptures();
     elapsedTimer_.stop();
     updateElapsed();
-    auto work = work_;
-    onWorker<MeetingBatch>([work] { return meeting_work::checkpointForTermination(*work); },
-                           [this, work, completion](MeetingBatch batch) {
-                               if (work == work_) apply(batch);
-                               finish(completion);
-                           });
+    afterHandedOverChunks([this, completion] {
+        acceptingAudio_ = false;
+        auto work = work_;
+        onWorker<MeetingBatch>([work] { return meeting_work::checkpointForTermination(*work); },
+                               [this, work, completion](MeetingBatch batch) {
+                                   if (work == work_) apply(batch);
+                                   finish(completion);
+                               });
+    }, completion);
+}
+
+void MeetingSessionController::afterHandedOverChunks(std::function<void()> next, const Completion& completion) {
+    // Capture calls back no more once stopped, but chunks it already handed over are
+    // still queued to this thread: they are taken before accepting ends.
+    QMetaObject::invokeMethod(
+        this,
+        [this, work = work_, next = std::move(next), completion] {
+            if (work != work_ || !isStopping_) return finish(completion);
+            next();
+        },
+        Qt::QueuedConnection);
 }
 
 void MeetingSessionController::recoverInterruptedMeetings(Completion completion) {

@@ -114,6 +114,7 @@ private:
     void recordCaptureFailure(const MeetingSessionError& error, MeetingCaptureSource source);
     void scheduleProcessing();
     void apply(const MeetingBatch& batch);
+    void afterHandedOverChunks(std::function<void()> next, const Completion& completion);
     void finalize(const Completion& completion);
     void requestSummary(bool retry, const QDateTime& endedAt, const Completion& completion);
     void complete(bool summaryRequested, const QDateTime& endedAt, const Completion& completion);

@@ -77,7 +77,7 @@ std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> FakeTranscri
     MeetingTranscriptSegment segment;
     segment.source = source;
     segment.startTime = offset;
-    segment.endTime = offset + double(samples.size()) / transcriptionSampleRate / 2;
+    segment.endTime = offset + double(samples.size()) / transcriptionSampleRate;
     segment.text = rawValue(source) + QStringLiteral(" from ") + QString::number(offset);
     return QList{segment};
 }
