@@ -377,6 +377,23 @@ TEST_F(MeetingSessionControllerTest, NoteThatCannotBeCreatedFailsTheMeeting) {
     EXPECT_EQ(captures.created(Source::microphone), 0);
 }
 
+TEST_F(MeetingSessionControllerTest, NoteLostMidMeetingIsReportedAndStopFailsKeepingTheManifest) {
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    startRecording(*controller);
+    ASSERT_TRUE(QFile::remove(controller->noteURL().toLocalFile()));
+    captures.latest(Source::microphone).deliver(21);
+    ASSERT_TRUE(waitFor([&] { return diagnostics->find("Checkpoint meeting transcript") != nullptr; }));
+    EXPECT_EQ(controller->errorMessage(), diagnostics->find("Checkpoint meeting transcript")->field("error"));
+    EXPECT_FALSE(controller->lastCheckpointAt().has_value());
+    EXPECT_EQ(controller->phase(), recording);
+
+    run([&](auto done) { controller->stop(done); });
+    EXPECT_EQ(controller->phase(), failed);
+    EXPECT_EQ(diagnostics->find("Meeting session")->field("error"), controller->errorMessage());
+    EXPECT_EQ(manifests().size(), 1);  // the next launch tidies it up
+}
+
 // MARK: Pause, invalid requests
 
 TEST_F(MeetingSessionControllerTest, PausedTimeIsNotCountedAndAudioContinuesTheRecordingClock) {
