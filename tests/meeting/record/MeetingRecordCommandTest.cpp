@@ -5,6 +5,9 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <csignal>
+
+#include "InterruptSignals.h"
 #include "MeetingNoteWriter.h"
 #include "MeetingRecordCommand.h"
 #include "MeetingSessionFakes.h"
@@ -99,6 +102,17 @@ TEST_F(MeetingRecordCommandTest, RecordsUntilInterruptedAndPrintsTheNote) {
     EXPECT_EQ(texts, (QStringList{"microphone from 0", "microphone from 18"}));
     EXPECT_EQ(lines().last().value("note").toString(), "Standup.md");
     EXPECT_TRUE(QFile::exists(notesFolder.filePath("Standup.md")));
+}
+
+TEST_F(MeetingRecordCommandTest, TerminationSignalStopsTheRecording) {
+    auto command = makeCommand();
+    InterruptSignals interrupts([&] { command->interrupt(); });
+    const int code = run(*command, {"--title", "Signalled", "--notes-dir", notesFolder.path()}, [&] {
+        ASSERT_TRUE(waitFor([&] { return printedPhases().contains("recording"); }));
+        std::raise(SIGTERM);
+    });
+    EXPECT_EQ(code, 0);
+    EXPECT_EQ(lines().last().value("note").toString(), "Signalled.md");
 }
 
 TEST_F(MeetingRecordCommandTest, StopsAfterTheDuration) {
