@@ -1,0 +1,566 @@
+#include "MeetingSessionController.h"
+
+#include <QDir>
+#include <QMetaObject>
+
+#include "MeetingSessionWork.h"
+#include "MeetingSummaryService.h"
+
+namespace mossly::meeting {
+
+namespace {
+
+using enum MeetingSessionPhase;
+
+void finish(const MeetingSessionController::Completion& completion) {
+    if (completion) completion();
+}
+
+QString booleanText(bool value) { return value ? QStringLiteral("true") : QStringLiteral("false"); }
+
+constexpr MeetingCaptureSource allSources[] = {MeetingCaptureSource::microphone, MeetingCaptureSource::system};
+
+bool isBetweenMeetings(MeetingSessionPhase phase) { return phase == idle || phase == completed || phase == failed; }
+
+}  // namespace
+
+MeetingSessionController::MeetingSessionController(MeetingSettings& settings, MeetingSessionServices services,
+                                                   QObject* parent)
+    : QObject(parent),
+      settings_(settings),
+      services_(std::move(services)),
+      workerContext_(new QObject),
+      configuration_(settings.defaultConfiguration()) {
+    if (!services_.pipeline) services_.pipeline = std::make_shared<AudioPipeline>(meeting_work::pipelineCapacity);
+    workerThread_.setObjectName(QStringLiteral("Meeting worker"));
+    workerContext_->moveToThread(&workerThread_);
+    workerThread_.start();
+    elapsedTimer_.setInterval(elapsedIntervalMs);
+    connect(&elapsedTimer_, &QTimer::timeout, this, &MeetingSessionController::updateElapsed);
+}
+
+MeetingSessionController::~MeetingSessionController() {
+    // No capture calls back after stop() returns, so nothing reaches a half-destroyed controller.
+    stopCaptures();
+    if (work_) work_->cancelled = true;
+    workerThread_.quit();
+    workerThread_.wait();
+    delete workerContext_;
+}
+
+template <typename Result>
+void MeetingSessionController::onWorker(std::function<Result()> job, std::function<void(Result)> apply) {
+    // The controller outlives every job (its destructor waits for the worker), and an
+    // answer still queued when it goes is dropped with it.
+    QMetaObject::invokeMethod(
+        workerContext_,
+        [this, job = std::move(job), apply = std::move(apply)] {
+            auto result = std::make_shared<Result>(job());
+            QMetaObject::invokeMethod(
+                this, [apply, result] { apply(std::move(*result)); }, Qt::QueuedConnection);
+        },
+        Qt::QueuedConnection);
+}
+
+void MeetingSessionController::setConfiguration(const MeetingSessionConfiguration& configuration) {
+    if (!isBetweenMeetings(phase_) || isStarting_) return;
+    configuration_ = configuration;
+    emit configurationChanged();
+}
+
+bool MeetingSessionController::canRetrySummary() const {
+    return phase_ == completed && !noteURL_.isEmpty() && session_ &&
+           session_->configuration().provider != MeetingSummaryProviderKind::none && lastSummaryFailed_;
+}
+
+// MARK: Start
+
+void MeetingSessionController::start(Completion completion) {
+    if (isStarting_ || !isBetweenMeetings(phase_)) return finish(completion);
+    if (phase_ != idle) reset();
+    isStarting_ = true;
+    recoverInterruptedMeetings([this, completion] { continueStart(completion); });
+}
+
+void MeetingSessionController::continueStart(const Completion& completion) {
+    const auto done = [this, completion] {
+        isStarting_ = false;
+        finish(completion);
+    };
+    if (!isStarting_) return done();  // reset meanwhile
+    if (configuration_.sources.isEmpty()) {
+        fail(MeetingSessionError::noCaptureSource());
+        return done();
+    }
+    const auto modelPath =
+        services_.model ? services_.model->installedModelPath(configuration_.modelName) : std::nullopt;
+    if (!modelPath) {
+        fail(MeetingSessionError::missingModel());
+        return done();
+    }
+    if (!settings_.hasAcknowledgedConsent()) {
+        fail(MeetingSessionError::permissionDenied(consentRequired));
+        return done();
+    }
+
+    session_.emplace(configuration_);
+    moveTo(requestingPermissions);
+    const QUuid sessionID = session_->id();
+    auto permissions = services_.permissions;
+    const auto sources = configuration_.sources;
+    onWorker<MeetingPermissionOutcome>(
+        [permissions, sources] {
+            return permissions ? meeting_work::requestPermissions(*permissions, sources) : MeetingPermissionOutcome{};
+        },
+        [this, sessionID, path = *modelPath, completion, done](MeetingPermissionOutcome outcome) {
+            if (!session_ || session_->id() != sessionID) return done();
+            if (outcome.refusal) {
+                fail(*outcome.refusal);
+                return done();
+            }
+            prepareMeeting(path, completion);
+        });
+}
+
+void MeetingSessionController::prepareMeeting(const QString& modelPath, const Completion& completion) {
+    const auto done = [this, completion] {
+        isStarting_ = false;
+        finish(completion);
+    };
+    moveTo(preparing);
+    const QDateTime startedAt = services_.clock();
+    session_->setStartedAt(startedAt);
+
+    auto work = std::make_shared<MeetingWork>();
+    work->sessionID = session_->id();
+    work->startedAt = startedAt;
+    work->configuration = session_->configuration();
+    work->notesDirectory = services_.notesDirectory ? services_.notesDirectory() : QString();
+    work->pipeline = services_.pipeline;
+    work_ = work;
+    onWorker<MeetingPreparation>(
+        [work, modelPath, factory = services_.transcriberFactory] {
+            return meeting_work::prepare(*work, modelPath, factory);
+        },
+        [this, work, completion, done](MeetingPreparation prepared) {
+            if (work != work_) return done();
+            if (!prepared.noteIdentifier.isEmpty()) {
+                setNoteURL(QUrl::fromLocalFile(QDir(work->notesDirectory).filePath(prepared.noteIdentifier)));
+            }
+            if (prepared.failure) {
+                fail(*prepared.failure);
+                return done();
+            }
+            if (prepared.issue) report(prepared.issue->operation, prepared.issue->statusText, prepared.issue->description);
+            beginRecording(completion);
+        });
+}
+
+void MeetingSessionController::beginRecording(const Completion& completion) {
+    const auto& configuration = session_->configuration();
+    acceptingAudio_ = true;
+    std::optional<MeetingSessionError> firstFailure;
+    QList<std::pair<MeetingCaptureSource, MeetingSessionError>> failures;
+    for (auto source : allSources) {
+        if (!configuration.sources.contains(source)) continue;
+        if (auto started = startCapture(source, 0); !started) failures.append({source, started.error()});
+    }
+    // One source that will not start leaves the other recording; none at all ends the meeting.
+    if (captures_.empty() && !failures.isEmpty()) {
+        fail(failures.first().second);
+    } else {
+        moveTo(recording);
+        for (const auto& [source, error] : failures) recordCaptureFailure(error, source);
+        updateElapsed();
+        elapsedTimer_.start();
+        QStringList sources;
+        for (auto source : allSources) {
+            if (configuration.sources.contains(source)) sources.append(rawValue(source));
+        }
+        log(QStringLiteral("Meeting recording started"),
+            {{QStringLiteral("sources"), sources.join(u',')},
+             {QStringLiteral("retainAudio"), booleanText(configuration.retainAudio)},
+             {QStringLiteral("provider"), rawValue(configuration.provider)}});
+    }
+    isStarting_ = false;
+    finish(completion);
+}
+
+// MARK: Capture
+
+std::expected<void, MeetingSessionError> MeetingSessionController::startCapture(MeetingCaptureSource source,
+                                                                                 double offset) {
+    auto capture = services_.captureFactory ? services_.captureFactory(source) : nullptr;
+    if (!capture) {
+        return std::unexpected(MeetingSessionError::captureFailed(
+            speakerLabel(source) + QStringLiteral(" audio is not available on this computer.")));
+    }
+    const auto deviceUID =
+        source == MeetingCaptureSource::microphone ? session_->configuration().microphoneDeviceUID : std::nullopt;
+    // Called on the capture's thread; the controller is touched only on the main thread.
+    auto onChunk = [this, offset](MeetingAudioChunk chunk) {
+        chunk.startTime += offset;
+        QMetaObject::invokeMethod(
+            this, [this, chunk = std::move(chunk)] { handle(chunk); }, Qt::QueuedConnection);
+    };
+    auto onFailure = [this, source](const MeetingSessionError& error) {
+        QMetaObject::invokeMethod(
+            this, [this, source, error] { recordCaptureFailure(error, source); }, Qt::QueuedConnection);
+    };
+    if (auto started = capture->start(deviceUID, std::move(onChunk), std::move(onFailure)); !started) {
+        return started;
+    }
+    captures_.insert_or_assign(source, std::move(capture));
+    return {};
+}
+
+void MeetingSessionController::startCaptures(double offset) {
+    for (auto source : allSources) {
+        if (!session_->configuration().sources.contains(source)) continue;
+        if (auto started = startCapture(source, offset); !started) recordCaptureFailure(started.error(), source);
+    }
+}
+
+void MeetingSessionController::stopCaptures() {
+    for (auto& [source, capture] : captures_) capture->stop();
+    captures_.clear();
+}
+
+void MeetingSessionController::handle(MeetingAudioChunk chunk) {
+    if (!acceptingAudio_ || !work_) return;
+    setLevel(chunk.source, chunk.level);
+    if (work_->configuration.retainAudio) {
+        std::lock_guard lock(work_->audioMutex);
+        if (work_->audioStore) {
+            if (auto kept = work_->audioStore->append(chunk); !kept && !audioIssueReported_) {
+                audioIssueReported_ = true;  // once per meeting: the disk will not recover by itself
+                report(QStringLiteral("Retain meeting audio"), kept.error().description(), kept.error().description());
+            }
+        }
+    }
+    if (auto queued = work_->pipeline->enqueue(chunk); !queued) {
+        report(QStringLiteral("Queue meeting audio"), queueFailureStatus, queued.error().description());
+        return;
+    }
+    scheduleProcessing();
+}
+
+void MeetingSessionController::recordCaptureFailure(const MeetingSessionError& error, MeetingCaptureSource source) {
+    if (phase_ != recording && phase_ != paused && phase_ != preparing) return;
+    log(QStringLiteral("Capture source"),
+        {{QStringLiteral("source"), rawValue(source)}, {QStringLiteral("error"), error.description()}});
+    setErrorMessage(speakerLabel(source) + QStringLiteral(" audio stopped: ") + error.description());
+}
+
+// MARK: Processing
+
+void MeetingSessionController::scheduleProcessing() {
+    if (processingScheduled_ || !work_) return;
+    processingScheduled_ = true;
+    auto work = work_;
+    onWorker<MeetingBatch>([work] { return meeting_work::processQueued(*work); },
+                           [this, work](MeetingBatch batch) {
+                               processingScheduled_ = false;
+                               if (work != work_) return;
+                               apply(batch);
+                               // Chunks queued while the batch ran wait for the next one.
+                               if (acceptingAudio_ && !work->pipeline->backlog().isEmpty()) scheduleProcessing();
+                           });
+}
+
+void MeetingSessionController::apply(const MeetingBatch& batch) {
+    if (session_) session_->append(batch.stable);
+    for (const auto& issue : batch.issues) report(issue.operation, issue.statusText, issue.description);
+    if (batch.checkpointAt) lastCheckpointAt_ = batch.checkpointAt;
+    publishSegments(batch.unstable);
+    setBacklog(batch.backlog);
+    if (!batch.stable.isEmpty() && services_.diagnostics) {
+        services_.diagnostics->span(QStringLiteral("Transcribe meeting audio"), batch.durationMs,
+                                    {{QStringLiteral("segmentCount"), QString::number(batch.stable.size())},
+                                     {QStringLiteral("chunkCount"), QString::number(batch.chunkCount)}});
+    }
+}
+
+// MARK: Pause, resume
+
+void MeetingSessionController::pause() {
+    if (phase_ != recording || isStopping_) {
+        setErrorMessage(MeetingSessionError::invalidTransition(phase_, paused).description());
+        return;
+    }
+    acceptingAudio_ = false;
+    stopCaptures();
+    elapsedTimer_.stop();
+    pausedAt_ = services_.clock();
+    updateElapsed();
+    moveTo(paused);
+}
+
+void MeetingSessionController::resume() {
+    if (phase_ != paused || isStopping_) {
+        setErrorMessage(MeetingSessionError::invalidTransition(phase_, recording).description());
+        return;
+    }
+    pausedMs_ += pausedAt_->msecsTo(services_.clock());
+    pausedAt_.reset();
+    updateElapsed();
+    acceptingAudio_ = true;
+    moveTo(recording);
+    // New captures count from zero again: their audio continues the recording's clock.
+    startCaptures(elapsed_);
+    elapsedTimer_.start();
+}
+
+void MeetingSessionController::updateElapsed() {
+    if (!session_ || !session_->state().startedAt) return;
+    const QDateTime end = pausedAt_ ? *pausedAt_ : services_.clock();
+    const double seconds = std::max<qint64>(0, session_->state().startedAt->msecsTo(end) - pausedMs_) / 1000.0;
+    if (seconds == elapsed_) return;
+    elapsed_ = seconds;
+    emit elapsedChanged();
+}
+
+// MARK: Stop
+
+void MeetingSessionController::stop(Completion completion) {
+    if (isStopping_ || (phase_ != recording && phase_ != paused)) return finish(completion);
+    isStopping_ = true;
+    stopCaptures();
+    elapsedTimer_.stop();
+    updateElapsed();
+    afterHandedOverChunks(
+        [this, completion] {
+            acceptingAudio_ = false;
+            finalize(completion);
+        },
+        completion);
+}
+
+void MeetingSessionController::finalize(const Completion& completion) {
+    moveTo(finalizing);
+    auto work = work_;
+    const QDateTime endedAt = services_.clock();
+    onWorker<MeetingFinalization>([work, endedAt] { return meeting_work::finalize(*work, endedAt); },
+                                  [this, work, endedAt, completion](MeetingFinalization finalized) {
+                                      if (work != work_) return finish(completion);
+                                      apply(finalized.batch);
+                                      if (finalized.failure) {
+                                          fail(*finalized.failure);
+                                          return finish(completion);
+                                      }
+                                      if (finalized.summaryRequested)
+                                          requestSummary(false, endedAt, completion);
+                                      else
+                                          complete(false, endedAt, completion);
+                                  });
+}
+
+void MeetingSessionController::requestSummary(bool retry, const QDateTime& endedAt, const Completion& completion) {
+    moveTo(summarizing);
+    auto provider = services_.providerFactory ? services_.providerFactory(session_->configuration().provider)
+                                              : nullptr;
+    auto work = work_;
+    onWorker<MeetingSummaryOutcome>(
+        [work, provider] {
+            if (!provider) {
+                return MeetingSummaryOutcome{
+                    std::nullopt, QStringLiteral("No summary provider is available."), std::nullopt};
+            }
+            return meeting_work::summarize(*work, *provider);
+        },
+        [this, work, retry, endedAt, completion](MeetingSummaryOutcome outcome) {
+            if (work != work_) return finish(completion);
+            if (outcome.statusIssue) {
+                const auto& issue = *outcome.statusIssue;
+                log(issue.operation, {{QStringLiteral("error"), issue.description}});
+            }
+            if (outcome.summary) {
+                session_->setSummary(*outcome.summary);
+                lastSummaryFailed_ = false;
+                if (retry) setErrorMessage({});
+            } else {
+                lastSummaryFailed_ = true;
+                const QString description = outcome.failure.value_or(QString());
+                report(retry ? QStringLiteral("Retry meeting summary") : QStringLiteral("Create meeting summary"),
+                       (retry ? QStringLiteral("Transcript remains safe. Summary failed: ")
+                              : QStringLiteral("Transcript saved. Summary failed: ")) +
+                           description,
+                       description);
+            }
+            if (retry) {
+                moveTo(completed);
+                return finish(completion);
+            }
+            complete(true, endedAt, completion);
+        });
+}
+
+void MeetingSessionController::complete(bool summaryRequested, const QDateTime& endedAt,
+                                        const Completion& completion) {
+    session_->setEndedAt(endedAt);
+    moveTo(completed);
+    isStopping_ = false;
+    log(QStringLiteral("Meeting recording completed"),
+        {{QStringLiteral("segmentCount"), QString::number(session_->state().segments.size())},
+         {QStringLiteral("summaryRequested"), booleanText(summaryRequested)}});
+    finish(completion);
+}
+
+void MeetingSessionController::retrySummary(Completion completion) {
+    if (!canRetrySummary()) return finish(completion);
+    requestSummary(true, session_->state().endedAt.value_or(services_.clock()), completion);
+}
+
+// MARK: Reset, failure, termination, recovery
+
+void MeetingSessionController::reset() {
+    if (work_) work_->cancelled = true;
+    stopCaptures();
+    elapsedTimer_.stop();
+    acceptingAudio_ = false;
+    isStopping_ = false;
+    isStarting_ = false;
+    lastSummaryFailed_ = false;
+    audioIssueReported_ = false;
+    session_.reset();
+    work_.reset();
+    pausedMs_ = 0;
+    pausedAt_.reset();
+    lastCheckpointAt_.reset();
+    publishSegments({});
+    if (elapsed_ != 0) {
+        elapsed_ = 0;
+        emit elapsedChanged();
+    }
+    setLevel(MeetingCaptureSource::microphone, 0);
+    setLevel(MeetingCaptureSource::system, 0);
+    setBacklog({});
+    setNoteURL({});
+    setErrorMessage({});
+    setPhase(idle);
+}
+
+void MeetingSessionController::fail(const MeetingSessionError& error) {
+    acceptingAudio_ = false;
+    stopCaptures();
+    elapsedTimer_.stop();
+    // Queued work of this meeting does nothing now; the note keeps its last checkpoint
+    // and its manifest, so the next launch recovers it.
+    if (work_) work_->cancelled = true;
+    isStopping_ = false;
+    if (session_) session_->setFailureMessage(error.description());
+    setErrorMessage(error.description());
+    moveTo(failed);
+    log(QStringLiteral("Meeting session"), {{QStringLiteral("error"), error.description()}});
+}
+
+void MeetingSessionController::checkpointForTermination(Completion completion) {
+    if ((phase_ != recording && phase_ != paused) || isStopping_ || !work_) return finish(completion);
+    isStopping_ = true;  // the app is quitting: no stop may finish the note now
+    stopCaptures();
+    elapsedTimer_.stop();
+    updateElapsed();
+    afterHandedOverChunks([this, completion] {
+        acceptingAudio_ = false;
+        auto work = work_;
+        onWorker<MeetingBatch>([work] { return meeting_work::checkpointForTermination(*work); },
+                               [this, work, completion](MeetingBatch batch) {
+                                   if (work == work_) apply(batch);
+                                   finish(completion);
+                               });
+    }, completion);
+}
+
+void MeetingSessionController::afterHandedOverChunks(std::function<void()> next, const Completion& completion) {
+    // Capture calls back no more once stopped, but chunks it already handed over are
+    // still queued to this thread: they are taken before accepting ends.
+    QMetaObject::invokeMethod(
+        this,
+        [this, work = work_, next = std::move(next), completion] {
+            if (work != work_ || !isStopping_) return finish(completion);
+            next();
+        },
+        Qt::QueuedConnection);
+}
+
+void MeetingSessionController::recoverInterruptedMeetings(Completion completion) {
+    // A running meeting's own manifest must not be taken for an interrupted one.
+    if (!isBetweenMeetings(phase_)) return finish(completion);
+    const QString notesDirectory = services_.notesDirectory ? services_.notesDirectory() : QString();
+    onWorker<qsizetype>(
+        [notesDirectory] { return MeetingRecoveryStore(notesDirectory).recoverInterruptedMeetings().size(); },
+        [this, completion](qsizetype count) {
+            log(QStringLiteral("Recovered interrupted meetings"), {{QStringLiteral("count"), QString::number(count)}});
+            finish(completion);
+        });
+}
+
+// MARK: Published state
+
+bool MeetingSessionController::moveTo(MeetingSessionPhase to) {
+    if (session_) {
+        if (auto moved = session_->transition(to); !moved) {
+            setErrorMessage(moved.error().description());
+            return false;
+        }
+    } else if (!MeetingSession::allows(phase_, to)) {
+        setErrorMessage(MeetingSessionError::invalidTransition(phase_, to).description());
+        return false;
+    }
+    setPhase(to);
+    return true;
+}
+
+void MeetingSessionController::report(const QString& operation, const QString& status, const QString& description) {
+    log(operation, {{QStringLiteral("error"), description}});
+    setErrorMessage(status);
+}
+
+void MeetingSessionController::log(const QString& name, const MeetingDiagnosticFields& fields) {
+    if (services_.diagnostics) services_.diagnostics->event(name, fields);
+}
+
+void MeetingSessionController::setPhase(MeetingSessionPhase phase) {
+    if (phase_ == phase) return;
+    phase_ = phase;
+    emit phaseChanged();
+}
+
+void MeetingSessionController::setErrorMessage(const QString& message) {
+    if (errorMessage_ == message) return;
+    errorMessage_ = message;
+    emit errorMessageChanged();
+}
+
+void MeetingSessionController::setLevel(MeetingCaptureSource source, float level) {
+    float& current = source == MeetingCaptureSource::microphone ? microphoneLevel_ : systemLevel_;
+    if (current == level) return;
+    current = level;
+    if (source == MeetingCaptureSource::microphone)
+        emit microphoneLevelChanged();
+    else
+        emit systemLevelChanged();
+}
+
+void MeetingSessionController::setBacklog(const TranscriptionBacklog& backlog) {
+    if (backlog_ == backlog) return;
+    backlog_ = backlog;
+    emit backlogChanged();
+}
+
+void MeetingSessionController::setNoteURL(const QUrl& url) {
+    if (noteURL_ == url) return;
+    noteURL_ = url;
+    emit noteURLChanged();
+}
+
+void MeetingSessionController::publishSegments(const QList<MeetingTranscriptSegment>& unstable) {
+    QList<MeetingTranscriptSegment> segments = session_ ? session_->state().segments : QList<MeetingTranscriptSegment>{};
+    segments += unstable;
+    sortSegments(segments);
+    if (segments == segments_) return;
+    segments_ = std::move(segments);
+    emit segmentsChanged();
+}
+
+}  // namespace mossly::meeting

@@ -1,0 +1,212 @@
+#include "MeetingSessionWork.h"
+
+#include <QElapsedTimer>
+#include <algorithm>
+
+#include "MeetingSummaryService.h"
+
+namespace mossly::meeting::meeting_work {
+
+namespace {
+
+const QString readOperation = QStringLiteral("Read queued meeting audio");
+const QString readStatus = QStringLiteral("A retained audio chunk could not be read for transcription.");
+const QString transcribeOperation = QStringLiteral("Transcribe meeting audio");
+const QString transcribeStatus =
+    QStringLiteral("Capture continues and audio is retained, but transcription is catching up after an error.");
+const QString checkpointOperation = QStringLiteral("Checkpoint meeting transcript");
+const QString audioOperation = QStringLiteral("Retain meeting audio");
+
+MeetingIssue issue(const QString& operation, const QString& status, const MeetingSessionError& error) {
+    return {operation, status, error.description()};
+}
+
+void commit(MeetingWork& work, MeetingBatch& batch, const QList<MeetingTranscriptSegment>& segments) {
+    batch.stable += segments;
+    work.stableSegments += segments;
+    sortSegments(work.stableSegments);
+}
+
+// Everything queued goes into the transcription; `limit` < 0 for all of it.
+void drain(MeetingWork& work, MeetingBatch& batch, int limit) {
+    while (limit < 0 || batch.chunkCount < limit) {
+        auto next = work.pipeline->dequeue();
+        if (!next) {
+            batch.issues.append(issue(readOperation, readStatus, next.error()));
+            continue;  // the unreadable record is gone; the next one may be fine
+        }
+        if (!*next) return;
+        ++batch.chunkCount;
+        auto heard = work.transcription->accept(**next);
+        if (heard)
+            commit(work, batch, *heard);
+        else
+            batch.issues.append(issue(transcribeOperation, transcribeStatus, heard.error()));
+    }
+    batch.moreQueued = !work.pipeline->backlog().isEmpty();
+}
+
+void checkpointIfNew(MeetingWork& work, MeetingBatch& batch) {
+    if (work.stableSegments.size() == work.checkpointedCount) return;
+    auto written = work.writer->checkpoint(work.stableSegments, false);
+    if (!written) {
+        // The writer keeps nothing half-written; the next checkpoint writes every segment.
+        batch.issues.append(issue(checkpointOperation, written.error().description(), written.error()));
+        return;
+    }
+    work.checkpointedCount = work.stableSegments.size();
+    batch.checkpointAt = QDateTime::currentDateTimeUtc();
+}
+
+void publish(MeetingWork& work, MeetingBatch& batch) {
+    batch.unstable = work.transcription->unstableSegments();
+    batch.backlog = work.pipeline->backlog() + work.transcription->backlog();
+}
+
+}  // namespace
+
+bool holdsText(const QList<MeetingTranscriptSegment>& segments) {
+    return std::ranges::any_of(segments, [](const auto& segment) { return !segment.text.trimmed().isEmpty(); });
+}
+
+MeetingPermissionOutcome requestPermissions(MeetingPermissions& permissions,
+                                            const QSet<MeetingCaptureSource>& sources) {
+    if (sources.contains(MeetingCaptureSource::microphone) && !permissions.requestMicrophoneAccess()) {
+        return {MeetingSessionError::permissionDenied(
+            QStringLiteral("Microphone access is required for the selected source."))};
+    }
+    if (sources.contains(MeetingCaptureSource::system) && !permissions.systemAudioAccessGranted()) {
+        return {MeetingSessionError::permissionDenied(QStringLiteral(
+            "Screen & System Audio Recording access is required for the selected source. Grant it, then restart "
+            "Notes."))};
+    }
+    return {};
+}
+
+MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const MeetingTranscriberFactory& factory) {
+    MeetingPreparation result;
+    // A failed meeting may have left audio behind; it must not reach this one's transcript.
+    static_cast<void>(work.pipeline->flush());
+    while (true) {
+        auto leftover = work.pipeline->dequeue();
+        if (leftover && !*leftover) break;
+    }
+
+    auto transcriber = factory(modelPath);
+    if (!transcriber) {
+        result.failure = transcriber.error();
+        return result;
+    }
+    work.transcription = std::make_unique<IncrementalTranscription>(std::move(*transcriber), windowDuration,
+                                                                    overlapDuration, silenceThreshold);
+
+    const auto& configuration = work.configuration;
+    work.writer = std::make_unique<MeetingNoteWriter>(work.sessionID, work.startedAt, work.notesDirectory);
+    auto note = work.writer->create(configuration.title, configuration.sources, configuration.modelName,
+                                    configuration.provider);
+    if (!work.writer->noteIdentifier()) {
+        result.failure = note.error();
+        return result;
+    }
+    result.noteIdentifier = *work.writer->noteIdentifier();
+    if (!note) result.issue = issue(checkpointOperation, note.error().description(), note.error());
+
+    if (configuration.retainAudio) {
+        std::lock_guard lock(work.audioMutex);
+        work.audioStore = std::make_unique<MeetingAudioStore>(work.notesDirectory, result.noteIdentifier);
+        for (auto source : {MeetingCaptureSource::microphone, MeetingCaptureSource::system}) {
+            if (!configuration.sources.contains(source)) continue;
+            if (auto opened = work.audioStore->open(source); !opened && !result.issue) {
+                result.issue = issue(audioOperation, opened.error().description(), opened.error());
+            }
+        }
+    }
+    return result;
+}
+
+MeetingBatch processQueued(MeetingWork& work) {
+    MeetingBatch batch;
+    if (work.cancelled) return batch;
+    QElapsedTimer timer;
+    timer.start();
+    drain(work, batch, batchChunkLimit);
+    checkpointIfNew(work, batch);
+    publish(work, batch);
+    batch.durationMs = double(timer.nsecsElapsed()) / 1e6;
+    return batch;
+}
+
+MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt) {
+    MeetingFinalization result;
+    if (work.cancelled) return result;
+    auto& batch = result.batch;
+    if (auto flushed = work.pipeline->flush(); !flushed) {
+        batch.issues.append(issue(transcribeOperation, transcribeStatus, flushed.error()));
+    }
+    drain(work, batch, -1);
+    auto rest = work.transcription->flush();
+    if (rest)
+        commit(work, batch, *rest);
+    else
+        batch.issues.append(issue(transcribeOperation, transcribeStatus, rest.error()));
+
+    QStringList audioPaths;
+    {
+        std::lock_guard lock(work.audioMutex);
+        if (work.audioStore) {
+            auto finished = work.audioStore->finish();
+            if (finished)
+                audioPaths = *finished;
+            else
+                batch.issues.append(issue(audioOperation, finished.error().description(), finished.error()));
+            work.audioStore.reset();
+        }
+    }
+
+    result.summaryRequested =
+        work.configuration.provider != MeetingSummaryProviderKind::none && holdsText(work.stableSegments);
+    if (auto written = work.writer->checkpoint(work.stableSegments, false); !written) {
+        result.failure = written.error();
+        return result;
+    }
+    work.checkpointedCount = work.stableSegments.size();
+    const auto status = result.summaryRequested ? MeetingSummaryStatus::pending : MeetingSummaryStatus::disabled;
+    if (auto finished = work.writer->finish(status, audioPaths, endedAt); !finished) {
+        result.failure = finished.error();
+    }
+    publish(work, batch);
+    return result;
+}
+
+MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider) {
+    MeetingSummaryOutcome outcome;
+    if (work.cancelled) return outcome;
+    auto summary = provider.summarize(MeetingSummaryService::transcript(work.stableSegments));
+    if (summary) {
+        if (auto written = work.writer->insertSummary(*summary); !written) {
+            outcome.failure = written.error().description();
+            return outcome;
+        }
+        outcome.summary = std::move(*summary);
+        return outcome;
+    }
+    outcome.failure = summary.error().description();
+    if (auto marked = work.writer->setSummaryStatus(MeetingSummaryStatus::failed); !marked) {
+        outcome.statusIssue = issue(checkpointOperation, marked.error().description(), marked.error());
+    }
+    return outcome;
+}
+
+MeetingBatch checkpointForTermination(MeetingWork& work) {
+    MeetingBatch batch;
+    if (work.cancelled) return batch;
+    if (auto flushed = work.pipeline->flush(); !flushed) {
+        batch.issues.append(issue(transcribeOperation, transcribeStatus, flushed.error()));
+    }
+    drain(work, batch, -1);
+    checkpointIfNew(work, batch);
+    publish(work, batch);
+    return batch;
+}
+
+}  // namespace mossly::meeting::meeting_work

@@ -1,0 +1,104 @@
+#pragma once
+
+#include <QDateTime>
+#include <QList>
+#include <QString>
+#include <QStringList>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <optional>
+
+#include "AudioPipeline.h"
+#include "IncrementalTranscription.h"
+#include "MeetingAudioStore.h"
+#include "MeetingNoteWriter.h"
+#include "MeetingSessionServices.h"
+
+namespace mossly::meeting {
+
+// Trouble that does not end the meeting: logged under `operation`, shown as `statusText`.
+struct MeetingIssue {
+    QString operation;
+    QString statusText;
+    QString description;
+};
+
+// One meeting's heavy objects. Everything but the pipeline and the audio store
+// (behind its mutex) is touched by the meeting worker only, one operation at a
+// time; a cancelled meeting's queued operations do nothing.
+struct MeetingWork {
+    QUuid sessionID;
+    QDateTime startedAt;
+    MeetingSessionConfiguration configuration;
+    QString notesDirectory;
+    std::shared_ptr<AudioPipeline> pipeline;
+    std::unique_ptr<IncrementalTranscription> transcription;
+    std::unique_ptr<MeetingNoteWriter> writer;
+    std::mutex audioMutex;
+    std::unique_ptr<MeetingAudioStore> audioStore;
+    QList<MeetingTranscriptSegment> stableSegments;  // everything committed, in order
+    qsizetype checkpointedCount = 0;
+    std::atomic<bool> cancelled{false};
+};
+
+struct MeetingPermissionOutcome {
+    std::optional<MeetingSessionError> refusal;
+};
+
+struct MeetingPreparation {
+    std::optional<MeetingSessionError> failure;
+    QString noteIdentifier;
+    std::optional<MeetingIssue> issue;  // the first manifest or an audio track could not be saved
+};
+
+struct MeetingBatch {
+    QList<MeetingTranscriptSegment> stable;  // new this batch
+    QList<MeetingTranscriptSegment> unstable;
+    TranscriptionBacklog backlog;
+    QList<MeetingIssue> issues;
+    std::optional<QDateTime> checkpointAt;
+    int chunkCount = 0;
+    bool moreQueued = false;
+    double durationMs = 0;
+};
+
+struct MeetingFinalization {
+    MeetingBatch batch;
+    std::optional<MeetingSessionError> failure;  // the note could not be finished
+    bool summaryRequested = false;
+};
+
+struct MeetingSummaryOutcome {
+    std::optional<MeetingSummary> summary;
+    std::optional<QString> failure;  // the provider's description
+    std::optional<MeetingIssue> statusIssue;
+};
+
+// The blocking steps of a meeting, each run on the meeting worker.
+namespace meeting_work {
+
+inline constexpr int pipelineCapacity = 240;
+inline constexpr int batchChunkLimit = 64;
+inline constexpr double windowDuration = 20.0;
+inline constexpr double overlapDuration = 2.0;
+inline constexpr float silenceThreshold = 0.002f;
+
+MeetingPermissionOutcome requestPermissions(MeetingPermissions& permissions,
+                                            const QSet<MeetingCaptureSource>& sources);
+// Loads the model, creates the transcription, the note with its first manifest, and the audio tracks.
+MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const MeetingTranscriberFactory& factory);
+// Transcribes up to `batchChunkLimit` queued chunks; checkpoints when new stable segments exist.
+MeetingBatch processQueued(MeetingWork& work);
+// Drains the queue, flushes the transcription, closes the audio and finishes the note.
+MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt);
+// Asks the provider and writes the summary block, or the "failed" status.
+MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider);
+// Drains the queue into the transcription and writes a checkpoint; the manifest stays.
+MeetingBatch checkpointForTermination(MeetingWork& work);
+
+bool holdsText(const QList<MeetingTranscriptSegment>& segments);
+
+}  // namespace meeting_work
+
+}  // namespace mossly::meeting

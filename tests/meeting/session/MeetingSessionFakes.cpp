@@ -1,0 +1,114 @@
+#include "MeetingSessionFakes.h"
+
+#include <QThread>
+#include <cmath>
+#include <numbers>
+
+namespace mossly::meeting::test {
+
+bool waitFor(const std::function<bool()>& done, int timeoutMs) {
+    QElapsedTimer timer;
+    timer.start();
+    while (!done()) {
+        if (timer.elapsed() > timeoutMs) return false;
+        QCoreApplication::processEvents(QEventLoop::AllEvents, 5);
+        QThread::msleep(1);
+    }
+    return true;
+}
+
+MeetingAudioChunk toneChunk(MeetingCaptureSource source, double startTime) {
+    std::vector<float> samples(static_cast<size_t>(transcriptionSampleRate));
+    for (size_t i = 0; i < samples.size(); ++i) {
+        samples[i] = 0.1f * float(std::sin(2 * std::numbers::pi * 440 * double(i) / transcriptionSampleRate));
+    }
+    return MeetingAudioChunk::captured(source, startTime, std::move(samples), transcriptionSampleRate);
+}
+
+std::expected<void, MeetingSessionError> FakeCapture::start(const std::optional<QString>& deviceUID,
+                                                            ChunkHandler onChunk, FailureHandler onFailure) {
+    if (startError_) return std::unexpected(*startError_);
+    deviceUID_ = deviceUID;
+    onChunk_ = std::move(onChunk);
+    onFailure_ = std::move(onFailure);
+    running_ = true;
+    return {};
+}
+
+void FakeCapture::deliver(int seconds) {
+    for (int i = 0; i < seconds; ++i) {
+        deliver(toneChunk(source_, nextStart_));
+        nextStart_ += 1;
+    }
+}
+
+void FakeCapture::deliver(MeetingAudioChunk chunk) {
+    if (!running_) return;
+    std::thread([&] { onChunk_(std::move(chunk)); }).join();
+}
+
+void FakeCapture::failWith(const QString& text) {
+    std::thread([&] { onFailure_(MeetingSessionError::captureFailed(text)); }).join();
+}
+
+MeetingCaptureFactory FakeCaptures::factory() {
+    return [this](MeetingCaptureSource source) -> std::unique_ptr<MeetingAudioCapture> {
+        const auto error = startErrors.find(source);
+        auto capture = std::make_unique<FakeCapture>(
+            source, error == startErrors.end() ? std::nullopt : std::optional(error->second));
+        latest_[source] = capture.get();
+        ++created_[source];
+        return capture;
+    };
+}
+
+int FakeCaptures::created(MeetingCaptureSource source) const {
+    const auto found = created_.find(source);
+    return found == created_.end() ? 0 : found->second;
+}
+
+std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> FakeTranscriber::transcribe(
+    std::span<const float> samples, MeetingCaptureSource source, double offset) {
+    ++calls;
+    if (failuresLeft > 0) {
+        --failuresLeft;
+        return std::unexpected(MeetingSessionError::transcriptionFailed(QStringLiteral("Inference failed.")));
+    }
+    MeetingTranscriptSegment segment;
+    segment.source = source;
+    segment.startTime = offset;
+    segment.endTime = offset + double(samples.size()) / transcriptionSampleRate;
+    segment.text = rawValue(source) + QStringLiteral(" from ") + QString::number(offset);
+    return QList{segment};
+}
+
+std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summarize(const QString& transcript) const {
+    ++calls;
+    {
+        std::lock_guard lock(mutex);
+        lastTranscript = transcript;
+    }
+    if (fails) return std::unexpected(MeetingSummaryProviderError::unavailable(QStringLiteral("Claude is offline.")));
+    return MeetingSummary{QStringLiteral("Standup"), QStringLiteral("We met."), {QStringLiteral("Ship it")},
+                          {QStringLiteral("Write tests")}, {}};
+}
+
+QString DiagnosticRecord::field(const QString& key) const {
+    for (const auto& [name, value] : fields) {
+        if (name == key) return value;
+    }
+    return {};
+}
+
+const DiagnosticRecord* RecordingDiagnostics::find(const QString& name) const {
+    for (const auto& record : records) {
+        if (record.name == name) return &record;
+    }
+    return nullptr;
+}
+
+int RecordingDiagnostics::count(const QString& name) const {
+    return int(std::ranges::count_if(records, [&](const auto& record) { return record.name == name; }));
+}
+
+}  // namespace mossly::meeting::test

@@ -1,0 +1,152 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QDateTime>
+#include <QElapsedTimer>
+#include <atomic>
+#include <functional>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <thread>
+#include <vector>
+
+#include "AudioSpool.h"
+#include "MeetingSessionServices.h"
+
+// Stand-ins for everything the meeting controller talks to.
+namespace mossly::meeting::test {
+
+// Spins the main thread's event loop until `done` holds; false after `timeoutMs`.
+bool waitFor(const std::function<bool()>& done, int timeoutMs = 10000);
+
+// One second of a 440 Hz tone at 16 kHz: loud enough to be transcribed.
+MeetingAudioChunk toneChunk(MeetingCaptureSource source, double startTime);
+
+// Delivers chunks and failures from a thread of its own, as a real back-end does.
+class FakeCapture final : public MeetingAudioCapture {
+public:
+    explicit FakeCapture(MeetingCaptureSource source, std::optional<MeetingSessionError> startError)
+        : source_(source), startError_(std::move(startError)) {}
+
+    MeetingCaptureSource source() const override { return source_; }
+    std::expected<void, MeetingSessionError> start(const std::optional<QString>& deviceUID, ChunkHandler onChunk,
+                                                   FailureHandler onFailure) override;
+    void stop() override { running_ = false; }
+
+    // `seconds` one-second tone chunks from where the last delivery ended.
+    void deliver(int seconds);
+    void deliver(MeetingAudioChunk chunk);
+    void failWith(const QString& text);
+    bool isRunning() const { return running_; }
+    const std::optional<QString>& deviceUID() const { return deviceUID_; }
+
+private:
+    MeetingCaptureSource source_;
+    std::optional<MeetingSessionError> startError_;
+    ChunkHandler onChunk_;
+    FailureHandler onFailure_;
+    std::optional<QString> deviceUID_;
+    double nextStart_ = 0;
+    bool running_ = false;
+};
+
+// Makes fake captures and keeps the latest of each source for the test to drive.
+class FakeCaptures {
+public:
+    MeetingCaptureFactory factory();
+    FakeCapture& latest(MeetingCaptureSource source) { return *latest_.at(source); }
+    int created(MeetingCaptureSource source) const;
+    std::map<MeetingCaptureSource, MeetingSessionError> startErrors;
+
+private:
+    std::map<MeetingCaptureSource, FakeCapture*> latest_;
+    std::map<MeetingCaptureSource, int> created_;
+};
+
+// One segment per transcribed block: "<source> from <offset>".
+class FakeTranscriber final : public WhisperTranscribing {
+public:
+    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> transcribe(
+        std::span<const float> samples, MeetingCaptureSource source, double offset) override;
+    std::atomic<int> failuresLeft{0};
+    std::atomic<int> calls{0};
+};
+
+class FakePermissions final : public MeetingPermissions {
+public:
+    bool requestMicrophoneAccess() override {
+        ++asked;
+        return microphone;
+    }
+    bool systemAudioAccessGranted() override {
+        ++asked;
+        return system;
+    }
+    std::atomic<bool> microphone{true};
+    std::atomic<bool> system{true};
+    std::atomic<int> asked{0};
+};
+
+class FakeModel final : public MeetingModelLocator {
+public:
+    std::optional<QString> installedModelPath(const QString& modelName) const override {
+        return installed ? std::optional(QStringLiteral("/models/") + modelName) : std::nullopt;
+    }
+    bool installed = true;
+};
+
+class FakeProvider final : public MeetingSummaryProvider {
+public:
+    MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
+    ProviderConnectionState connectionState() const override { return ProviderConnectionState::connected(); }
+    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override;
+
+    std::atomic<bool> fails{false};
+    mutable std::atomic<int> calls{0};
+    mutable std::mutex mutex;
+    mutable QString lastTranscript;
+};
+
+struct DiagnosticRecord {
+    QString kind;  // "event" or "span"
+    QString name;
+    MeetingDiagnosticFields fields;
+    QString field(const QString& key) const;
+};
+
+class RecordingDiagnostics final : public MeetingDiagnostics {
+public:
+    void event(const QString& name, const MeetingDiagnosticFields& fields) override {
+        records.push_back({QStringLiteral("event"), name, fields});
+    }
+    void span(const QString& name, double, const MeetingDiagnosticFields& fields) override {
+        records.push_back({QStringLiteral("span"), name, fields});
+    }
+    const DiagnosticRecord* find(const QString& name) const;
+    int count(const QString& name) const;
+    std::vector<DiagnosticRecord> records;
+};
+
+// An overflow spool that keeps what it is given but cannot read it back.
+class UnreadableSpool final : public AudioSpoolStorage {
+public:
+    std::expected<qint64, QString> append(const QByteArray& record) override {
+        const qint64 offset = size_;
+        size_ += record.size();
+        return offset;
+    }
+    std::expected<QByteArray, QString> read(qint64, qint64) override {
+        return std::unexpected(QStringLiteral("Disk error"));
+    }
+    std::expected<void, QString> reset() override {
+        size_ = 0;
+        return {};
+    }
+
+private:
+    qint64 size_ = 0;
+};
+
+}  // namespace mossly::meeting::test
