@@ -3,6 +3,8 @@
 #include <QDragEnterEvent>
 #include <QDropEvent>
 #include <QListView>
+#include <QMenu>
+#include <QMenuBar>
 #include <QMessageBox>
 #include <QMimeData>
 #include <QProgressBar>
@@ -18,6 +20,8 @@
 #include "LinkPreviews.h"
 #include "LibrarySidebar.h"
 #include "MarkdownTextView.h"
+#include "MeetingRecorder.h"
+#include "MeetingSessionController.h"
 #include "NoteDrops.h"
 #include "NoteStore.h"
 #include "NoteWindow.h"
@@ -93,6 +97,25 @@ void MainWindow::dropEvent(QDropEvent* event) {
     if (files.isEmpty()) return;
     store_.importNoteFiles(files);
     event->acceptProposedAction();
+}
+
+void MainWindow::setMeetingRecorder(MeetingRecorder* recorder) {
+    QMenu* menu = menuBar()->addMenu(tr("&Meeting"));
+    QAction* open = menu->addAction(tr("Open Meeting Recorder…"));
+    open->setShortcut(QKeySequence(QStringLiteral("Shift+Ctrl+R")));
+    QAction* stop = menu->addAction(tr("Stop Recording"));
+    stop->setShortcut(QKeySequence(QStringLiteral("Shift+Ctrl+.")));
+    stop->setEnabled(recorder->isRecording());
+    connect(open, &QAction::triggered, recorder, &MeetingRecorder::showWindow);
+    connect(stop, &QAction::triggered, recorder, [recorder] { recorder->controller().stop(); });
+    connect(recorder, &MeetingRecorder::recordingChanged, stop, &QAction::setEnabled);
+    connect(recorder, &MeetingRecorder::openNoteRequested, this, [this](const QString& path) {
+        if (const auto url = store_.resolveNoteID(path)) {
+            store_.select(*url);
+            raise();
+            activateWindow();
+        }
+    });
 }
 
 bool MainWindow::pasteAsHtmlNote(const QMimeData& data) {

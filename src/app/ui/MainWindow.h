@@ -13,6 +13,7 @@ class LibrarySidebar;
 class NoteStore;
 class NoteWindow;
 class LinkPreviews;
+class MeetingRecorder;
 
 // The library window: sidebar and editor side by side, with the app's menus.
 // A thin composition root; behaviour lives in the parts.
@@ -29,6 +30,9 @@ public:
     QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
     LinkPreviews& linkPreviews() const { return *linkPreviews_; }
     QProgressBar* indexProgressBar() const { return indexProgress_; }
+
+    // Adds the meeting recorder's menu commands (the app has one recorder).
+    void setMeetingRecorder(MeetingRecorder* recorder);
 
     // Creates an HTML note from what the clipboard holds; false when it holds no HTML.
     bool pasteAsHtmlNote(const QMimeData& data);

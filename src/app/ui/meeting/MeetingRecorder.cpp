@@ -1,0 +1,80 @@
+#include "MeetingRecorder.h"
+
+#include <QCoreApplication>
+#include <QElapsedTimer>
+
+#include "Diagnostics.h"
+#include "MeetingRecorderWindow.h"
+#include "MeetingSessionController.h"
+#include "NoteStore.h"
+
+namespace mossly {
+
+using namespace meeting;
+
+namespace {
+
+// The recorder's reports go to the app's diagnostics centre.
+class DiagnosticsCenterSink final : public MeetingDiagnostics {
+public:
+    void event(const QString& name, const MeetingDiagnosticFields& fields) override {
+        DiagnosticsCenter::shared().event(name, convert(fields));
+    }
+    void span(const QString& name, double durationMs, const MeetingDiagnosticFields& fields) override {
+        DiagnosticFields converted = convert(fields);
+        converted.emplace_back(QStringLiteral("durationMs"), durationMs);
+        DiagnosticsCenter::shared().event(name, converted);
+    }
+
+private:
+    static DiagnosticFields convert(const MeetingDiagnosticFields& fields) {
+        DiagnosticFields converted;
+        for (const auto& [key, value] : fields) converted.emplace_back(key, value);
+        return converted;
+    }
+};
+
+}  // namespace
+
+MeetingRecorder::MeetingRecorder(NoteStore& store, MeetingSessionServices services, QObject* parent)
+    : QObject(parent), store_(store), preferences_(preferencesFile_), settings_(preferences_), models_({}) {
+    if (!services.model) services.model = std::make_shared<WhisperModelManagerLocator>(models_);
+    if (!services.notesDirectory) services.notesDirectory = [this] { return store_.directory(); };
+    if (!services.diagnostics) services.diagnostics = std::make_shared<DiagnosticsCenterSink>();
+    controller_ = std::make_unique<MeetingSessionController>(settings_, std::move(services));
+    connect(controller_.get(), &MeetingSessionController::phaseChanged, this,
+            [this] { emit recordingChanged(isRecording()); });
+}
+
+MeetingRecorder::~MeetingRecorder() {
+    delete window_;
+}
+
+bool MeetingRecorder::isRecording() const {
+    const MeetingSessionPhase phase = controller_->phase();
+    return phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused;
+}
+
+MeetingRecorderWindow* MeetingRecorder::showWindow() {
+    if (!window_) {
+        window_ = new MeetingRecorderWindow(*controller_, settings_, models_);
+        window_->setAttribute(Qt::WA_DeleteOnClose);
+        connect(window_, &MeetingRecorderWindow::openNoteRequested, this, &MeetingRecorder::openNoteRequested);
+    }
+    window_->show();
+    window_->raise();
+    window_->activateWindow();
+    return window_;
+}
+
+void MeetingRecorder::checkpointBeforeQuit(int timeoutMs) {
+    if (!isRecording()) return;
+    bool done = false;
+    controller_->checkpointForTermination([&done] { done = true; });
+    // Quitting waits for the transcript to be durable; the app does nothing else meanwhile.
+    QElapsedTimer timer;
+    timer.start();
+    while (!done && timer.elapsed() < timeoutMs) QCoreApplication::processEvents(QEventLoop::AllEvents, 20);
+}
+
+}  // namespace mossly

@@ -1,0 +1,54 @@
+#pragma once
+
+#include <QObject>
+#include <QPointer>
+#include <QSettings>
+#include <memory>
+
+#include "MeetingSessionController.h"
+#include "MeetingSessionServices.h"
+#include "MeetingSettings.h"
+#include "WhisperModelManager.h"
+
+namespace mossly {
+
+class MeetingRecorderWindow;
+class NoteStore;
+
+// The app's meeting recorder: its settings, the speech model, the one session
+// controller, and its window, for the life of the app. Meetings are written
+// into the store's notes folder; the store sees them as notes changed on disk.
+class MeetingRecorder : public QObject {
+    Q_OBJECT
+public:
+    // `services` brings capture and permissions (the audio server in the app, fakes in tests);
+    // the model, the notes folder and diagnostics are filled in here unless set.
+    MeetingRecorder(NoteStore& store, meeting::MeetingSessionServices services, QObject* parent = nullptr);
+    ~MeetingRecorder() override;
+
+    meeting::MeetingSessionController& controller() const { return *controller_; }
+    meeting::MeetingSettings& settings() { return settings_; }
+    meeting::WhisperModelManager& models() { return models_; }
+    bool isRecording() const;
+
+    // Opens (or raises) the "Meeting Recorder" window.
+    MeetingRecorderWindow* showWindow();
+    // Before the app quits: a running meeting is checkpointed and left to be
+    // recovered at the next launch. Waits at most `timeoutMs`.
+    void checkpointBeforeQuit(int timeoutMs = 15000);
+
+signals:
+    void recordingChanged(bool recording);
+    void openNoteRequested(const QString& path);
+
+private:
+    NoteStore& store_;
+    QSettings preferencesFile_;
+    meeting::QSettingsMeetingPreferences preferences_;
+    meeting::MeetingSettings settings_;
+    meeting::WhisperModelManager models_;
+    std::unique_ptr<meeting::MeetingSessionController> controller_;
+    QPointer<MeetingRecorderWindow> window_;
+};
+
+}  // namespace mossly

@@ -1,0 +1,72 @@
+#pragma once
+
+#include <QWidget>
+
+class QCheckBox;
+class QComboBox;
+class QLabel;
+class QLineEdit;
+class QPlainTextEdit;
+class QProgressBar;
+class QPushButton;
+
+namespace mossly {
+
+namespace meeting {
+class MeetingSessionController;
+class MeetingSettings;
+class WhisperModelManager;
+}  // namespace meeting
+
+// The meeting recorder: what to record and whether everything is ready before,
+// the live transcript with levels, backlog and time while recording, and the
+// result after. Everything it shows comes from the controller's published
+// state; every button is one controller call.
+class MeetingRecorderWindow : public QWidget {
+    Q_OBJECT
+public:
+    MeetingRecorderWindow(meeting::MeetingSessionController& controller, meeting::MeetingSettings& settings,
+                          meeting::WhisperModelManager& models, QWidget* parent = nullptr);
+
+    QPushButton* recordButton() const { return record_; }
+    QPushButton* stopButton() const { return stop_; }
+    QPlainTextEdit* transcriptView() const { return transcript_; }
+    QLabel* statusLabel() const { return status_; }
+
+signals:
+    void openNoteRequested(const QString& path);
+
+private:
+    void showPhase();
+    void showTranscript();
+    void showModel();
+    void showTimes();
+    void takeConfiguration();
+
+    meeting::MeetingSessionController& controller_;
+    meeting::MeetingSettings& settings_;
+    meeting::WhisperModelManager& models_;
+    QLineEdit* title_;
+    QCheckBox* microphone_;
+    QCheckBox* system_;
+    QCheckBox* keepAudio_;
+    QCheckBox* consent_;
+    QComboBox* provider_;
+    QLabel* model_;
+    QPushButton* download_;
+    QProgressBar* downloadProgress_;
+    QProgressBar* microphoneLevel_;
+    QProgressBar* systemLevel_;
+    QPlainTextEdit* transcript_;
+    QLabel* times_;
+    QLabel* status_;
+    QLabel* error_;
+    QPushButton* record_;
+    QPushButton* pause_;
+    QPushButton* stop_;
+    QPushButton* retrySummary_;
+    QPushButton* openNote_;
+    QPushButton* newMeeting_;
+};
+
+}  // namespace mossly

@@ -1,0 +1,114 @@
+#include <gtest/gtest.h>
+
+#include <QCheckBox>
+#include <QDir>
+#include <QLabel>
+#include <QLineEdit>
+#include <QPlainTextEdit>
+#include <QPushButton>
+#include <QTest>
+
+#include "AppTestSupport.h"
+#include "EditorPane.h"
+#include "MainWindow.h"
+#include "MeetingRecorder.h"
+#include "MeetingRecorderWindow.h"
+#include "MeetingSessionFakes.h"
+#include "NoteStore.h"
+#include "TestSupport.h"
+
+namespace mossly {
+namespace {
+
+using meeting::MeetingCaptureSource;
+using meeting::MeetingSessionError;
+using meeting::MeetingSessionPhase;
+using meeting::MeetingSessionServices;
+using meeting::WhisperTranscribing;
+namespace fakes = meeting::test;
+
+QPushButton* buttonNamed(QWidget& window, const QString& text) {
+    for (QPushButton* button : window.findChildren<QPushButton*>()) {
+        if (button->text() == text) return button;
+    }
+    return nullptr;
+}
+
+QCheckBox* checkBoxNamed(QWidget& window, const QString& text) {
+    for (QCheckBox* box : window.findChildren<QCheckBox*>()) {
+        if (box->text() == text) return box;
+    }
+    return nullptr;
+}
+
+// The recorder as a user drives it: choose, record, watch the transcript grow, stop, open the note.
+TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
+    test::TemporaryNotesFolder folder;
+    NoteStore store(folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
+                                                      .welcomeIconPng = {}});
+    MainWindow window(store);
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    fakes::FakeCaptures captures;
+    auto transcriber = std::make_shared<fakes::FakeTranscriber>();
+    MeetingSessionServices services;
+    services.model = std::make_shared<fakes::FakeModel>();
+    services.captureFactory = captures.factory();
+    services.permissions = std::make_shared<fakes::FakePermissions>();
+    services.transcriberFactory = [transcriber](const QString&)
+        -> std::expected<std::shared_ptr<WhisperTranscribing>, MeetingSessionError> { return transcriber; };
+    MeetingRecorder recorder(store, std::move(services));
+    window.setMeetingRecorder(&recorder);
+
+    QAction* open = test::findAction(window, QStringLiteral("Open Meeting Recorder…"));
+    QAction* stopAction = test::findAction(window, QStringLiteral("Stop Recording"));
+    ASSERT_TRUE(open && stopAction);
+    EXPECT_EQ(open->shortcut(), QKeySequence(QStringLiteral("Shift+Ctrl+R")));
+    EXPECT_FALSE(stopAction->isEnabled()) << "nothing is recording yet";
+    open->trigger();
+    MeetingRecorderWindow* recorderWindow = recorder.showWindow();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(recorderWindow));
+    EXPECT_EQ(recorderWindow->windowTitle(), QStringLiteral("Meeting Recorder"));
+    EXPECT_EQ(recorderWindow->findChild<QLineEdit*>()->placeholderText(), QStringLiteral("Meeting title (optional)"));
+
+    // Nothing chosen: the recorder says what is missing and writes nothing.
+    QCheckBox* microphone = checkBoxNamed(*recorderWindow, QStringLiteral("Microphone (You)"));
+    QCheckBox* system = checkBoxNamed(*recorderWindow, QStringLiteral("System audio (what the speakers play)"));
+    QCheckBox* consent = checkBoxNamed(*recorderWindow,
+                                       QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."));
+    ASSERT_TRUE(microphone && system && consent);
+    microphone->setChecked(false);
+    system->setChecked(false);
+    recorderWindow->recordButton()->click();
+    ASSERT_TRUE(test::waitUntil([&] { return recorder.controller().errorMessage() == "Select at least one audio source."; }));
+    EXPECT_TRUE(folder.allEntries().filter(QStringLiteral(".md")).isEmpty());
+
+    recorder.controller().reset();
+    microphone->setChecked(true);
+    consent->setChecked(true);
+    recorderWindow->findChild<QLineEdit*>()->setText(QStringLiteral("Harbour planning"));
+    recorderWindow->recordButton()->click();
+    ASSERT_TRUE(test::waitUntil([&] { return recorder.isRecording(); }));
+    EXPECT_TRUE(stopAction->isEnabled());
+    captures.latest(MeetingCaptureSource::microphone).deliver(45);
+    ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->transcriptView()->toPlainText().contains("You:"); }));
+    if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
+        test::spin(300);
+        recorderWindow->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/meeting-recorder.png"));
+    }
+    stopAction->trigger();
+    ASSERT_TRUE(test::waitUntil([&] { return recorder.controller().phase() == MeetingSessionPhase::completed; }));
+    EXPECT_EQ(recorderWindow->statusLabel()->text(), QStringLiteral("Recording stopped \u2014 Meeting note saved"));
+    EXPECT_FALSE(stopAction->isEnabled());
+    const QString note = recorder.controller().noteURL().toLocalFile();
+    ASSERT_TRUE(QFileInfo(note).fileName().startsWith(QStringLiteral("Harbour planning")));
+    // Open Meeting Note shows it in the library window.
+    ASSERT_TRUE(test::waitUntil([&] { return store.resolveNoteID(note).has_value(); }));
+    QPushButton* openNote = buttonNamed(*recorderWindow, QStringLiteral("Open Meeting Note"));
+    ASSERT_TRUE(openNote && openNote->isVisible());
+    openNote->click();
+    ASSERT_TRUE(test::waitUntil([&] { return store.selection() == store.resolveNoteID(note); }));
+}
+
+}  // namespace
+}  // namespace mossly
