@@ -6,6 +6,7 @@ namespace mossly::meeting {
 namespace {
 
 constexpr pa_usec_t chunkDuration = 100 * PA_USEC_PER_MSEC;
+constexpr double chunkSeconds = 0.1;
 constexpr std::chrono::milliseconds watchdogInterval{250};
 
 }  // namespace
@@ -58,13 +59,13 @@ void PulseSourceCapture::stop() {
     if (!client_) return;
     if (client_->inLoopThread()) {
         // From a callback: no more deliveries; the thread itself ends with the next start or the destructor.
-        active_ = false;
         closeStream();
+        active_ = false;
         return;
     }
     client_->lock();
+    closeStream();  // delivers what is gathered
     active_ = false;
-    closeStream();
     client_->unlock();
     client_.reset();
 }
@@ -149,12 +150,13 @@ void PulseSourceCapture::fail(const MeetingSessionError& error) {
         return;
     }
     if (!active_) return;
-    active_ = false;
     closeStream();
+    active_ = false;
     if (onFailure_) onFailure_(error);
 }
 
 void PulseSourceCapture::closeStream() {
+    emitPending();
     if (stream_) {
         pa_stream_set_state_callback(stream_, nullptr, nullptr);
         pa_stream_set_read_callback(stream_, nullptr, nullptr);
@@ -193,8 +195,12 @@ void PulseSourceCapture::streamReadable(pa_stream* stream, size_t, void* userdat
         const void* data = nullptr;
         size_t bytes = 0;
         if (pa_stream_peek(stream, &data, &bytes) < 0 || bytes == 0) return;
-        if (data) self->deliver(static_cast<const float*>(data), bytes);
-        else self->streamFrames_ += qint64(bytes / pa_frame_size(&self->streamSpec_));  // a hole: time moves on
+        if (data) {
+            self->deliver(static_cast<const float*>(data), bytes);
+        } else {
+            self->emitPending();  // a hole: time moves on
+            self->streamFrames_ += qint64(bytes / pa_frame_size(&self->streamSpec_));
+        }
         pa_stream_drop(stream);
     }
 }
@@ -206,13 +212,22 @@ void PulseSourceCapture::deliver(const float* samples, size_t bytes) {
     if (!streamStartTime_) streamStartTime_ = std::chrono::duration<double>(now - *firstChunkAt_).count();
     const size_t count = bytes / sizeof(float);
     const double rate = streamSpec_.rate;
-    const double startTime = *streamStartTime_ + double(streamFrames_) / rate;
+    if (pending_.empty()) pendingStartTime_ = *streamStartTime_ + double(streamFrames_) / rate;
+    pending_.insert(pending_.end(), samples, samples + count);
     streamFrames_ += qint64(count / streamSpec_.channels);
-    auto chunk = MeetingAudioChunk::captured(source_, startTime, std::vector<float>(samples, samples + count), rate,
+
+    const float level = rmsLevel(std::span(samples, count));
+    watchdog_->chunkArrived(level);
+    if (source_ == MeetingCaptureSource::microphone) options_.speech->heard(level, now);
+    if (double(pending_.size() / streamSpec_.channels) >= rate * chunkSeconds) emitPending();
+}
+
+void PulseSourceCapture::emitPending() {
+    if (pending_.empty()) return;
+    auto chunk = MeetingAudioChunk::captured(source_, pendingStartTime_, std::move(pending_), streamSpec_.rate,
                                              streamSpec_.channels);
-    watchdog_->chunkArrived(chunk.level);
-    if (source_ == MeetingCaptureSource::microphone) options_.speech->heard(chunk.level, now);
-    if (onChunk_) onChunk_(std::move(chunk));
+    pending_.clear();
+    if (active_ && onChunk_) onChunk_(std::move(chunk));
 }
 
 void PulseSourceCapture::checkWatchdog() {

@@ -19,7 +19,7 @@ struct PulseCaptureOptions {
 };
 
 // Records one source of the audio server as 32-bit float at the device's own
-// rate and channels, in chunks of about 100 ms.
+// rate and channels, in chunks of about 100 ms (what is left is delivered on stop).
 //
 // The microphone is the chosen source (by its server name) or the server's
 // default source, never a monitor. System audio is the monitor of the server's
@@ -48,6 +48,7 @@ private:
     void fail(const MeetingSessionError& error);
     void closeStream();
     void deliver(const float* samples, size_t bytes);
+    void emitPending();
     void checkWatchdog();
     static void streamStateChanged(pa_stream* stream, void* userdata);
     static void streamReadable(pa_stream* stream, size_t bytes, void* userdata);
@@ -67,6 +68,9 @@ private:
     bool streamReady_ = false;
     std::optional<double> streamStartTime_;
     qint64 streamFrames_ = 0;
+    // The server hands over a few milliseconds at a time: gathered into chunks of about 100 ms.
+    std::vector<float> pending_;
+    double pendingStartTime_ = 0;
     std::optional<std::chrono::steady_clock::time_point> firstChunkAt_;
 
     int generation_ = 0;  // answers for an older resolution are ignored

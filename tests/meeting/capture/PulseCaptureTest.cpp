@@ -77,7 +77,8 @@ std::vector<float> referenceSamples(const QString& file) { return mossly::test::
 
 bool finishes(QProcess& process) { return process.waitForFinished(15000) && process.exitCode() == 0; }
 
-// Every chunk of one source, consecutive, at the device's format, the first at time 0.
+// Every chunk of one source, consecutive, at the device's format, 100-200 ms
+// long (the last may be shorter), the first at time 0.
 void expectContinuousTimeline(const std::vector<MeetingAudioChunk>& chunks, MeetingCaptureSource source) {
     ASSERT_FALSE(chunks.empty());
     EXPECT_EQ(chunks.front().startTime, 0);
@@ -85,6 +86,10 @@ void expectContinuousTimeline(const std::vector<MeetingAudioChunk>& chunks, Meet
         EXPECT_EQ(chunks[index].source, source);
         EXPECT_EQ(chunks[index].sampleRate, deviceRate);
         EXPECT_EQ(chunks[index].channelCount, deviceChannels);
+        if (index + 1 < chunks.size()) {
+            EXPECT_GE(chunks[index].duration(), 0.1);
+            EXPECT_LT(chunks[index].duration(), 0.2);  // plus at most one of the server's fragments
+        }
         if (index > 0) {
             EXPECT_NEAR(chunks[index].startTime, chunks[index - 1].startTime + chunks[index - 1].duration(), 1e-6);
         }
