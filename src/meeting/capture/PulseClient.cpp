@@ -22,11 +22,15 @@ struct Expiry {
 // One outstanding answer: collects what the server reports until the end of the list.
 template <typename Info, typename Result>
 struct InfoRequest : PulseClient::Request {
-    PulseClient* client = nullptr;
+    InfoRequest(PulseClient* client, std::function<void(std::optional<Result>)> done,
+                std::function<void(const Info&, Result&)> add)
+        : client(client), done(std::move(done)), add(std::move(add)) {}
+
+    PulseClient* client;
     std::function<void(std::optional<Result>)> done;
+    std::function<void(const Info&, Result&)> add;
     Result collected{};
     bool found = false;
-    std::function<void(const Info&, Result&)> add;
 
     static void callback(pa_context*, const Info* info, int eol, void* userdata) {
         auto* self = static_cast<InfoRequest*>(userdata);
@@ -147,6 +151,13 @@ void PulseClient::finish(Request* request) {
     std::erase_if(requests_, [&](const auto& owned) { return owned.get() == request; });
 }
 
+template <typename Owned>
+void PulseClient::track(std::unique_ptr<Owned> request, pa_operation* operation) {
+    if (!operation) return request->done(std::nullopt);  // the connection is gone
+    pa_operation_unref(operation);
+    requests_.push_back(std::move(request));
+}
+
 template <typename Result>
 std::expected<Result, MeetingSessionError> PulseClient::await(
     const std::function<void(std::function<void(Result)>)>& request) {
@@ -191,61 +202,37 @@ void PulseClient::requestDefaults(std::function<void(std::optional<PulseServerDe
     auto request = std::make_unique<ServerRequest>();
     request->client = this;
     request->done = std::move(done);
-    if (pa_operation* operation = pa_context_get_server_info(context_, &ServerRequest::callback, request.get())) {
-        pa_operation_unref(operation);
-        requests_.push_back(std::move(request));
-    } else {
-        request->done(std::nullopt);
-    }
+    auto* raw = request.get();
+    track(std::move(request), pa_context_get_server_info(context_, &ServerRequest::callback, raw));
 }
 
 void PulseClient::requestSource(const QString& name, std::function<void(std::optional<PulseSourceDetails>)> done) {
     using SourceRequest = InfoRequest<pa_source_info, PulseSourceDetails>;
-    auto request = std::make_unique<SourceRequest>();
-    request->client = this;
-    request->done = std::move(done);
-    request->add = [](const pa_source_info& info, PulseSourceDetails& result) { result = details(info); };
-    if (pa_operation* operation = pa_context_get_source_info_by_name(context_, name.toUtf8().constData(),
-                                                                    &SourceRequest::callback, request.get())) {
-        pa_operation_unref(operation);
-        requests_.push_back(std::move(request));
-    } else {
-        request->done(std::nullopt);
-    }
+    auto request = std::make_unique<SourceRequest>(
+        this, std::move(done), [](const pa_source_info& info, PulseSourceDetails& result) { result = details(info); });
+    auto* raw = request.get();
+    track(std::move(request), pa_context_get_source_info_by_name(context_, name.toUtf8().constData(),
+                                                                    &SourceRequest::callback, raw));
 }
 
 void PulseClient::requestSources(std::function<void(std::optional<std::vector<PulseSourceDetails>>)> done) {
     using ListRequest = InfoRequest<pa_source_info, std::vector<PulseSourceDetails>>;
-    auto request = std::make_unique<ListRequest>();
-    request->client = this;
-    request->done = std::move(done);
+    auto request = std::make_unique<ListRequest>(
+        this, std::move(done),
+        [](const pa_source_info& info, std::vector<PulseSourceDetails>& result) { result.push_back(details(info)); });
     request->found = true;  // an empty list is an answer too
-    request->add = [](const pa_source_info& info, std::vector<PulseSourceDetails>& result) {
-        result.push_back(details(info));
-    };
-    if (pa_operation* operation = pa_context_get_source_info_list(context_, &ListRequest::callback, request.get())) {
-        pa_operation_unref(operation);
-        requests_.push_back(std::move(request));
-    } else {
-        request->done(std::nullopt);
-    }
+    auto* raw = request.get();
+    track(std::move(request), pa_context_get_source_info_list(context_, &ListRequest::callback, raw));
 }
 
 void PulseClient::requestSinkMonitor(const QString& sink, std::function<void(std::optional<QString>)> done) {
     using SinkRequest = InfoRequest<pa_sink_info, QString>;
-    auto request = std::make_unique<SinkRequest>();
-    request->client = this;
-    request->done = std::move(done);
-    request->add = [](const pa_sink_info& info, QString& result) {
+    auto request = std::make_unique<SinkRequest>(this, std::move(done), [](const pa_sink_info& info, QString& result) {
         result = QString::fromUtf8(info.monitor_source_name ? info.monitor_source_name : "");
-    };
-    if (pa_operation* operation = pa_context_get_sink_info_by_name(context_, sink.toUtf8().constData(),
-                                                                  &SinkRequest::callback, request.get())) {
-        pa_operation_unref(operation);
-        requests_.push_back(std::move(request));
-    } else {
-        request->done(std::nullopt);
-    }
+    });
+    auto* raw = request.get();
+    track(std::move(request), pa_context_get_sink_info_by_name(context_, sink.toUtf8().constData(),
+                                                                  &SinkRequest::callback, raw));
 }
 
 void PulseClient::subscribe(pa_subscription_mask_t mask, std::function<void(pa_subscription_event_type_t)> onEvent) {

@@ -83,6 +83,9 @@ private:
     template <typename Result>
     std::expected<Result, MeetingSessionError> await(
         const std::function<void(std::function<void(Result)>)>& request);
+    // Keeps `request` until it is answered, or answers it at once when `operation` could not be sent.
+    template <typename Owned>
+    void track(std::unique_ptr<Owned> request, pa_operation* operation);
     static void contextStateChanged(pa_context* context, void* self);
 
     pa_threaded_mainloop* loop_ = nullptr;
