@@ -18,15 +18,14 @@ using namespace std::chrono_literals;
 using test::CaptureRecorder;
 using test::PrivatePulseServer;
 
-// The server's default format: null sinks and their monitors use it.
-constexpr double deviceRate = 44100;
+// Null sinks and their monitors have the server's default channels and rate.
 constexpr int deviceChannels = 2;
 
 // A sentence at the device rate, mono, so the server plays it without resampling.
-QString speechFile(const QString& text) {
+QString speechFile(const QString& text, double deviceRate) {
     static QTemporaryDir folder;
     const QString spoken = folder.filePath(QString::number(qHash(text)) + "-espeak.wav");
-    const QString converted = folder.filePath(QString::number(qHash(text)) + ".wav");
+    const QString converted = folder.filePath(QString::number(qHash(text)) + "-" + QString::number(deviceRate) + ".wav");
     if (!QFile::exists(converted)) {
         QProcess::execute(QStringLiteral(MOSSLY_ESPEAK), {"-w", spoken, text});
         QProcess::execute(QStringLiteral(MOSSLY_SOX), {spoken, "-r", QString::number(deviceRate), "-c", "1", converted});
@@ -40,7 +39,7 @@ struct Match {
 };
 
 // Where `reference` sits in `captured`: coarsely by 10 ms loudness envelopes, then to the sample.
-Match bestMatch(const std::vector<float>& captured, const std::vector<float>& reference) {
+Match bestMatch(const std::vector<float>& captured, const std::vector<float>& reference, double deviceRate) {
     const size_t hop = size_t(deviceRate / 100);
     auto envelope = [hop](const std::vector<float>& samples) {
         std::vector<float> levels;
@@ -73,13 +72,12 @@ Match bestMatch(const std::vector<float>& captured, const std::vector<float>& re
     return match;
 }
 
-std::vector<float> referenceSamples(const QString& file) { return mossly::test::readSoundFile(file).samples; }
-
 bool finishes(QProcess& process) { return process.waitForFinished(15000) && process.exitCode() == 0; }
 
 // Every chunk of one source, consecutive, at the device's format, 100-200 ms
 // long (the last may be shorter), the first at time 0.
-void expectContinuousTimeline(const std::vector<MeetingAudioChunk>& chunks, MeetingCaptureSource source) {
+void expectContinuousTimeline(const std::vector<MeetingAudioChunk>& chunks, MeetingCaptureSource source,
+                              double deviceRate) {
     ASSERT_FALSE(chunks.empty());
     EXPECT_EQ(chunks.front().startTime, 0);
     for (size_t index = 0; index < chunks.size(); ++index) {
@@ -96,14 +94,21 @@ void expectContinuousTimeline(const std::vector<MeetingAudioChunk>& chunks, Meet
     }
 }
 
-class PulseCaptureTest : public ::testing::Test {
+class PulseCaptureTest : public ::testing::TestWithParam<test::AudioServerKind> {
 protected:
     void SetUp() override {
-        server = std::make_unique<PrivatePulseServer>();
+        server = std::make_unique<PrivatePulseServer>(GetParam());
         if (!server->failure().isEmpty()) {
             if (qEnvironmentVariableIsSet("MOSSLY_REQUIRE_AUDIO_SERVER")) FAIL() << server->failure().toStdString();
-            GTEST_SKIP() << "a private PulseAudio server cannot run here: " << server->failure().toStdString();
+            GTEST_SKIP() << "a private audio server cannot run here: " << server->failure().toStdString();
         }
+        rate = server->sampleRate();
+        ASSERT_GT(rate, 0);
+    }
+
+    QString spoken(const QString& text) const { return speechFile(text, rate); }
+    Match match(const std::vector<float>& captured, const QString& file) const {
+        return bestMatch(captured, mossly::test::readSoundFile(file).samples, rate);
     }
 
     PulseCaptureOptions options(std::chrono::milliseconds watchdogLimit = defaultWatchdogLimit) const {
@@ -115,14 +120,15 @@ protected:
     }
 
     std::unique_ptr<PrivatePulseServer> server;
+    double rate = 0;
     std::shared_ptr<SpeechActivity> speech = std::make_shared<SpeechActivity>();
     CaptureRecorder micRecorder;
     CaptureRecorder systemRecorder;
 };
 
-TEST_F(PulseCaptureTest, SpeakersAndMicrophoneArriveSeparatelyWithTheirOwnTimeline) {
-    const QString agenda = speechFile("The agenda has three items. First the release date.");
-    const QString budget = speechFile("I think the budget is too small for this quarter.");
+TEST_P(PulseCaptureTest, SpeakersAndMicrophoneArriveSeparatelyWithTheirOwnTimeline) {
+    const QString agenda = spoken("The agenda has three items. First the release date.");
+    const QString budget = spoken("I think the budget is too small for this quarter.");
     MicrophoneCapture microphone(options());
     SystemAudioCapture system(options());
     ASSERT_TRUE(microphone.start(std::nullopt, micRecorder.chunkHandler(), micRecorder.failureHandler()));
@@ -147,8 +153,8 @@ TEST_F(PulseCaptureTest, SpeakersAndMicrophoneArriveSeparatelyWithTheirOwnTimeli
 
     const auto systemChunks = systemRecorder.chunks();
     const auto micChunks = micRecorder.chunks();
-    expectContinuousTimeline(systemChunks, MeetingCaptureSource::system);
-    expectContinuousTimeline(micChunks, MeetingCaptureSource::microphone);
+    expectContinuousTimeline(systemChunks, MeetingCaptureSource::system, rate);
+    expectContinuousTimeline(micChunks, MeetingCaptureSource::microphone, rate);
     EXPECT_TRUE(systemRecorder.failures().empty());
     EXPECT_TRUE(micRecorder.failures().empty());
     // The timelines cover the wall-clock time from their first chunk to the stop.
@@ -160,22 +166,20 @@ TEST_F(PulseCaptureTest, SpeakersAndMicrophoneArriveSeparatelyWithTheirOwnTimeli
     EXPECT_NEAR(systemSpan, secondsAfter(systemRecorder, stoppedAt), 0.3);
     EXPECT_NEAR(micSpan, secondsAfter(micRecorder, stoppedAt), 0.3);
 
-    const auto agendaSamples = referenceSamples(agenda);
-    const auto budgetSamples = referenceSamples(budget);
     const auto systemAudio = systemRecorder.monoSamples();
     const auto micAudio = micRecorder.monoSamples();
-    const Match systemOwn = bestMatch(systemAudio, agendaSamples);
-    const Match micOwn = bestMatch(micAudio, budgetSamples);
+    const Match systemOwn = match(systemAudio, agenda);
+    const Match micOwn = match(micAudio, budget);
     EXPECT_GT(systemOwn.correlation, 0.9);
     EXPECT_GT(micOwn.correlation, 0.9);
-    EXPECT_LT(bestMatch(systemAudio, budgetSamples).correlation, 0.5);
-    EXPECT_LT(bestMatch(micAudio, agendaSamples).correlation, 0.5);
+    EXPECT_LT(match(systemAudio, budget).correlation, 0.5);
+    EXPECT_LT(match(micAudio, agenda).correlation, 0.5);
     // Each sentence sits where it was played, give or take the server's latency.
     EXPECT_NEAR(systemOwn.offset, secondsAfter(systemRecorder, playedAt) + 0.2, 0.3);
     EXPECT_NEAR(micOwn.offset, secondsAfter(micRecorder, playedAt) + 0.2, 0.3);
 }
 
-TEST_F(PulseCaptureTest, AnUnpluggedMicrophoneFailsWhileSystemAudioContinues) {
+TEST_P(PulseCaptureTest, AnUnpluggedMicrophoneFailsWhileSystemAudioContinues) {
     MicrophoneCapture microphone(options());
     SystemAudioCapture system(options());
     ASSERT_TRUE(microphone.start(QString("virtualmic"), micRecorder.chunkHandler(), micRecorder.failureHandler()));
@@ -196,8 +200,8 @@ TEST_F(PulseCaptureTest, AnUnpluggedMicrophoneFailsWhileSystemAudioContinues) {
     EXPECT_TRUE(systemRecorder.failures().empty());
 }
 
-TEST_F(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
-    const QString agenda = speechFile("The agenda has three items. First the release date.");
+TEST_P(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
+    const QString hello = spoken("Hello, can you hear me?");
     SystemAudioCapture system(options());
     ASSERT_TRUE(system.start(std::nullopt, systemRecorder.chunkHandler(), systemRecorder.failureHandler()));
     const int headphones = server->loadModule({"module-null-sink", "sink_name=headphones"});
@@ -211,7 +215,7 @@ TEST_F(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
     // A new null sink delivers its first data after about 2 s.
     const size_t before = systemRecorder.chunkCount();
     ASSERT_TRUE(systemRecorder.waitForChunks(before + 2, 4s));
-    auto playing = server->play("headphones", agenda);
+    auto playing = server->play("headphones", hello);
     ASSERT_TRUE(finishes(*playing));
     QThread::msleep(300);
     auto chunks = systemRecorder.chunks();
@@ -220,7 +224,7 @@ TEST_F(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
         const auto mono = mixToMono(chunks[index].samples, chunks[index].channelCount);
         after.insert(after.end(), mono.begin(), mono.end());
     }
-    EXPECT_GT(bestMatch(after, referenceSamples(agenda)).correlation, 0.9);
+    EXPECT_GT(match(after, hello).correlation, 0.9);
     for (size_t index = 1; index < chunks.size(); ++index) EXPECT_GT(chunks[index].startTime, chunks[index - 1].startTime);
 
     // The sink removed: capture moves on to whatever the server makes the default.
@@ -232,7 +236,7 @@ TEST_F(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
     EXPECT_TRUE(systemRecorder.failures().empty());
 }
 
-TEST_F(PulseCaptureTest, AKilledServerFailsBothSourcesPromptly) {
+TEST_P(PulseCaptureTest, AKilledServerFailsBothSourcesPromptly) {
     MicrophoneCapture microphone(options());
     SystemAudioCapture system(options());
     ASSERT_TRUE(microphone.start(std::nullopt, micRecorder.chunkHandler(), micRecorder.failureHandler()));
@@ -251,7 +255,7 @@ TEST_F(PulseCaptureTest, AKilledServerFailsBothSourcesPromptly) {
     EXPECT_LT(stopping.elapsed(), 200);
 }
 
-TEST_F(PulseCaptureTest, AStalledServerIsReportedAndNeverHangsTheCaller) {
+TEST_P(PulseCaptureTest, AStalledServerIsReportedAndNeverHangsTheCaller) {
     SystemAudioCapture system(options(1500ms));
     ASSERT_TRUE(system.start(std::nullopt, systemRecorder.chunkHandler(), systemRecorder.failureHandler()));
     ASSERT_TRUE(systemRecorder.waitForChunks(1, 3s));
@@ -274,8 +278,8 @@ TEST_F(PulseCaptureTest, AStalledServerIsReportedAndNeverHangsTheCaller) {
     EXPECT_FALSE(permissions.requestMicrophoneAccess());
 }
 
-TEST_F(PulseCaptureTest, SilentSpeakersWhileTheMicrophoneHearsSpeechAreReported) {
-    const QString budget = speechFile("I think the budget is too small for this quarter.");
+TEST_P(PulseCaptureTest, SilentSpeakersWhileTheMicrophoneHearsSpeechAreReported) {
+    const QString budget = spoken("I think the budget is too small.");
     MicrophoneCapture microphone(options(1500ms));
     SystemAudioCapture system(options(1500ms));
     ASSERT_TRUE(microphone.start(std::nullopt, micRecorder.chunkHandler(), micRecorder.failureHandler()));
@@ -292,7 +296,7 @@ TEST_F(PulseCaptureTest, SilentSpeakersWhileTheMicrophoneHearsSpeechAreReported)
     talking->waitForFinished(10000);
 }
 
-TEST_F(PulseCaptureTest, DevicesPermissionsAndTheDefaultMicrophone) {
+TEST_P(PulseCaptureTest, DevicesPermissionsAndTheDefaultMicrophone) {
     auto microphones = listMicrophones(1000ms);
     ASSERT_TRUE(microphones);
     ASSERT_EQ(microphones->size(), 1u) << "monitors are no microphones";
@@ -327,6 +331,12 @@ TEST_F(PulseCaptureTest, DevicesPermissionsAndTheDefaultMicrophone) {
     ASSERT_FALSE(started);
     EXPECT_EQ(started.error().description(), "No microphone is available.");
 }
+
+INSTANTIATE_TEST_SUITE_P(Servers, PulseCaptureTest,
+                         ::testing::Values(test::AudioServerKind::pulseAudio, test::AudioServerKind::pipeWire),
+                         [](const auto& info) {
+                             return info.param == test::AudioServerKind::pulseAudio ? "PulseAudio" : "PipeWire";
+                         });
 
 TEST(PulseCaptureWithoutServerTest, EveryEntryPointSaysThatNoServerRuns) {
     const QByteArray saved = qgetenv("PULSE_SERVER");
