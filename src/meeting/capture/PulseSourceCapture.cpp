@@ -8,6 +8,8 @@ namespace {
 constexpr pa_usec_t chunkDuration = 100 * PA_USEC_PER_MSEC;
 constexpr double chunkSeconds = 0.1;
 constexpr std::chrono::milliseconds watchdogInterval{250};
+// A removed default device: the server may name the old one as default for a moment.
+constexpr std::chrono::milliseconds defaultDeviceGrace{1000};
 
 }  // namespace
 
@@ -29,6 +31,7 @@ std::expected<void, MeetingSessionError> PulseSourceCapture::start(const std::op
     onFailure_ = std::move(onFailure);
     watchdog_.emplace(source_, options_.watchdogLimit, options_.clock, options_.speech);
     firstChunkAt_.reset();
+    missingSince_.reset();
     lostSourceName_.clear();
     startFailure_.reset();
     active_ = starting_ = true;
@@ -86,7 +89,7 @@ void PulseSourceCapture::resolveTarget() {
         client->requestSource(*deviceUID_, [=, this](std::optional<PulseSourceDetails> details) {
             if (!current()) return;
             if (details) useSource(*details);
-            else fail(captureErrors::microphoneGone());
+            else targetMissing();
         });
         return;
     }
@@ -98,27 +101,36 @@ void PulseSourceCapture::resolveTarget() {
             client->requestSource(defaults->source, [=, this](std::optional<PulseSourceDetails> details) {
                 if (!current()) return;
                 if (details && !details->isMonitor) useSource(*details);
-                else fail(captureErrors::noMicrophone());
+                else targetMissing();
             });
             return;
         }
         client->requestSinkMonitor(defaults->sink, [=, this](std::optional<QString> monitor) {
             if (!current()) return;
-            if (!monitor || monitor->isEmpty()) return fail(captureErrors::noSpeakers());
+            if (!monitor || monitor->isEmpty()) return targetMissing();
             client->requestSource(*monitor, [=, this](std::optional<PulseSourceDetails> details) {
                 if (!current()) return;
                 if (details) useSource(*details);
-                else fail(captureErrors::noSpeakers());
+                else targetMissing();
             });
         });
     });
 }
 
+MeetingSessionError PulseSourceCapture::missingTargetError() const {
+    if (source_ == MeetingCaptureSource::system) return captureErrors::noSpeakers();
+    return deviceUID_ ? captureErrors::microphoneGone() : captureErrors::noMicrophone();
+}
+
+void PulseSourceCapture::targetMissing() {
+    // A chosen microphone that is gone stays gone; so does anything missing at start.
+    if (starting_ || deviceUID_) return fail(missingTargetError());
+    if (!missingSince_) missingSince_ = options_.clock();  // checkWatchdog() fails it after the grace
+}
+
 void PulseSourceCapture::useSource(const PulseSourceDetails& details) {
-    if (details.name == lostSourceName_) {
-        return fail(source_ == MeetingCaptureSource::microphone && deviceUID_ ? captureErrors::microphoneGone()
-                                                                               : captureErrors::serverStopped());
-    }
+    if (details.name == lostSourceName_) return targetMissing();  // still named, but its stream ended
+    missingSince_.reset();
     if (stream_ && details.name == streamSourceName_) return;  // the default changed, not our device
     closeStream();
 
@@ -232,6 +244,10 @@ void PulseSourceCapture::emitPending() {
 
 void PulseSourceCapture::checkWatchdog() {
     if (!active_) return;
+    if (missingSince_) {
+        if (options_.clock() - *missingSince_ >= defaultDeviceGrace) return fail(missingTargetError());
+        resolveTarget();  // not every server announces the new default
+    }
     if (auto error = watchdog_->check(); error && onFailure_) onFailure_(*error);
 }
 

@@ -46,6 +46,9 @@ private:
     void resolveTarget();
     void useSource(const PulseSourceDetails& details);
     void fail(const MeetingSessionError& error);
+    // Nothing to record right now: fails, or for a default device waits briefly for the server to name a new one.
+    void targetMissing();
+    MeetingSessionError missingTargetError() const;
     void closeStream();
     void deliver(const float* samples, size_t bytes);
     void emitPending();
@@ -73,6 +76,7 @@ private:
     double pendingStartTime_ = 0;
     std::optional<std::chrono::steady_clock::time_point> firstChunkAt_;
 
+    std::optional<std::chrono::steady_clock::time_point> missingSince_;
     int generation_ = 0;  // answers for an older resolution are ignored
     bool active_ = false;
     bool starting_ = false;

@@ -52,7 +52,8 @@ PrivatePulseServer::PrivatePulseServer(AudioServerKind kind) {
     for (const QString& device : {QStringLiteral("speakers.monitor"), QStringLiteral("virtualmic")}) {
         QProcess recorder;
         recorder.setProcessEnvironment(environment());
-        recorder.start(QStringLiteral("parec"), {QStringLiteral("--raw"), QStringLiteral("--device=") + device});
+        recorder.start(QStringLiteral("parec"), {QStringLiteral("--raw"), QStringLiteral("--latency-msec=20"),
+                                               QStringLiteral("--device=") + device});
         const bool flowing = recorder.waitForReadyRead(5000);
         recorder.kill();
         recorder.waitForFinished();

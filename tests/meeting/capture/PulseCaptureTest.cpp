@@ -200,6 +200,20 @@ TEST_P(PulseCaptureTest, AnUnpluggedMicrophoneFailsWhileSystemAudioContinues) {
     EXPECT_TRUE(systemRecorder.failures().empty());
 }
 
+TEST_P(PulseCaptureTest, ARemovedDefaultMicrophoneWithoutReplacementIsReportedAfterAMoment) {
+    MicrophoneCapture microphone(options());
+    ASSERT_TRUE(microphone.start(std::nullopt, micRecorder.chunkHandler(), micRecorder.failureHandler()));
+    ASSERT_TRUE(micRecorder.waitForChunks(2, 3s));
+
+    QElapsedTimer sinceRemoval;
+    sinceRemoval.start();
+    ASSERT_TRUE(server->pactl({"unload-module", QString::number(server->remapModule())}));
+    ASSERT_TRUE(micRecorder.waitForFailure(4s));
+    // The server gets a moment to name another default; only monitors remain, and they are no microphone.
+    EXPECT_GE(sinceRemoval.elapsed(), 900);
+    EXPECT_EQ(micRecorder.failures(), std::vector<QString>{"No microphone is available."});
+}
+
 TEST_P(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
     const QString hello = spoken("Hello, can you hear me?");
     SystemAudioCapture system(options());
@@ -233,7 +247,7 @@ TEST_P(PulseCaptureTest, SystemAudioFollowsTheDefaultSink) {
     while (system.recordedSourceName() == "headphones.monitor" && moving.elapsed() < 3000) QThread::msleep(20);
     EXPECT_TRUE(system.recordedSourceName().endsWith(".monitor")) << system.recordedSourceName().toStdString();
     EXPECT_NE(system.recordedSourceName(), "headphones.monitor");
-    EXPECT_TRUE(systemRecorder.failures().empty());
+    EXPECT_TRUE(systemRecorder.failures().empty()) << systemRecorder.failures().front().toStdString();
 }
 
 TEST_P(PulseCaptureTest, AKilledServerFailsBothSourcesPromptly) {
