@@ -5,11 +5,16 @@
 #include <QStringList>
 #include <QTemporaryDir>
 #include <memory>
+#include <ostream>
 #include <vector>
 
 namespace mossly::meeting::test {
 
 enum class AudioServerKind { pulseAudio, pipeWire };
+
+inline void PrintTo(AudioServerKind kind, std::ostream* out) {
+    *out << (kind == AudioServerKind::pulseAudio ? "PulseAudio" : "PipeWire");
+}
 
 // An audio server of the test's own, everything in a temporary folder:
 // PulseAudio itself, or PipeWire with its PulseAudio server, WirePlumber and a
