@@ -38,7 +38,7 @@ public:
                                                    FailureHandler onFailure) override;
     void stop() override;
 
-    // The server's name of the source being recorded; empty when none.
+    // The server's name of the source being recorded; empty when none. Not while start() or stop() runs.
     QString recordedSourceName() const;
 
 private:

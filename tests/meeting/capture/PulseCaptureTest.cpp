@@ -320,6 +320,15 @@ TEST_P(PulseCaptureTest, DevicesPermissionsAndTheDefaultMicrophone) {
     EXPECT_TRUE(permissions.requestMicrophoneAccess());
     EXPECT_TRUE(permissions.systemAudioAccessGranted());
 
+    // The app's factory makes working captures of the asked-for kind.
+    const MeetingCaptureFactory factory = makePulseCapture;
+    auto made = factory(MeetingCaptureSource::system);
+    ASSERT_EQ(made->source(), MeetingCaptureSource::system);
+    EXPECT_EQ(factory(MeetingCaptureSource::microphone)->source(), MeetingCaptureSource::microphone);
+    ASSERT_TRUE(made->start(std::nullopt, systemRecorder.chunkHandler(), systemRecorder.failureHandler()));
+    EXPECT_TRUE(systemRecorder.waitForChunks(1, 3s));
+    made->stop();
+
     MicrophoneCapture absent(options());
     auto started = absent.start(QString("usb-headset"), micRecorder.chunkHandler(), micRecorder.failureHandler());
     ASSERT_FALSE(started);
