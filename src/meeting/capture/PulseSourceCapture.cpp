@@ -32,13 +32,17 @@ std::expected<void, MeetingSessionError> PulseSourceCapture::start(const std::op
     watchdog_.emplace(source_, options_.watchdogLimit, options_.clock, options_.speech);
     firstChunkAt_.reset();
     missingSince_.reset();
+    lookAgainAt_.reset();
     lostSourceName_.clear();
     startFailure_.reset();
     active_ = starting_ = true;
     client_->setOnLost([this] { fail(captureErrors::serverStopped()); });
     // A new default device: system audio follows the default sink, the default microphone the default source.
     client_->subscribe(PA_SUBSCRIPTION_MASK_SERVER, [this](pa_subscription_event_type_t) {
-        if (active_ && !(source_ == MeetingCaptureSource::microphone && deviceUID_)) resolveTarget();
+        if (!active_ || deviceUID_) return;
+        resolveTarget();
+        // PipeWire may announce the change before its session manager has settled the new default.
+        lookAgainAt_ = options_.clock() + defaultDeviceGrace / 2;
     });
     resolveTarget();
     const bool answered = client_->waitLocked([this] { return streamReady_ || startFailure_.has_value(); });
@@ -244,9 +248,13 @@ void PulseSourceCapture::emitPending() {
 
 void PulseSourceCapture::checkWatchdog() {
     if (!active_) return;
+    const auto now = options_.clock();
     if (missingSince_) {
-        if (options_.clock() - *missingSince_ >= defaultDeviceGrace) return fail(missingTargetError());
+        if (now - *missingSince_ >= defaultDeviceGrace) return fail(missingTargetError());
         resolveTarget();  // not every server announces the new default
+    } else if (lookAgainAt_ && now >= *lookAgainAt_) {
+        lookAgainAt_.reset();
+        resolveTarget();
     }
     if (auto error = watchdog_->check(); error && onFailure_) onFailure_(*error);
 }

@@ -77,6 +77,7 @@ private:
     std::optional<std::chrono::steady_clock::time_point> firstChunkAt_;
 
     std::optional<std::chrono::steady_clock::time_point> missingSince_;
+    std::optional<std::chrono::steady_clock::time_point> lookAgainAt_;
     int generation_ = 0;  // answers for an older resolution are ignored
     bool active_ = false;
     bool starting_ = false;
