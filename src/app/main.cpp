@@ -8,6 +8,8 @@
 #include "AppLifecycle.h"
 #include "Diagnostics.h"
 #include "MainWindow.h"
+#include "MeetingRecorder.h"
+#include "PulseDevices.h"
 #include "NoteStore.h"
 #include "NotesLocation.h"
 #include "QuitFlow.h"
@@ -68,9 +70,17 @@ int main(int argc, char** argv) {
     diagnostics.event(QStringLiteral("Application initialized"));
 
     MainWindow window(store);
+    // Meetings record from the desktop's audio server (PulseAudio, or PipeWire's).
+    meeting::MeetingSessionServices meetingServices;
+    meetingServices.captureFactory = meeting::makePulseCapture;
+    meetingServices.permissions = std::make_shared<meeting::PulseMeetingPermissions>();
+    MeetingRecorder recorder(store, std::move(meetingServices));
+    window.setMeetingRecorder(&recorder);
+    recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
     lifecycle.handleTerminationSignals();
     lifecycle.watchMainWindow(&window);
-    lifecycle.setTerminationHandler([&store, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
+    lifecycle.setTerminationHandler([&store, &recorder, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
+        recorder.checkpointBeforeQuit();  // a running meeting is kept, to be recovered next time
         return finishWorkBeforeQuit(store, prompts, mayCancel);
     });
     window.show();

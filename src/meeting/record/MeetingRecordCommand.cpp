@@ -13,7 +13,8 @@ namespace {
 const QString usage = QStringLiteral(
     "Usage: mossly-record [--title T] [--sources microphone,system] [--microphone NAME]\n"
     "                     [--provider none|claudeCode] [--retain-audio] [--duration SECONDS] [--notes-dir DIR]\n"
-    "       mossly-record --recover [--notes-dir DIR]\n");
+    "       mossly-record --recover [--notes-dir DIR]\n"
+    "       mossly-record --list-devices\n");
 
 const QString recoveredEvent = QStringLiteral("Recovered interrupted meetings");
 
