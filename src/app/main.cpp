@@ -74,7 +74,8 @@ int main(int argc, char** argv) {
     meeting::MeetingSessionServices meetingServices;
     meetingServices.captureFactory = meeting::makePulseCapture;
     meetingServices.permissions = std::make_shared<meeting::PulseMeetingPermissions>();
-    MeetingRecorder recorder(store, std::move(meetingServices));
+    MeetingRecorder recorder(store, std::move(meetingServices),
+                             [] { return meeting::listMicrophones().value_or(std::vector<meeting::MicrophoneDevice>{}); });
     window.setMeetingRecorder(&recorder);
     recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
     lifecycle.handleTerminationSignals();

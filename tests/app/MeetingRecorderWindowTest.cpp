@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QCheckBox>
+#include <QComboBox>
 #include <QDir>
 #include <QLabel>
 #include <QLineEdit>
@@ -57,7 +58,9 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
     services.permissions = std::make_shared<fakes::FakePermissions>();
     services.transcriberFactory = [transcriber](const QString&)
         -> std::expected<std::shared_ptr<WhisperTranscribing>, MeetingSessionError> { return transcriber; };
-    MeetingRecorder recorder(store, std::move(services));
+    MeetingRecorder recorder(store, std::move(services), [] {
+        return std::vector<meeting::MicrophoneDevice>{{QStringLiteral("usb-headset"), QStringLiteral("USB Headset")}};
+    });
     window.setMeetingRecorder(&recorder);
 
     QAction* open = test::findAction(window, QStringLiteral("Open Meeting Recorder…"));
@@ -87,9 +90,12 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
     microphone->setChecked(true);
     consent->setChecked(true);
     recorderWindow->findChild<QLineEdit*>()->setText(QStringLiteral("Harbour planning"));
+    recorderWindow->microphonePicker()->setCurrentIndex(recorderWindow->microphonePicker()->findData("usb-headset"));
     recorderWindow->recordButton()->click();
     ASSERT_TRUE(test::waitUntil([&] { return recorder.isRecording(); }));
     EXPECT_TRUE(stopAction->isEnabled());
+    EXPECT_EQ(captures.latest(MeetingCaptureSource::microphone).deviceUID(), QStringLiteral("usb-headset"))
+        << "the chosen microphone is the one recorded";
     captures.latest(MeetingCaptureSource::microphone).deliver(45);
     ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->transcriptView()->toPlainText().contains("You:"); }));
     if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {

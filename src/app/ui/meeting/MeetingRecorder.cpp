@@ -36,8 +36,10 @@ private:
 
 }  // namespace
 
-MeetingRecorder::MeetingRecorder(NoteStore& store, MeetingSessionServices services, QObject* parent)
-    : QObject(parent), store_(store), preferences_(preferencesFile_), settings_(preferences_), models_({}) {
+MeetingRecorder::MeetingRecorder(NoteStore& store, MeetingSessionServices services, MicrophoneList microphones,
+                                 QObject* parent)
+    : QObject(parent), store_(store), preferences_(preferencesFile_), settings_(preferences_), models_({}),
+      microphones_(std::move(microphones)) {
     if (!services.model) services.model = std::make_shared<WhisperModelManagerLocator>(models_);
     if (!services.notesDirectory) services.notesDirectory = [this] { return store_.directory(); };
     if (!services.diagnostics) services.diagnostics = std::make_shared<DiagnosticsCenterSink>();
@@ -57,7 +59,7 @@ bool MeetingRecorder::isRecording() const {
 
 MeetingRecorderWindow* MeetingRecorder::showWindow() {
     if (!window_) {
-        window_ = new MeetingRecorderWindow(*controller_, settings_, models_);
+        window_ = new MeetingRecorderWindow(*controller_, settings_, models_, microphones_);
         window_->setAttribute(Qt::WA_DeleteOnClose);
         connect(window_, &MeetingRecorderWindow::openNoteRequested, this, &MeetingRecorder::openNoteRequested);
     }

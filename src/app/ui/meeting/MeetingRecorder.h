@@ -23,7 +23,9 @@ class MeetingRecorder : public QObject {
 public:
     // `services` brings capture and permissions (the audio server in the app, fakes in tests);
     // the model, the notes folder and diagnostics are filled in here unless set.
-    MeetingRecorder(NoteStore& store, meeting::MeetingSessionServices services, QObject* parent = nullptr);
+    using MicrophoneList = std::function<std::vector<meeting::MicrophoneDevice>()>;
+    MeetingRecorder(NoteStore& store, meeting::MeetingSessionServices services, MicrophoneList microphones = {},
+                    QObject* parent = nullptr);
     ~MeetingRecorder() override;
 
     meeting::MeetingSessionController& controller() const { return *controller_; }
@@ -48,6 +50,7 @@ private:
     meeting::MeetingSettings settings_;
     meeting::WhisperModelManager models_;
     std::unique_ptr<meeting::MeetingSessionController> controller_;
+    MicrophoneList microphones_;
     QPointer<MeetingRecorderWindow> window_;
 };
 

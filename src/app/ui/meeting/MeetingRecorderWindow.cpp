@@ -47,13 +47,20 @@ int meterValue(float level) {
 }  // namespace
 
 MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controller, MeetingSettings& settings,
-                                             WhisperModelManager& models, QWidget* parent)
+                                             WhisperModelManager& models,
+                                             std::function<std::vector<MicrophoneDevice>()> microphones,
+                                             QWidget* parent)
     : QWidget(parent, Qt::Window), controller_(controller), settings_(settings), models_(models) {
     setObjectName(QStringLiteral("meetingRecorder"));
     setWindowTitle(tr("Meeting Recorder"));
     title_ = new QLineEdit(this);
     title_->setPlaceholderText(QStringLiteral("Meeting title (optional)"));
     microphone_ = new QCheckBox(tr("Microphone (You)"), this);
+    microphonePicker_ = new QComboBox(this);
+    microphonePicker_->addItem(tr("Default input"), QString());
+    if (microphones) {
+        for (const MicrophoneDevice& device : microphones()) microphonePicker_->addItem(device.name, device.id);
+    }
     system_ = new QCheckBox(tr("System audio (what the speakers play)"), this);
     keepAudio_ = new QCheckBox(QStringLiteral("Keep separate microphone and system recordings"), this);
     consent_ = new QCheckBox(QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."), this);
@@ -86,7 +93,10 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
 
     auto* form = new QFormLayout;
     form->addRow(tr("Title"), title_);
-    form->addRow(tr("Record"), microphone_);
+    auto* microphoneRow = new QHBoxLayout;
+    microphoneRow->addWidget(microphone_);
+    microphoneRow->addWidget(microphonePicker_, 1);
+    form->addRow(tr("Record"), microphoneRow);
     form->addRow(QString(), system_);
     form->addRow(QString(), keepAudio_);
     form->addRow(tr("Summary"), provider_);
@@ -120,6 +130,10 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     keepAudio_->setChecked(configuration.retainAudio);
     consent_->setChecked(settings_.hasAcknowledgedConsent());
     provider_->setCurrentIndex(provider_->findData(static_cast<int>(configuration.provider)));
+    if (configuration.microphoneDeviceUID) {
+        const int index = microphonePicker_->findData(*configuration.microphoneDeviceUID);
+        if (index >= 0) microphonePicker_->setCurrentIndex(index);
+    }
 
     connect(consent_, &QCheckBox::toggled, this, [this](bool on) { settings_.setHasAcknowledgedConsent(on); });
     connect(download_, &QPushButton::clicked, this, [this] { models_.download(); });
@@ -166,6 +180,8 @@ void MeetingRecorderWindow::takeConfiguration() {
     if (microphone_->isChecked()) configuration.sources.insert(MeetingCaptureSource::microphone);
     if (system_->isChecked()) configuration.sources.insert(MeetingCaptureSource::system);
     configuration.retainAudio = keepAudio_->isChecked();
+    const QString device = microphonePicker_->currentData().toString();
+    configuration.microphoneDeviceUID = device.isEmpty() ? std::nullopt : std::optional(device);
     configuration.provider = static_cast<MeetingSummaryProviderKind>(provider_->currentData().toInt());
     controller_.setConfiguration(configuration);
 }
@@ -175,7 +191,8 @@ void MeetingRecorderWindow::showPhase() {
     const bool idle = phase == MeetingSessionPhase::idle || phase == MeetingSessionPhase::failed;
     const bool running = phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused;
     const bool done = phase == MeetingSessionPhase::completed;
-    for (QWidget* setting : std::initializer_list<QWidget*>{title_, microphone_, system_, keepAudio_, provider_, consent_}) {
+    for (QWidget* setting :
+         std::initializer_list<QWidget*>{title_, microphone_, microphonePicker_, system_, keepAudio_, provider_, consent_}) {
         setting->setEnabled(idle);
     }
     record_->setVisible(idle);

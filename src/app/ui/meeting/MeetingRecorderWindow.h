@@ -1,6 +1,10 @@
 #pragma once
 
 #include <QWidget>
+#include <functional>
+#include <vector>
+
+#include "MeetingAudioCapture.h"
 
 class QCheckBox;
 class QComboBox;
@@ -14,6 +18,7 @@ namespace mossly {
 
 namespace meeting {
 class MeetingSessionController;
+struct MicrophoneDevice;
 class MeetingSettings;
 class WhisperModelManager;
 }  // namespace meeting
@@ -25,8 +30,12 @@ class WhisperModelManager;
 class MeetingRecorderWindow : public QWidget {
     Q_OBJECT
 public:
+    // `microphones` lists the inputs to choose from (empty: only the default input).
     MeetingRecorderWindow(meeting::MeetingSessionController& controller, meeting::MeetingSettings& settings,
-                          meeting::WhisperModelManager& models, QWidget* parent = nullptr);
+                          meeting::WhisperModelManager& models,
+                          std::function<std::vector<meeting::MicrophoneDevice>()> microphones = {},
+                          QWidget* parent = nullptr);
+    QComboBox* microphonePicker() const { return microphonePicker_; }
 
     QPushButton* recordButton() const { return record_; }
     QPushButton* stopButton() const { return stop_; }
@@ -48,6 +57,7 @@ private:
     meeting::WhisperModelManager& models_;
     QLineEdit* title_;
     QCheckBox* microphone_;
+    QComboBox* microphonePicker_;
     QCheckBox* system_;
     QCheckBox* keepAudio_;
     QCheckBox* consent_;
