@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "EditorPane.h"
+#include "HeadlessWebEngine.h"
 #include "HtmlNoteView.h"
 #include "HtmlPageView.h"
 #include "MainWindow.h"
@@ -51,10 +52,7 @@ double median(std::vector<double> values) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
-    qputenv("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --disable-background-networking");
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-    QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    prepareHeadlessWebEngine();
     QApplication app(argc, argv);
     QTemporaryDir folder;
     for (const auto& [name, size] : {std::pair{"small.html", 2'000}, {"100k.html", 100'000}, {"1m.html", 1'000'000}}) {

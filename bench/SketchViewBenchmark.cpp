@@ -12,6 +12,7 @@
 #include <cstdio>
 
 #include "EditorPane.h"
+#include "HeadlessWebEngine.h"
 #include "MainWindow.h"
 #include "NoteStore.h"
 #include "SketchDocumentCodec.h"
@@ -64,10 +65,7 @@ double webEngineMiB() {
 }  // namespace
 
 int main(int argc, char** argv) {
-    qputenv("QTWEBENGINE_DISABLE_SANDBOX", "1");
-    qputenv("QTWEBENGINE_CHROMIUM_FLAGS", "--disable-gpu --disable-background-networking");
-    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM")) qputenv("QT_QPA_PLATFORM", "offscreen");
-    QCoreApplication::setAttribute(Qt::AA_ShareOpenGLContexts);
+    prepareHeadlessWebEngine();
     QApplication app(argc, argv);
     QTemporaryDir folder;
     for (const char* name : {"Empty.tldr", "Busy.tldr"}) {
