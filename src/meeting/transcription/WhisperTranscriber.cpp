@@ -90,7 +90,9 @@ std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> WhisperTrans
 
     QList<MeetingTranscriptSegment> segments;
     try {
+        whisper_reset_timings(context_.get());
         const int result = whisper_full(context_.get(), parameters, samples.data(), int(samples.size()));
+        if (const whisper_timings* timings = whisper_get_timings(context_.get())) lastEncodeMs_ = timings->encode_ms;
         cancelled_ = false;  // a cancel ends one inference, not the transcriber
         if (result != 0) return std::unexpected(inferenceFailed(QString::number(result)));
         const double end = offset + double(samples.size()) / sampleRate;

@@ -41,6 +41,9 @@ class WhisperTranscriber : public WhisperTranscribing {
     std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> transcribe(
         std::span<const float> samples, MeetingCaptureSource source, double offset) override;
 
+    // Milliseconds whisper.cpp's encoder took in the last inference (its own timing).
+    double lastEncodeMilliseconds() const { return lastEncodeMs_; }
+
     // Ends the running (or the next) inference early; it then fails. Whisper
     // checks this after its encoder step, so it is not instant.
     void cancel() { cancelled_ = true; }
@@ -55,6 +58,7 @@ class WhisperTranscriber : public WhisperTranscribing {
     Options options_;
     std::mutex mutex_;
     std::atomic<bool> cancelled_{false};
+    std::atomic<double> lastEncodeMs_{0};
 };
 
 }  // namespace mossly::meeting
