@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QSettings>
 #include <QTest>
 
 #include "AppTestSupport.h"
@@ -114,6 +115,35 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
     ASSERT_TRUE(openNote && openNote->isVisible());
     openNote->click();
     ASSERT_TRUE(test::waitUntil([&] { return store.selection() == store.resolveNoteID(note); }));
+}
+
+// The Meetings page of Settings edits the same preferences the recorder starts from.
+TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoices) {
+    test::TemporaryNotesFolder folder;
+    NoteStore store(folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
+                                                      .welcomeIconPng = {}});
+    MainWindow window(store);
+    fakes::FakeCaptures captures;
+    MeetingSessionServices services;
+    services.captureFactory = captures.factory();
+    services.permissions = std::make_shared<fakes::FakePermissions>();
+    MeetingRecorder recorder(store, std::move(services));
+    window.setMeetingRecorder(&recorder);
+    test::findAction(window, QStringLiteral("Settings…"))->trigger();
+    QWidget* settings = window.findChild<QWidget*>(QStringLiteral("settingsWindow"));
+    ASSERT_TRUE(settings);
+    auto* provider = settings->findChild<QComboBox*>(QStringLiteral("meetingSummaryProvider"));
+    ASSERT_TRUE(provider);
+    provider->setCurrentIndex(provider->findData(QStringLiteral("claudeCode")));
+    EXPECT_EQ(QSettings().value(QStringLiteral("meeting.summaryProvider")).toString(), QStringLiteral("claudeCode"));
+    EXPECT_EQ(recorder.settings().defaultProvider(), meeting::MeetingSummaryProviderKind::claudeCode);
+    QCheckBox* keep = checkBoxNamed(*settings, QStringLiteral("Keep separate microphone and system recordings"));
+    ASSERT_TRUE(keep);
+    keep->setChecked(true);
+    EXPECT_TRUE(QSettings().value(QStringLiteral("meeting.retainAudio")).toBool());
+    bool statusShown = false;
+    for (QLabel* label : settings->findChildren<QLabel*>()) statusShown |= label->text() == QStringLiteral("Model not installed");
+    EXPECT_TRUE(statusShown);
 }
 
 }  // namespace

@@ -18,6 +18,7 @@
 #include "EditorPane.h"
 #include "GranolaImportDialog.h"
 #include "LinkPreviews.h"
+#include "MeetingRecorder.h"
 #include "SettingsWindow.h"
 #include "LibrarySidebar.h"
 #include "MainWindow.h"
@@ -191,6 +192,7 @@ void installAppActions(MainWindow& window, NoteStore& store) {
         auto* dialog = new SettingsWindow(
             window.linkPreviews(), [&window](qreal size) { window.editorPane()->setFontPointSize(size); },
             std::move(agents), &window);
+        if (MeetingRecorder* recorder = window.meetingRecorder()) dialog->addMeetingsPage(*recorder);
         dialog->setAttribute(Qt::WA_DeleteOnClose);
         dialog->show();
     });

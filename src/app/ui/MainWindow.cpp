@@ -100,6 +100,7 @@ void MainWindow::dropEvent(QDropEvent* event) {
 }
 
 void MainWindow::setMeetingRecorder(MeetingRecorder* recorder) {
+    meetingRecorder_ = recorder;
     QMenu* menu = menuBar()->addMenu(tr("&Meeting"));
     QAction* open = menu->addAction(tr("Open Meeting Recorder…"));
     open->setShortcut(QKeySequence(QStringLiteral("Shift+Ctrl+R")));

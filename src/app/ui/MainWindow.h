@@ -33,6 +33,7 @@ public:
 
     // Adds the meeting recorder's menu commands (the app has one recorder).
     void setMeetingRecorder(MeetingRecorder* recorder);
+    MeetingRecorder* meetingRecorder() const { return meetingRecorder_; }
 
     // Creates an HTML note from what the clipboard holds; false when it holds no HTML.
     bool pasteAsHtmlNote(const QMimeData& data);
@@ -53,6 +54,7 @@ private:
     QPushButton* unreadableNotice_;
     QProgressBar* indexProgress_;
     LinkPreviews* linkPreviews_;
+    MeetingRecorder* meetingRecorder_ = nullptr;
 };
 
 }  // namespace mossly

@@ -1,6 +1,8 @@
 #include "SettingsWindow.h"
 
 #include <QCheckBox>
+#include <QComboBox>
+#include <QHBoxLayout>
 #include <QFileInfo>
 #include <QFormLayout>
 #include <QGridLayout>
@@ -15,6 +17,7 @@
 #include "AgentAccess.h"
 #include "AgentCommandInstall.h"
 #include "LinkPreviews.h"
+#include "MeetingRecorder.h"
 
 namespace mossly {
 
@@ -24,6 +27,7 @@ SettingsWindow::SettingsWindow(LinkPreviews& previews, std::function<void(qreal)
     setObjectName(QStringLiteral("settingsWindow"));
     setWindowTitle(tr("Settings"));
     auto* tabs = new QTabWidget(this);
+    tabs->setObjectName(QStringLiteral("settingsTabs"));
     tabs->addTab(editorPage(), tr("Editor"));
     tabs->addTab(agentsPage(), tr("Agents"));
     auto* layout = new QVBoxLayout(this);
@@ -133,6 +137,66 @@ void SettingsWindow::refreshAgents() {
                                      : tr("Not registered"));
         label->setToolTip(agents_.registration.location(client));
     }
+}
+
+void SettingsWindow::addMeetingsPage(MeetingRecorder& recorder) {
+    using namespace meeting;
+    auto* page = new QWidget(this);
+    auto* form = new QFormLayout(page);
+    MeetingSettings& settings = recorder.settings();
+    WhisperModelManager& models = recorder.models();
+
+    auto* status = new QLabel(page);
+    auto* about = new QLabel(QStringLiteral("About 142 MB. Downloaded from the official whisper.cpp model repository "
+                                            "and checksum verified."),
+                             page);
+    about->setWordWrap(true);
+    auto* download = new QPushButton(tr("Download"), page);
+    auto* remove = new QPushButton(tr("Remove"), page);
+    auto* modelButtons = new QHBoxLayout;
+    modelButtons->addWidget(download);
+    modelButtons->addWidget(remove);
+    modelButtons->addStretch(1);
+    const auto showModel = [status, download, remove, &models] {
+        const WhisperModelState state = models.state();
+        status->setText(whisper_model_texts::settingsStatus(state, models.downloadProgress()));
+        download->setEnabled(state.kind == WhisperModelState::Kind::notInstalled ||
+                             state.kind == WhisperModelState::Kind::failed);
+        remove->setEnabled(state.kind == WhisperModelState::Kind::installed);
+    };
+    connect(&models, &WhisperModelManager::stateChanged, page, showModel);
+    connect(&models, &WhisperModelManager::downloadProgressChanged, page, showModel);
+    connect(download, &QPushButton::clicked, page, [&models] { models.download(); });
+    connect(remove, &QPushButton::clicked, page, [&models, status] {
+        if (auto removed = models.removeModel(); !removed) status->setText(removed.error().description());
+    });
+    showModel();
+
+    auto* provider = new QComboBox(page);
+    provider->setObjectName(QStringLiteral("meetingSummaryProvider"));
+    provider->addItem(tr("None"), QStringLiteral("none"));
+    provider->addItem(tr("Claude Code"), QStringLiteral("claudeCode"));
+    provider->addItem(QStringLiteral("Codex CLI \u2014 unavailable"), QStringLiteral("codexCLI"));
+    provider->setCurrentIndex(provider->findData(rawValue(settings.defaultProvider())));
+    connect(provider, &QComboBox::currentIndexChanged, page, [provider, &settings] {
+        settings.setDefaultProvider(providerKindFromRaw(provider->currentData().toString())
+                                        .value_or(MeetingSummaryProviderKind::none));
+    });
+    auto* keep = new QCheckBox(QStringLiteral("Keep separate microphone and system recordings"), page);
+    keep->setChecked(settings.retainAudio());
+    connect(keep, &QCheckBox::toggled, page, [&settings](bool on) { settings.setRetainAudio(on); });
+    auto* consent =
+        new QCheckBox(QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."), page);
+    consent->setChecked(settings.hasAcknowledgedConsent());
+    connect(consent, &QCheckBox::toggled, page, [&settings](bool on) { settings.setHasAcknowledgedConsent(on); });
+
+    form->addRow(tr("Speech model"), status);
+    form->addRow(QString(), about);
+    form->addRow(QString(), modelButtons);
+    form->addRow(tr("Summary"), provider);
+    form->addRow(QString(), keep);
+    form->addRow(QString(), consent);
+    findChild<QTabWidget*>(QStringLiteral("settingsTabs"))->addTab(page, tr("Meetings"));
 }
 
 }  // namespace mossly

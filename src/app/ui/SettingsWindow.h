@@ -12,10 +12,11 @@ class QSpinBox;
 namespace mossly {
 
 class LinkPreviews;
+class MeetingRecorder;
 
-// Settings (Ctrl+,): the Editor page (text size, link previews) and the Agents
+// Settings (Ctrl+,): the Editor page (text size, link previews), the Agents
 // page (whether AI agents may use the notes, the command on the PATH, and
-// registration with each agent client).
+// registration with each agent client) and, in the app, the Meetings page.
 class SettingsWindow : public QDialog {
     Q_OBJECT
 public:
@@ -29,6 +30,8 @@ public:
                    QWidget* parent = nullptr);
 
     QCheckBox* accessSwitch() const { return access_; }
+    // The Meetings page: the speech model, the default summary provider, recordings and consent.
+    void addMeetingsPage(MeetingRecorder& recorder);
 
 private:
     QWidget* editorPage();
