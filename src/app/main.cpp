@@ -7,6 +7,7 @@
 #include "AppIcon.h"
 #include "AppLifecycle.h"
 #include "Diagnostics.h"
+#include "EditorPane.h"
 #include "MainWindow.h"
 #include "MeetingRecorder.h"
 #include "PulseDevices.h"
@@ -80,8 +81,9 @@ int main(int argc, char** argv) {
     recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
     lifecycle.handleTerminationSignals();
     lifecycle.watchMainWindow(&window);
-    lifecycle.setTerminationHandler([&store, &recorder, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
+    lifecycle.setTerminationHandler([&store, &recorder, &window, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
         recorder.checkpointBeforeQuit();  // a running meeting is kept, to be recovered next time
+        for (EditorPane* pane : window.findChildren<EditorPane*>()) pane->flushWebEdits();
         return finishWorkBeforeQuit(store, prompts, mayCancel);
     });
     window.show();

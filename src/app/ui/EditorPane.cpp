@@ -180,6 +180,11 @@ void EditorPane::updateBanners() {
     banner_->setVisible(conflict || failure);
 }
 
+void EditorPane::flushWebEdits() {
+    if (htmlView_) htmlView_->flushPageEdits();
+    if (sketchView_) sketchView_->flushPendingStrokes();
+}
+
 void EditorPane::setHtmlSplitMode(bool split) {
     htmlSplitMode_ = split;
     if (htmlView_) htmlView_->setSplitMode(split);

@@ -34,6 +34,9 @@ public:
     SketchNoteView* sketchView() const { return sketchView_; }
     // Split mode of HTML notes: the source beside the page.
     void setHtmlSplitMode(bool split);
+    // Before quitting: edits that web views (a page edited in place, a sketch) still
+    // hold are handed to the store, which then saves them with everything else.
+    void flushWebEdits();
     bool htmlSplitMode() const { return htmlSplitMode_; }
     // The editor showing the current note, if any.
     QWidget* currentEditor() const;

@@ -90,6 +90,19 @@ TEST_F(SketchNoteViewTest, ADrawingIsSavedOnceAfterTheDebounceAndItsTextIsSearch
     }
 }
 
+// Quitting right after a stroke: the page still holds it (it waits a quarter of a
+// second); the flush before quitting hands it over and the store writes it.
+TEST_F(SketchNoteViewTest, AStrokeMadeJustBeforeQuittingIsSaved) {
+    folder.write(QStringLiteral("Quick.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
+    open();
+    SketchNoteView* view = showSketch(QStringLiteral("Quick.tldr"));
+    ASSERT_TRUE(view);
+    ASSERT_TRUE(evaluate(view->page(), QString::fromLatin1(harbourShape)).toBool());
+    window->editorPane()->flushWebEdits();  // what quitting does first
+    ASSERT_TRUE(store->flushPendingSaves().has_value());
+    EXPECT_TRUE(QString::fromUtf8(folder.read("Quick.tldr")).contains("Harbour tides"));
+}
+
 TEST_F(SketchNoteViewTest, AChangeMadeElsewhereIsShownOnTheCanvas) {
     folder.write(QStringLiteral("Plan.tldr"), SketchDocumentCodec::emptyDocument().toUtf8());
     open();

@@ -1,6 +1,8 @@
 #include "HtmlNoteView.h"
 
+#include <QCoreApplication>
 #include <QDesktopServices>
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QFontDatabase>
 #include <QLabel>
@@ -70,6 +72,15 @@ void HtmlNoteView::showNote(const QString& url) {
     shownSource_.clear();
     refresh_.stop();
     render();
+}
+
+void HtmlNoteView::flushPageEdits(int timeoutMs) {
+    if (!visuallyEditable_) return;
+    bool done = false;
+    collectVisualEdit([&done] { done = true; });
+    QElapsedTimer timer;
+    timer.start();
+    while (!done && timer.elapsed() < timeoutMs) QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
 }
 
 void HtmlNoteView::setSplitMode(bool split) {

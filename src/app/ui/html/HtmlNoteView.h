@@ -28,6 +28,9 @@ public:
     void showNote(const QString& url);
     const QString& noteUrl() const { return url_; }
 
+    // Before quitting: words typed into the page since the last look are taken now.
+    void flushPageEdits(int timeoutMs = 1000);
+
     void setSplitMode(bool split);
     bool splitMode() const { return split_; }
 

@@ -23,6 +23,7 @@ signals:
     void edited(const QString& note, const QString& json);
     void refused(const QString& note, const QString& message);
     void thumbnail(const QString& note, const QByteArray& png);
+    void flushed();
 
 public:
     // Writes an image beside the note; returns its path relative to the note, or nothing.
@@ -35,6 +36,7 @@ public slots:
     void pageReady() { emit ready(); }
     void documentEdited(const QString& note, const QString& json) { emit edited(note, json); }
     void documentRefused(const QString& note, const QString& message) { emit refused(note, message); }
+    void pageFlushed() { emit flushed(); }
     void thumbnailRendered(const QString& note, const QString& base64) {
         emit thumbnail(note, QByteArray::fromBase64(base64.toLatin1()));
     }

@@ -3,6 +3,7 @@
 #include <QApplication>
 #include <QCoreApplication>
 #include <QDir>
+#include <QElapsedTimer>
 #include <QFile>
 #include <QFileInfo>
 #include <QPalette>
@@ -133,6 +134,18 @@ void SketchNoteView::fileThumbnail(const QString& note) {
     if (png == pendingThumbnails_.cend() || !stored || store_.hasPendingSave(note)) return;
     if (SketchThumbnails::store(note, stored->revision, *png)) emit thumbnailFiled(note);
     pendingThumbnails_.erase(png);
+}
+
+void SketchNoteView::flushPendingStrokes(int timeoutMs) {
+    if (!ready_ || url_.isEmpty()) return;
+    bool flushed = false;
+    const auto connection = connect(bridge_, &SketchBridge::flushed, this, [&flushed] { flushed = true; });
+    emit bridge_->flushRequested();
+    // Quitting waits for the page's answer; the edit it carries arrives before it.
+    QElapsedTimer timer;
+    timer.start();
+    while (!flushed && timer.elapsed() < timeoutMs) QCoreApplication::processEvents(QEventLoop::AllEvents, 10);
+    disconnect(connection);
 }
 
 bool SketchNoteView::isDark() const { return palette().color(QPalette::Base).lightness() < 128; }

@@ -26,6 +26,9 @@ public:
     ~SketchNoteView() override;
 
     void showNote(const QString& url);
+    // Before quitting: strokes the page has not handed over yet (it waits a quarter
+    // of a second after each) are taken now. Waits at most `timeoutMs`.
+    void flushPendingStrokes(int timeoutMs = 1000);
     const QString& noteUrl() const { return url_; }
 
     bool isReady() const { return ready_; }

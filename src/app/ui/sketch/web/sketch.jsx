@@ -139,7 +139,10 @@ function connect() {
     bridge = channel.objects.bridge
     bridge.documentLoaded.connect(loadDocument)
     bridge.themeChanged.connect((dark) => editor.user.updateUserPreferences({ colorScheme: dark ? 'dark' : 'light' }))
-    bridge.flushRequested.connect(() => { if (pendingSave) save() })
+    bridge.flushRequested.connect(() => {
+      if (pendingSave) save()
+      bridge.pageFlushed()
+    })
     editor.store.listen(() => {
       if (applyingHostDocument || readOnly) return
       if (pendingSave) clearTimeout(pendingSave)
