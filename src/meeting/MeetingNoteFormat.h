@@ -46,4 +46,11 @@ std::optional<std::pair<qsizetype, qsizetype>> blockRange(const QString& text, c
 // appended after a blank line, so nothing anyone wrote is replaced.
 QString replacingBlock(const QString& text, const QString& start, const QString& end, const QString& block);
 
+// A three-way merge for a note the recorder rewrote while the user had unsaved text in it.
+// `base` is the body both sides started from, `mine` the user's body, `theirs` the body on
+// disk. When the other side changed nothing but the recorder's blocks, and the user changed
+// nothing inside the blocks that changed, the result is the user's body with those blocks
+// taken from disk. Otherwise the edits overlap and the caller must treat it as a conflict.
+std::optional<QString> mergingRecorderBlocks(const QString& base, const QString& mine, const QString& theirs);
+
 }  // namespace mossly::meeting::MeetingNoteFormat

@@ -6,6 +6,7 @@
 #include <QProcess>
 
 #include "AppTestSupport.h"
+#include "MeetingNoteWriter.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
 
@@ -281,6 +282,80 @@ TEST_F(NoteStoreTest, ImportCopiesNotesUnderUniqueNamesAndReportsFailures) {
     EXPECT_EQ(folder.read(QStringLiteral("Plan.md")), "existing");
     EXPECT_EQ(folder.read(QStringLiteral("Plan 2.md")), "# Imported plan");
     EXPECT_TRUE(store->note(url("Page.html")));
+}
+
+}  // namespace
+}  // namespace mossly
+
+namespace mossly {
+namespace {
+
+// The meeting recorder rewrites its transcript every few seconds while the user
+// types notes into the same open note: neither side loses a word, and no
+// conflict banner appears for changes that do not overlap.
+class MeetingNotePatchTest : public NoteStoreTest {
+protected:
+    std::unique_ptr<NoteStore> store = openStore();
+    meeting::MeetingNoteWriter writer{QUuid::createUuid(), QDateTime::currentDateTimeUtc(), folder.path()};
+    QString noteUrl;
+
+    void SetUp() override {
+        auto created = writer.create(QStringLiteral("Standup"), {meeting::MeetingCaptureSource::microphone},
+                                     QStringLiteral("ggml-base.bin"), meeting::MeetingSummaryProviderKind::none);
+        ASSERT_TRUE(created);
+        noteUrl = created->url;
+        store->patchMeetingNote(noteUrl);
+        ASSERT_TRUE(store->note(noteUrl)) << "a new meeting note is listed at once";
+    }
+    void checkpoint(const QStringList& lines) {
+        QList<meeting::MeetingTranscriptSegment> segments;
+        for (int i = 0; i < lines.size(); ++i) {
+            segments.append({QUuid::createUuid(), meeting::MeetingCaptureSource::microphone, double(i), i + 1.0,
+                             lines[i], true});
+        }
+        ASSERT_TRUE(writer.checkpoint(segments, false));
+    }
+};
+
+TEST_F(MeetingNotePatchTest, TheTranscriptGrowsInTheOpenNoteAroundTheUsersTyping) {
+    QStringList changed;
+    QObject::connect(store.get(), &NoteStore::noteContentChanged, [&](const QString& url) { changed.append(url); });
+    checkpoint({QStringLiteral("first words")});
+    store->patchMeetingNote(noteUrl);
+    EXPECT_TRUE(store->body(noteUrl).contains(QStringLiteral("first words")));
+    EXPECT_EQ(changed.count(noteUrl), 1);
+
+    // The user types at the top, still unsaved, while the next checkpoint lands.
+    const QString typed = store->body(noteUrl).replace(QStringLiteral("# Standup\n"),
+                                                       QStringLiteral("# Standup\nAsk about the budget.\n"));
+    store->setBody(noteUrl, typed);
+    checkpoint({QStringLiteral("first words"), QStringLiteral("second words")});
+    store->patchMeetingNote(noteUrl);
+    EXPECT_EQ(store->conflict(noteUrl), nullptr);
+    EXPECT_TRUE(store->body(noteUrl).contains(QStringLiteral("Ask about the budget.")));
+    EXPECT_TRUE(store->body(noteUrl).contains(QStringLiteral("second words")));
+
+    // The next checkpoint lands before the store hears of it: the save finds a newer file and merges too.
+    checkpoint({QStringLiteral("first words"), QStringLiteral("second words"), QStringLiteral("third words")});
+    ASSERT_TRUE(store->flushPendingSaves());
+    const QString onDisk = QString::fromUtf8(folder.read(QFileInfo(noteUrl).fileName()));
+    EXPECT_TRUE(onDisk.contains(QStringLiteral("Ask about the budget.")));
+    EXPECT_TRUE(onDisk.contains(QStringLiteral("third words")));
+    EXPECT_TRUE(onDisk.contains(QStringLiteral("meeting-id")));
+    EXPECT_EQ(store->conflict(noteUrl), nullptr);
+    EXPECT_FALSE(store->hasUnsavedChanges());
+}
+
+TEST_F(MeetingNotePatchTest, EditsInsideTheTranscriptTheRecorderRewroteBecomeAConflict) {
+    checkpoint({QStringLiteral("the quick fox")});
+    store->patchMeetingNote(noteUrl);
+    const QString corrected = store->body(noteUrl).replace(QStringLiteral("quick fox"), QStringLiteral("quick brown fox"));
+    store->setBody(noteUrl, corrected);
+    checkpoint({QStringLiteral("the quick fox"), QStringLiteral("jumps")});
+    store->patchMeetingNote(noteUrl);
+    ASSERT_NE(store->conflict(noteUrl), nullptr);
+    EXPECT_EQ(store->conflict(noteUrl)->userContent, corrected) << "the user's correction is kept for a copy";
+    EXPECT_TRUE(store->conflict(noteUrl)->disk.content.contains(QStringLiteral("jumps")));
 }
 
 }  // namespace

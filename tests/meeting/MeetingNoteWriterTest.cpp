@@ -2,6 +2,7 @@
 
 #include <QFile>
 
+#include "MeetingNoteFormat.h"
 #include "MeetingNoteWriter.h"
 #include "ProcessTestSupport.h"
 #include "TestSupport.h"
@@ -242,4 +243,40 @@ TEST_F(MeetingNoteWriterTest, TheSummaryBlockIsAddedOnceAndReplacedAfterwards) {
     ASSERT_TRUE(failed);
     EXPECT_EQ(failed->document.frontMatterFields.at("meeting-summary-status"), NoteFrontMatterValue("failed"));
     EXPECT_EQ(failed->document.body, note->document.body);
+}
+
+// The recorder's rewrite and the user's unsaved text meet in the app: they merge only when
+// neither touched what the other changed.
+TEST(MeetingNoteMerge, TakesTheRecordersBlocksAroundTheUsersWordsAndRefusesOverlaps) {
+    using MeetingNoteFormat::mergingRecorderBlocks;
+    const QString start = MeetingNoteFormat::transcriptStartMarker + u'\n';
+    const QString end = MeetingNoteFormat::transcriptEndMarker + u'\n';
+    const QString base = "# Standup\n\nAgenda\n\n" + start + "**You:** hello\n" + end;
+    const QString theirs = "# Standup\n\nAgenda\n\n" + start + "**You:** hello\n**System:** hi there\n" + end;
+    const QString mine = "# Standup\n\nAgenda: budget, hiring\n\n" + start + "**You:** hello\n" + end + "\nAfter.\n";
+
+    EXPECT_EQ(mergingRecorderBlocks(base, mine, theirs),
+              "# Standup\n\nAgenda: budget, hiring\n\n" + start + "**You:** hello\n**System:** hi there\n" + end +
+                  "\nAfter.\n");
+    // Nothing new from the recorder: the user's text as it is.
+    EXPECT_EQ(mergingRecorderBlocks(base, mine, base), mine);
+
+    // The user corrected a word inside the transcript the recorder just rewrote.
+    const QString correctedInside = "# Standup\n\nAgenda\n\n" + start + "**You:** hello all\n" + end;
+    EXPECT_EQ(mergingRecorderBlocks(base, correctedInside, theirs), std::nullopt);
+    // The user deleted the markers.
+    EXPECT_EQ(mergingRecorderBlocks(base, "# Standup\n\nAgenda\n", theirs), std::nullopt);
+    // Somebody else changed text outside the blocks as well.
+    const QString theirsOutside = "# Standup\n\nAgenda (moved)\n\n" + start + "**You:** hello\n**System:** hi\n" + end;
+    EXPECT_EQ(mergingRecorderBlocks(base, mine, theirsOutside), std::nullopt);
+
+    // A summary block appended at the end reaches the user's text the same way.
+    const QString summary = MeetingNoteFormat::summaryStartMarker + "\n## Summary\nShipped.\n" +
+                            MeetingNoteFormat::summaryEndMarker;
+    const QString withSummary = MeetingNoteFormat::replacingBlock(base, MeetingNoteFormat::summaryStartMarker,
+                                                                  MeetingNoteFormat::summaryEndMarker, summary);
+    const auto merged = mergingRecorderBlocks(base, mine, withSummary);
+    ASSERT_TRUE(merged);
+    EXPECT_TRUE(merged->startsWith("# Standup\n\nAgenda: budget, hiring\n")) << merged->toStdString();
+    EXPECT_TRUE(merged->endsWith("After.\n\n" + summary)) << merged->toStdString();
 }

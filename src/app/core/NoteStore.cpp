@@ -414,6 +414,10 @@ Result<void> NoteStore::persistPendingSave(const QString& url) {
     if (error.code() == Error::Code::stale) {
         auto disk = files_->read(target->identifier);
         if (disk) {
+            // The meeting recorder wrote its blocks meanwhile: save the merged text on its revision.
+            if (!conflicts_.contains(url) && mergeRecorderBlocks(url, *disk, target->content)) {
+                return persistPendingSave(url);
+            }
             beginConflict(url, *disk, target->content);
             return fail(error);
         }
@@ -583,6 +587,7 @@ Result<QStringList> NoteStore::saveUnsavedNotesTo(const QString& folder) {
 }
 
 void NoteStore::beginConflict(const QString& url, const StoredNote& disk, const QString& userContent) {
+    if (!conflicts_.contains(url) && mergeRecorderBlocks(url, disk, userContent)) return;
     stopSaveTimer(url);
     pendingBaseRevisions_.remove(url);
     if (saveFailures_.remove(url) > 0) emit saveStateChanged(url);

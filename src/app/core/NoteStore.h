@@ -203,6 +203,11 @@ public:
     // folder, and each imported note (identifier, its Granola folders as
     // "id\tname") assigned to its first. Written once.
     void applyGranolaFolders(const std::vector<std::pair<QString, QStringList>>& noteFolders);
+    // The meeting recorder wrote its note at `url` (created it, or rewrote its
+    // transcript or summary): show it now. Unsaved text the user typed into the
+    // same note is kept and merged with the recorder's blocks; other notes, the
+    // selection and their pending edits are untouched.
+    void patchMeetingNote(const QString& url);
 
 signals:
     void notesChanged();
@@ -239,6 +244,7 @@ private:
     void forgetUnsavedState(const QString& url);
     Result<void> restoreDeletedNote(const QString& url);
     void beginConflict(const QString& url, const StoredNote& disk, const QString& userContent);
+    bool mergeRecorderBlocks(const QString& url, const StoredNote& disk, const QString& userContent);
     void scheduleExternalChanges();
     void applyExternalChanges(Scan scan, quint64 startGeneration);
     void refreshSearchIndexInBackground();

@@ -273,6 +273,7 @@ void MeetingSessionController::apply(const MeetingBatch& batch) {
     for (const auto& issue : batch.issues) report(issue.operation, issue.statusText, issue.description);
     if (batch.checkpointAt) lastCheckpointAt_ = batch.checkpointAt;
     publishSegments(batch.unstable);
+    if (batch.checkpointAt) emit noteWritten();
     setBacklog(batch.backlog);
     if (!batch.stable.isEmpty() && services_.diagnostics) {
         services_.diagnostics->span(QStringLiteral("Transcribe meeting audio"), batch.durationMs,

@@ -96,6 +96,8 @@ signals:
     void systemLevelChanged();
     void backlogChanged();
     void noteURLChanged();
+    // A checkpoint wrote stable segments into the meeting note.
+    void noteWritten();
     void errorMessageChanged();
     void configurationChanged();
 

@@ -46,6 +46,14 @@ MeetingRecorder::MeetingRecorder(NoteStore& store, MeetingSessionServices servic
     controller_ = std::make_unique<MeetingSessionController>(settings_, std::move(services));
     connect(controller_.get(), &MeetingSessionController::phaseChanged, this,
             [this] { emit recordingChanged(isRecording()); });
+    // Each write shows at once in the list and in an open editor, merged with what the user types there.
+    const auto patchNote = [this] {
+        const QUrl url = controller_->noteURL();
+        if (url.isLocalFile()) store_.patchMeetingNote(url.toLocalFile());
+    };
+    connect(controller_.get(), &MeetingSessionController::noteURLChanged, this, patchNote);
+    connect(controller_.get(), &MeetingSessionController::noteWritten, this, patchNote);
+    connect(controller_.get(), &MeetingSessionController::phaseChanged, this, patchNote);
 }
 
 MeetingRecorder::~MeetingRecorder() {
