@@ -78,6 +78,10 @@ int main(int argc, char** argv) {
     MeetingRecorder recorder(store, std::move(meetingServices),
                              [] { return meeting::listMicrophones().value_or(std::vector<meeting::MicrophoneDevice>{}); });
     window.setMeetingRecorder(&recorder);
+    // Headsets come and go: the recorder's input list follows (no audio server: no list to follow).
+    auto microphoneWatcher = meeting::MicrophoneWatcher::start([&recorder] {
+        QMetaObject::invokeMethod(&recorder, &MeetingRecorder::microphonesChanged, Qt::QueuedConnection);
+    });
     recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
     lifecycle.handleTerminationSignals();
     lifecycle.watchMainWindow(&window);

@@ -148,3 +148,44 @@ TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoices) {
 
 }  // namespace
 }  // namespace mossly
+
+namespace mossly {
+namespace {
+
+// A headset plugged in or pulled out mid-choice: the list follows, and the
+// input the user chose never silently turns into another one.
+TEST(MeetingRecorderWindow, TheMicrophoneListFollowsHotPlugAndKeepsTheChoice) {
+    test::TemporaryNotesFolder folder;
+    NoteStore store(folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
+                                                      .welcomeIconPng = {}});
+    std::vector<meeting::MicrophoneDevice> plugged{{QStringLiteral("builtin"), QStringLiteral("Built-in Microphone")},
+                                                   {QStringLiteral("usb"), QStringLiteral("USB Headset")}};
+    MeetingSessionServices services;
+    services.model = std::make_shared<fakes::FakeModel>();
+    MeetingRecorder recorder(store, std::move(services), [&plugged] { return plugged; });
+    MeetingRecorderWindow* window = recorder.showWindow();
+    QComboBox* picker = window->microphonePicker();
+    const auto names = [picker] {
+        QStringList all;
+        for (int i = 0; i < picker->count(); ++i) all.append(picker->itemText(i));
+        return all;
+    };
+    ASSERT_EQ(names(), (QStringList{"Default input", "Built-in Microphone", "USB Headset"}));
+    picker->setCurrentIndex(picker->findData(QStringLiteral("usb")));
+
+    plugged.erase(plugged.begin() + 1);                                   // pulled out
+    plugged.push_back({QStringLiteral("bt"), QStringLiteral("Bluetooth Headset")});  // another one paired
+    recorder.microphonesChanged();
+    ASSERT_TRUE(test::waitUntil([&] { return names().contains("Bluetooth Headset"); }));
+    EXPECT_EQ(names(), (QStringList{"Default input", "Built-in Microphone", "Bluetooth Headset", "USB Headset (disconnected)"}));
+    EXPECT_EQ(picker->currentData().toString(), QStringLiteral("usb"));
+
+    plugged.push_back({QStringLiteral("usb"), QStringLiteral("USB Headset")});  // back again
+    recorder.microphonesChanged();
+    ASSERT_TRUE(test::waitUntil([&] { return !names().contains("USB Headset (disconnected)"); }));
+    EXPECT_EQ(names().count("USB Headset"), 1);
+    EXPECT_EQ(picker->currentText(), QStringLiteral("USB Headset"));
+}
+
+}  // namespace
+}  // namespace mossly

@@ -2,6 +2,7 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QTimer>
 
 #include "Diagnostics.h"
 #include "MeetingRecorderWindow.h"
@@ -75,6 +76,18 @@ MeetingRecorderWindow* MeetingRecorder::showWindow() {
     window_->raise();
     window_->activateWindow();
     return window_;
+}
+
+void MeetingRecorder::microphonesChanged() {
+    // A plug-in arrives as a burst of server events: list the inputs once it settles.
+    if (!microphoneRefresh_) {
+        microphoneRefresh_ = new QTimer(this);
+        microphoneRefresh_->setSingleShot(true);
+        connect(microphoneRefresh_, &QTimer::timeout, this, [this] {
+            if (window_) window_->refreshMicrophones();
+        });
+    }
+    microphoneRefresh_->start(microphoneRefreshDelayMs);
 }
 
 void MeetingRecorder::checkpointBeforeQuit(int timeoutMs) {

@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QPointer>
+#include <QTimer>
 #include <QSettings>
 #include <memory>
 
@@ -39,6 +40,12 @@ public:
     // recovered at the next launch. Waits at most `timeoutMs`.
     void checkpointBeforeQuit(int timeoutMs = 15000);
 
+    static constexpr int microphoneRefreshDelayMs = 300;
+
+public slots:
+    // An input was plugged in or removed: the open window lists them again.
+    void microphonesChanged();
+
 signals:
     void recordingChanged(bool recording);
     void openNoteRequested(const QString& path);
@@ -51,6 +58,7 @@ private:
     meeting::WhisperModelManager models_;
     std::unique_ptr<meeting::MeetingSessionController> controller_;
     MicrophoneList microphones_;
+    QTimer* microphoneRefresh_ = nullptr;
     QPointer<MeetingRecorderWindow> window_;
 };
 

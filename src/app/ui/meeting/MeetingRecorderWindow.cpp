@@ -10,6 +10,7 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScrollBar>
+#include <QSignalBlocker>
 #include <QVBoxLayout>
 #include <cmath>
 
@@ -23,6 +24,8 @@ namespace mossly {
 using namespace meeting;
 
 namespace {
+
+QString disconnectedSuffix() { return QStringLiteral(" (disconnected)"); }
 
 QString clock(double seconds) {
     const int whole = static_cast<int>(seconds);
@@ -50,17 +53,15 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
                                              WhisperModelManager& models,
                                              std::function<std::vector<MicrophoneDevice>()> microphones,
                                              QWidget* parent)
-    : QWidget(parent, Qt::Window), controller_(controller), settings_(settings), models_(models) {
+    : QWidget(parent, Qt::Window), controller_(controller), settings_(settings), models_(models),
+      microphones_(std::move(microphones)) {
     setObjectName(QStringLiteral("meetingRecorder"));
     setWindowTitle(tr("Meeting Recorder"));
     title_ = new QLineEdit(this);
     title_->setPlaceholderText(QStringLiteral("Meeting title (optional)"));
     microphone_ = new QCheckBox(tr("Microphone (You)"), this);
     microphonePicker_ = new QComboBox(this);
-    microphonePicker_->addItem(tr("Default input"), QString());
-    if (microphones) {
-        for (const MicrophoneDevice& device : microphones()) microphonePicker_->addItem(device.name, device.id);
-    }
+    refreshMicrophones();
     system_ = new QCheckBox(tr("System audio (what the speakers play)"), this);
     keepAudio_ = new QCheckBox(QStringLiteral("Keep separate microphone and system recordings"), this);
     consent_ = new QCheckBox(QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."), this);
@@ -251,6 +252,25 @@ void MeetingRecorderWindow::showModel() {
         downloadProgress_->setRange(0, downloading ? 0 : 1000);
     }
     if (state.kind == WhisperModelState::Kind::failed) error_->setText(state.detail);
+}
+
+void MeetingRecorderWindow::refreshMicrophones() {
+    const QString chosen = microphonePicker_->currentData().toString();
+    const QString chosenName = microphonePicker_->currentText();
+    const QSignalBlocker quiet(microphonePicker_);
+    microphonePicker_->clear();
+    microphonePicker_->addItem(tr("Default input"), QString());
+    if (microphones_) {
+        for (const MicrophoneDevice& device : microphones_()) microphonePicker_->addItem(device.name, device.id);
+    }
+    if (chosen.isEmpty()) return;
+    int index = microphonePicker_->findData(chosen);
+    if (index < 0) {
+        const QString name = chosenName.endsWith(disconnectedSuffix()) ? chosenName : chosenName + disconnectedSuffix();
+        microphonePicker_->addItem(name, chosen);
+        index = microphonePicker_->count() - 1;
+    }
+    microphonePicker_->setCurrentIndex(index);
 }
 
 }  // namespace mossly

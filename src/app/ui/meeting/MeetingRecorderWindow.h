@@ -36,6 +36,10 @@ public:
                           std::function<std::vector<meeting::MicrophoneDevice>()> microphones = {},
                           QWidget* parent = nullptr);
     QComboBox* microphonePicker() const { return microphonePicker_; }
+    // Reads the inputs again (one was plugged in or removed). The chosen one stays
+    // chosen; if it is gone it stays listed as disconnected rather than silently
+    // becoming the default input.
+    void refreshMicrophones();
 
     QPushButton* recordButton() const { return record_; }
     QPushButton* stopButton() const { return stop_; }
@@ -55,6 +59,7 @@ private:
     meeting::MeetingSessionController& controller_;
     meeting::MeetingSettings& settings_;
     meeting::WhisperModelManager& models_;
+    std::function<std::vector<meeting::MicrophoneDevice>()> microphones_;
     QLineEdit* title_;
     QCheckBox* microphone_;
     QComboBox* microphonePicker_;
