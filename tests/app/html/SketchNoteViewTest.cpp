@@ -4,6 +4,8 @@
 #include <QFile>
 #include <QFileInfo>
 #include <QImage>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QProcess>
 #include <QSignalSpy>
 #include <QTest>
@@ -195,6 +197,48 @@ TEST_F(SketchNoteViewTest, ADrawingFromANewerTldrawIsShownReadOnlyAndNeverRewrit
     evaluate(view->page(), QString::fromLatin1(harbourShape));
     test::spin(800);
     EXPECT_EQ(QString::fromUtf8(folder.read("Future.tldr")), newer) << "the file is left exactly as it was";
+}
+
+// Drawings saved by older tldraw versions (2.0's first file schema; 3.0's, before
+// rich text) open with their shapes migrated, are not rewritten by being looked
+// at, and are saved in today's schema, words intact, once the user draws.
+TEST_F(SketchNoteViewTest, DrawingsFromOlderTldrawVersionsOpenAndAreSavedMigrated) {
+    const QStringList fixtures{QStringLiteral("sketch-tldraw-2.0.tldr"), QStringLiteral("sketch-tldraw-3.0.tldr")};
+    QHash<QString, QByteArray> originals;
+    for (const QString& fixture : fixtures) {
+        QFile source(QStringLiteral(MOSSLY_TEST_FIXTURES) + u'/' + fixture);
+        ASSERT_TRUE(source.open(QIODevice::ReadOnly));
+        originals.insert(fixture, source.readAll());
+        folder.write(fixture, originals.value(fixture));
+    }
+    open();
+    int loads = 0;
+    for (const QString& fixture : fixtures) {
+        SCOPED_TRACE(fixture.toStdString());
+        const QByteArray original = originals.value(fixture);
+        SketchNoteView* view = showSketch(fixture, loads);
+        ASSERT_TRUE(view);
+        loads = evaluate(view->page(), QStringLiteral("window.mosslyLoads || 0")).toInt();
+        EXPECT_TRUE(view->refusal().isEmpty()) << view->refusal().toStdString();
+        const QString shapes = evaluate(view->page(), QStringLiteral("JSON.stringify(mosslyEditor.getCurrentPageShapes()"
+                                                                     ".map(s => s.props.richText))")).toString();
+        EXPECT_TRUE(shapes.contains(QStringLiteral("Harbour tides"))) << shapes.toStdString();
+        test::spin(600);
+        EXPECT_EQ(folder.read(fixture), original) << "opening alone writes nothing";
+
+        ASSERT_TRUE(evaluate(view->page(), QStringLiteral("mosslyEditor.createShape({type: 'geo', x: 400, y: 80, props: "
+                                                          "{w: 100, h: 100}}); true")).toBool());
+        ASSERT_TRUE(test::waitUntil([&] { return folder.read(fixture) != original; }, 10000));
+        const QString saved = QString::fromUtf8(folder.read(fixture));
+        const QJsonObject sequences =
+            QJsonDocument::fromJson(saved.toUtf8()).object().value("schema").toObject().value("sequences").toObject();
+        EXPECT_EQ(sequences.value("com.tldraw.shape.text").toInt(), 3) << "saved in today's schema: " << saved.left(400).toStdString();
+        const NoteDocument document(saved, NoteContentType::sketch);
+        EXPECT_TRUE(document.visibleText().contains(QStringLiteral("Harbour tides")));
+        if (fixture.contains(QStringLiteral("3.0"))) {
+            EXPECT_TRUE(document.visibleText().contains(QStringLiteral("Two more berths")));
+        }
+    }
 }
 
 }  // namespace
