@@ -19,6 +19,7 @@ public:
 
     QLineEdit* searchField() const { return search_; }
     QListView* noteList() const { return list_; }
+    NoteListModel* noteListModel() const { return model_; }
     LibraryTree* tree() const { return tree_; }
     void focusSearch();
 

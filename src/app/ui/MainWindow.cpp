@@ -24,7 +24,9 @@
 #include "MeetingSessionController.h"
 #include "NoteDrops.h"
 #include "NoteStore.h"
+#include "NoteListModel.h"
 #include "NoteWindow.h"
+#include "SketchThumbnailRenderer.h"
 
 namespace mossly {
 
@@ -46,6 +48,12 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     installAppActions(*this, store);
     connect(sidebar_, &LibrarySidebar::openInWindowRequested, this, &MainWindow::openNoteWindow);
     connect(editorPane_, &EditorPane::thumbnailFiled, sidebar_->noteList()->viewport(), qOverload<>(&QWidget::update));
+    // Sketches nobody has opened get their pictures drawn in the background, as the list shows them.
+    auto* thumbnails = new SketchThumbnailRenderer(store, this);
+    connect(sidebar_->noteListModel(), &NoteListModel::thumbnailWanted, thumbnails, &SketchThumbnailRenderer::request,
+            Qt::QueuedConnection);
+    connect(thumbnails, &SketchThumbnailRenderer::thumbnailFiled, sidebar_->noteList()->viewport(),
+            qOverload<>(&QWidget::update));
     connect(&store, &NoteStore::problemOccurred, this,
             [this](const QString& message) { statusBar()->showMessage(message, 10000); });
     // Open the most recent note once the library is there, as a user expects.

@@ -80,7 +80,9 @@ QVariant NoteListModel::data(const QModelIndex& index, int role) const {
         case ThumbnailRole: {
             if (note->contentType != NoteContentType::sketch) return {};
             const QString path = SketchThumbnails::pathFor(note->url, note->revision);
-            return QFileInfo::exists(path) ? path : QVariant();
+            if (QFileInfo::exists(path)) return path;
+            emit thumbnailWanted(note->url);
+            return {};
         }
         default: return {};
     }

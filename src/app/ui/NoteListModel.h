@@ -36,6 +36,10 @@ public:
     QMimeData* mimeData(const QModelIndexList& indexes) const override;
     Qt::DropActions supportedDragActions() const override { return Qt::MoveAction | Qt::CopyAction; }
 
+signals:
+    // A sketch row is shown without a picture of its current revision.
+    void thumbnailWanted(const QString& url) const;
+
 private:
     void rebuild();
 

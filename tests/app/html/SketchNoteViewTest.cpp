@@ -241,5 +241,27 @@ TEST_F(SketchNoteViewTest, DrawingsFromOlderTldrawVersionsOpenAndAreSavedMigrate
     }
 }
 
+// A sketch made elsewhere (an agent, another machine) and never opened here
+// still shows its picture in the list; the note the user reads stays selected.
+TEST_F(SketchNoteViewTest, TheListShowsPicturesOfSketchesNeverOpened) {
+    QFile source(QStringLiteral(MOSSLY_TEST_FIXTURES) + QStringLiteral("/sketch-tldraw-3.0.tldr"));
+    ASSERT_TRUE(source.open(QIODevice::ReadOnly));
+    const QByteArray drawing = source.readAll();
+    folder.write(QStringLiteral("Berths.tldr"), drawing);
+    folder.write(QStringLiteral("Reading.md"), "# Reading\nA text note, newest, open.");
+    open();
+    store->select(url("Reading.md"));
+    const QString sketch = url("Berths.tldr");
+    const QString picture = SketchThumbnails::pathFor(sketch, store->note(sketch)->revision);
+    ASSERT_TRUE(test::waitUntil([&] { return QFileInfo::exists(picture); }, 30000));
+    EXPECT_FALSE(QImage(picture).isNull());
+    EXPECT_EQ(store->selection(), url("Reading.md"));
+    EXPECT_EQ(folder.read("Berths.tldr"), drawing) << "drawing the picture never writes the sketch";
+    if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
+        test::spin(500);
+        window->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/sketch-thumbnails.png"));
+    }
+}
+
 }  // namespace
 }  // namespace mossly
