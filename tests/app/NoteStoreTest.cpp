@@ -7,6 +7,7 @@
 
 #include "AppTestSupport.h"
 #include "MeetingNoteWriter.h"
+#include "NoteFileImporter.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
 
@@ -282,6 +283,36 @@ TEST_F(NoteStoreTest, ImportCopiesNotesUnderUniqueNamesAndReportsFailures) {
     EXPECT_EQ(folder.read(QStringLiteral("Plan.md")), "existing");
     EXPECT_EQ(folder.read(QStringLiteral("Plan 2.md")), "# Imported plan");
     EXPECT_TRUE(store->note(url("Page.html")));
+}
+
+// A large import tells the window how far it is, and quitting ends it between
+// two files: what was imported is whole, the rest is left where it was.
+TEST_F(NoteStoreTest, LargeImportsReportProgressAndStopBetweenFilesWhenQuitting) {
+    test::TemporaryNotesFolder outside;
+    QStringList paths;
+    for (int i = 0; i < 150; ++i) {
+        const QString name = QStringLiteral("Imported %1.md").arg(i);
+        outside.write(name, QStringLiteral("# Imported %1\nbody").arg(i).toUtf8());
+        paths.append(outside.filePath(name));
+    }
+    auto store = openStore();
+    std::vector<std::pair<int, int>> reports;
+    QObject::connect(store.get(), &NoteStore::importProgress, [&](int done, int total) { reports.emplace_back(done, total); });
+    bool finished = false;
+    QObject::connect(store.get(), &NoteStore::importFinished, [&](const NoteFileImportReport&) { finished = true; });
+    store->importNoteFiles(paths);
+    ASSERT_TRUE(test::waitUntil([&] { return finished; }));
+    ASSERT_FALSE(reports.empty());
+    EXPECT_EQ(reports.back(), std::make_pair(150, 150));
+    EXPECT_TRUE(std::is_sorted(reports.begin(), reports.end()));
+    EXPECT_EQ(store->notes().size(), 150u);
+
+    std::stop_source quitting;
+    quitting.request_stop();
+    const NoteFileImportReport stopped =
+        importNoteFiles(NoteRepository(folder.path()), {outside.filePath("Imported 0.md")}, {}, quitting.get_token());
+    EXPECT_TRUE(stopped.imported.isEmpty());
+    EXPECT_FALSE(folder.exists(QStringLiteral("Imported 0 2.md")));
 }
 
 }  // namespace

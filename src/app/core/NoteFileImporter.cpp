@@ -1,5 +1,6 @@
 #include "NoteFileImporter.h"
 
+#include <QElapsedTimer>
 #include <QFileInfo>
 #include <QStringDecoder>
 
@@ -8,6 +9,8 @@
 namespace mossly {
 
 namespace {
+
+constexpr int progressIntervalMs = 100;
 
 Result<StoredNote> importOne(const NoteRepository& repository, const QString& path) {
     const QFileInfo file(path);
@@ -24,14 +27,25 @@ Result<StoredNote> importOne(const NoteRepository& repository, const QString& pa
 
 }  // namespace
 
-NoteFileImportReport importNoteFiles(const NoteRepository& repository, const QStringList& paths) {
+NoteFileImportReport importNoteFiles(const NoteRepository& repository, const QStringList& paths,
+                                     const ImportProgress& progress, std::stop_token stop) {
     NoteFileImportReport report;
-    for (const QString& path : paths) {
+    const int total = static_cast<int>(paths.size());
+    QElapsedTimer sinceReport;
+    sinceReport.start();
+    for (int done = 0; done < total; ++done) {
+        if (stop.stop_requested()) break;
+        const QString& path = paths[done];
         auto imported = importOne(repository, path);
         if (imported) {
             report.imported.append(imported->identifier);
         } else {
             report.failures.emplace_back(QFileInfo(path).fileName(), imported.error().description());
+        }
+        // A few reports a second are enough for a bar and cost the import nothing.
+        if (progress && (sinceReport.elapsed() >= progressIntervalMs || done + 1 == total)) {
+            progress(done + 1, total);
+            sinceReport.restart();
         }
     }
     return report;

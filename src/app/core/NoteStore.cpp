@@ -528,6 +528,7 @@ Result<void> NoteStore::flushPendingSaves(std::chrono::milliseconds busyPatience
 QuitPreparation NoteStore::prepareForQuit(std::chrono::milliseconds busyPatience) {
     auto span = diagnostics().span(QStringLiteral("Prepare to quit"));
     indexStop_.request_stop();  // an index half built is rolled back and finished next time
+    importStop_.request_stop();  // files not yet imported stay where they are, to import again
     if (noteListCacheTimer_.isActive()) saveNoteListCache(true);
     const QDeadlineTimer deadline(busyPatience);
     (void)flushPendingSaves(busyPatience);

@@ -224,6 +224,8 @@ signals:
     void unreadableNotesChanged();
     // The search index is being built: `done` of `total` changed notes so far.
     void indexProgress(int done, int total);
+    // Note files are being imported: `done` of `total` so far.
+    void importProgress(int done, int total);
     void editorFocusRequested(const QUuid& requestId, const QString& url);
     void importFinished(const NoteFileImportReport& report);
     void saveCommitted(const QString& url);
@@ -295,6 +297,7 @@ private:
 
     bool indexRefreshRunning_ = false;
     std::stop_source indexStop_;  // quitting interrupts indexing; the catalog rolls back
+    std::stop_source importStop_;  // quitting ends an import between two files
     bool indexNeedsRefresh_ = false;
 
     QString searchText_;

@@ -1,3 +1,5 @@
+#include <QPointer>
+
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
 #include "NoteFileImporter.h"
@@ -9,8 +11,15 @@ namespace mossly {
 void NoteStore::importNoteFiles(const QStringList& paths) {
     (void)flushPendingSaves();  // what cannot be saved now stays pending and is retried
     const std::shared_ptr<NoteFileAccess> files = files_;
+    const std::stop_token stop = importStop_.get_token();
+    QPointer<NoteStore> self(this);
+    const ImportProgress progress = [self](int done, int total) {
+        QMetaObject::invokeMethod(QCoreApplication::instance(), [self, done, total] {
+            if (self) emit self->importProgress(done, total);
+        }, Qt::QueuedConnection);
+    };
     runInBackground(
-        this, [files, paths] { return mossly::importNoteFiles(files->repository(), paths); },
+        this, [files, paths, progress, stop] { return mossly::importNoteFiles(files->repository(), paths, progress, stop); },
         [this, files](NoteFileImportReport report) {
             if (files != files_) return;  // the library moved meanwhile
             for (const auto& [file, reason] : report.failures) {

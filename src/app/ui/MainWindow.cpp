@@ -92,6 +92,19 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
         indexProgress_->setValue(done);
         indexProgress_->setFormat(tr("Indexing for search: %1 of %2").arg(done).arg(total));
     });
+    // Importing thousands of files: the same, with its own bar.
+    importProgress_ = new QProgressBar(this);
+    importProgress_->setObjectName(QStringLiteral("importProgress"));
+    importProgress_->setMaximumWidth(220);
+    importProgress_->setVisible(false);
+    statusBar()->addPermanentWidget(importProgress_);
+    connect(&store, &NoteStore::importProgress, this, [this](int done, int total) {
+        importProgress_->setVisible(total >= 50 && done < total);
+        importProgress_->setRange(0, std::max(total, 1));
+        importProgress_->setValue(done);
+        importProgress_->setFormat(tr("Importing notes: %1 of %2").arg(done).arg(total));
+    });
+    connect(&store, &NoteStore::importFinished, importProgress_, &QWidget::hide);
     updateUnreadableNotice();
     setAcceptDrops(true);
 }

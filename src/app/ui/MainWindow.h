@@ -52,6 +52,7 @@ private:
     LibrarySidebar* sidebar_;
     EditorPane* editorPane_;
     QPushButton* unreadableNotice_;
+    QProgressBar* importProgress_ = nullptr;
     QProgressBar* indexProgress_;
     LinkPreviews* linkPreviews_;
     MeetingRecorder* meetingRecorder_ = nullptr;
