@@ -1,0 +1,347 @@
+#include "IncrementalStyler.h"
+
+#include <algorithm>
+#include <array>
+#include <utility>
+
+#include "MarkdownLineRun.h"
+#include "MarkdownStyler.h"
+#include "MarkdownText.h"
+
+namespace mossly::markdown {
+
+namespace {
+
+// The start of the line holding `position`.
+int lineStart(const QString& text, int position) {
+    return position > 0 ? static_cast<int>(text.lastIndexOf(u'\n', position - 1)) + 1 : 0;
+}
+
+// The line break at or after `position`, else the text's end.
+int lineEnd(const QString& text, int position) {
+    const auto at = text.indexOf(u'\n', position);
+    return at < 0 ? static_cast<int>(text.size()) : static_cast<int>(at);
+}
+
+int nextLineStart(const QString& text, int position) {
+    const int end = lineEnd(text, position);
+    return end < text.size() ? end + 1 : end;
+}
+
+// Characters and tokens that start or end a construct spanning lines (fences, display
+// math, HTML and details blocks, tables) or a definition other lines look up. Lines
+// holding them are left to the full pass.
+bool holdsBlockToken(QStringView lines) {
+    static constexpr std::array<QStringView, 4> tokens = {u"```", u"~~~", u"$$", u"]:"};
+    if (lines.contains(u'|') || lines.contains(u'<')) return true;
+    return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+}
+
+// Whether an indented fence lies close enough below `from` that whether it opens code
+// (inside a list item) may depend on the lines above it.
+bool indentedFenceBelow(const QString& text, int from) {
+    constexpr int kListItemWalk = 501;  // one more than the fence scan looks back
+    const int size = static_cast<int>(text.size());
+    int position = from;
+    for (int line = 0; line < kListItemWalk && position < size; ++line) {
+        int first = position;
+        while (first < size && (text[first] == u' ' || text[first] == u'\t')) ++first;
+        if (first > position && first + 2 < size && (text[first] == u'`' || text[first] == u'~') &&
+            text[first + 1] == text[first] && text[first + 2] == text[first]) {
+            return true;
+        }
+        position = nextLineStart(text, first);
+        if (position == size) break;
+    }
+    return false;
+}
+
+// Replaces v[lo, hi) with `middle`.
+template <typename T>
+void replaceSpan(std::vector<T>& v, std::size_t lo, std::size_t hi, std::vector<T>&& middle) {
+    const std::size_t before = hi - lo;
+    if (middle.size() > before) {
+        v.insert(v.begin() + static_cast<std::ptrdiff_t>(hi), middle.size() - before, T{});
+    } else if (middle.size() < before) {
+        v.erase(v.begin() + static_cast<std::ptrdiff_t>(lo + middle.size()),
+                v.begin() + static_cast<std::ptrdiff_t>(hi));
+    }
+    std::move(middle.begin(), middle.end(), v.begin() + static_cast<std::ptrdiff_t>(lo));
+}
+
+// Where the lines a change restyles lie, in the old text and the new.
+struct LineSpan {
+    int start = 0;      // same in both texts
+    int oldEnd = 0;     // after the last restyled line's break, old text
+    int newEnd = 0;     // the same place in the new text
+    int oldSize = 0;
+    int newSize = 0;
+    int delta = 0;
+
+    // Whether a position of the old (new) pass belongs to the restyled lines. The
+    // text's end belongs to its last line.
+    bool holdsOld(int position) const {
+        return position >= start && (position < oldEnd || (oldEnd == oldSize && position == oldSize));
+    }
+    bool holdsNew(int position) const {
+        return position >= start && (position < newEnd || (newEnd == newSize && position == newSize));
+    }
+    // Old positions outside the restyled lines, moved into the new text.
+    int shifted(int position) const { return position >= oldEnd ? position + delta : position; }
+    void shift(int& position) const { position = shifted(position); }
+    void shift(TextRange& range) const { range.start = shifted(range.start); }
+};
+
+// Splices a vector of items that each sit at one position: the old items outside the
+// span stay (shifted), the run's items inside it replace the rest.
+template <typename T, typename At, typename Move>
+void spliceItems(std::vector<T>& items, std::vector<T>&& fromRun, const LineSpan& span, At at, Move move) {
+    const auto lo = static_cast<std::size_t>(
+        std::partition_point(items.begin(), items.end(), [&](const T& item) { return at(item) < span.start; }) -
+        items.begin());
+    std::size_t hi = lo;
+    while (hi < items.size() && span.holdsOld(at(items[hi]))) ++hi;
+    std::vector<T> middle;
+    for (T& item : fromRun) {
+        move(item, span.start);
+        if (span.holdsNew(at(item))) middle.push_back(std::move(item));
+    }
+    const std::size_t resume = lo + middle.size();
+    replaceSpan(items, lo, hi, std::move(middle));
+    if (span.delta == 0) return;
+    for (std::size_t i = resume; i < items.size(); ++i) move(items[i], span.delta);
+}
+
+void spliceRuns(std::vector<StyleRun>& runs, const std::vector<StyleRun>& fromRun, const LineSpan& span) {
+    auto lo = static_cast<std::size_t>(
+        std::partition_point(runs.begin(), runs.end(), [&](const StyleRun& run) { return run.end() < span.start; }) -
+        runs.begin());
+    auto hi = static_cast<std::size_t>(
+        std::partition_point(runs.begin(), runs.end(), [&](const StyleRun& run) { return run.start <= span.oldEnd; }) -
+        runs.begin());
+    // Neighbours touching the span are rebuilt too, so that equal neighbours merge as
+    // they do in a full pass.
+    std::vector<StyleRun> middle;
+    auto push = [&](int start, int end, const StyleAttributes& attributes) {
+        if (end <= start) return;
+        if (!middle.empty() && middle.back().end() == start && middle.back().attributes == attributes) {
+            middle.back().length = end - middle.back().start;
+        } else {
+            middle.push_back({start, end - start, attributes});
+        }
+    };
+    for (std::size_t i = lo; i < hi; ++i) push(runs[i].start, std::min(runs[i].end(), span.start), runs[i].attributes);
+    const int runEnd = span.newEnd - span.start;
+    for (const StyleRun& run : fromRun) {
+        if (run.start >= runEnd) break;
+        push(span.start + run.start, span.start + std::min(run.end(), runEnd), run.attributes);
+    }
+    for (std::size_t i = lo; i < hi; ++i) {
+        const int start = std::max(runs[i].start, span.oldEnd);
+        push(start + span.delta, runs[i].end() + span.delta, runs[i].attributes);
+    }
+    const std::size_t resume = lo + middle.size();
+    replaceSpan(runs, lo, hi, std::move(middle));
+    if (span.delta == 0) return;
+    for (std::size_t i = resume; i < runs.size(); ++i) runs[i].start += span.delta;
+}
+
+}  // namespace
+
+IncrementalStyler::IncrementalStyler(Presentation presentation, double baseSize, QString noteDirectory,
+                                     QString noteFilePath)
+    : presentation_(presentation),
+      baseSize_(baseSize),
+      noteDirectory_(std::move(noteDirectory)),
+      noteFilePath_(std::move(noteFilePath)) {}
+
+const StylePass& IncrementalStyler::restyle(const QString& text) {
+    restyleWhole(text);
+    return pass_;
+}
+
+StyleChange IncrementalStyler::restyleWhole(const QString& text) {
+    text_ = text;
+    if (presentation_ == Presentation::source) {
+        pass_ = styleMarkdown(text, presentation_, baseSize_, noteDirectory_, noteFilePath_);
+        linkDefinitions_.clear();
+    } else {
+        StyledLineRun run = styleLineRun(withValidUtf16(text), baseSize_, noteDirectory_, noteFilePath_, {});
+        pass_ = std::move(run.pass);
+        linkDefinitions_ = std::move(run.linkDefinitions);
+    }
+    styled_ = true;
+    return {{0, static_cast<int>(text.size())}};
+}
+
+StyleChange IncrementalStyler::update(const QString& text, int position, int removed, int added) {
+    const bool consistent = styled_ && position >= 0 && removed >= 0 && added >= 0 &&
+                            position + removed <= text_.size() && position + added <= text.size() &&
+                            text.size() == text_.size() - removed + added;
+    TextRange restyled;
+    if (consistent && presentation_ == Presentation::styled &&
+        restyleLines(text, position, removed, added, restyled)) {
+        return {restyled};
+    }
+    return restyleWhole(text);
+}
+
+bool IncrementalStyler::restyleLines(const QString& text, int position, int removed, int added,
+                                     TextRange& restyled) {
+    // The edited lines and the one above them (whose soft break looks at the first
+    // edited line) are restyled; the line below is styled along as context only.
+    LineSpan span;
+    const int editedStart = lineStart(text, position);
+    span.start = editedStart > 0 ? lineStart(text, editedStart - 1) : 0;
+    span.oldEnd = nextLineStart(text_, position + removed);
+    span.newEnd = nextLineStart(text, position + added);
+    span.oldSize = static_cast<int>(text_.size());
+    span.newSize = static_cast<int>(text.size());
+    span.delta = added - removed;
+    const int contextEndOld = lineEnd(text_, span.oldEnd);
+    const int contextEndNew = lineEnd(text, span.newEnd);
+
+    const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
+    const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
+    if (holdsBlockToken(oldLines) || holdsBlockToken(newLines)) return false;
+    // '>' ends an opening details tag that may have begun lines above.
+    if (QStringView(text_).sliced(position, removed).contains(u'>') ||
+        QStringView(text).sliced(position, added).contains(u'>')) {
+        return false;
+    }
+    auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
+    if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
+        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) { return meets(block.range); }) ||
+        std::ranges::any_of(pass_.tables, [&](const Table& table) { return meets(table.range); })) {
+        return false;
+    }
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.start > contextEndOld) break;
+        if (object.kind == DrawnKind::displayMath && meets({object.start, object.length})) return false;
+    }
+    if (indentedFenceBelow(text, std::min(contextEndNew + 1, span.newSize))) return false;
+
+    const bool footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
+    QHash<QString, int> definitions;
+    if (footnotes) {
+        for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
+            definitions.insert(definition.label, span.shifted(definition.marker.start));
+        }
+    }
+    LineRunContext context;
+    context.startsAtTitle = span.start == 0;
+    context.footnoteDefinitions = &definitions;
+    context.linkDefinitions = &linkDefinitions_;
+    StyledLineRun run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_,
+                                     noteFilePath_, context);
+    StylePass& fresh = run.pass;
+
+    // A definition outside the lines links back to its label's first reference: when
+    // that moves other than by the shift, the definition changes too.
+    std::vector<std::pair<std::size_t, int>> firstReferences;
+    if (footnotes) {
+        QHash<QString, bool> labels;
+        for (const FootnoteReference& reference : pass_.footnoteReferences) {
+            if (span.holdsOld(reference.range.start)) labels.insert(reference.label, true);
+        }
+        for (const FootnoteReference& reference : fresh.footnoteReferences) {
+            if (span.holdsNew(span.start + reference.range.start)) labels.insert(reference.label, true);
+        }
+        for (auto label = labels.cbegin(); label != labels.cend(); ++label) {
+            const auto definition = std::ranges::find_if(
+                pass_.footnoteDefinitions, [&](const FootnoteDefinition& d) { return d.label == label.key(); });
+            if (definition == pass_.footnoteDefinitions.end()) continue;
+            const int before = definition->firstReferenceLocation;
+            if (before >= 0 && before < span.start) continue;
+            int after = -1;
+            for (const FootnoteReference& reference : fresh.footnoteReferences) {
+                const int start = span.start + reference.range.start;
+                if (reference.label == label.key() && span.holdsNew(start)) {
+                    after = start;
+                    break;
+                }
+            }
+            if (after < 0) {
+                for (const FootnoteReference& reference : pass_.footnoteReferences) {
+                    if (reference.label == label.key() && reference.range.start >= span.oldEnd) {
+                        after = reference.range.start + span.delta;
+                        break;
+                    }
+                }
+            }
+            int expected = -1;
+            if (before >= 0) {
+                if (before < position) {
+                    expected = before;
+                } else if (before >= position + removed) {
+                    expected = before + span.delta;
+                } else {
+                    return false;
+                }
+            }
+            if (after != expected) return false;
+            firstReferences.emplace_back(definition - pass_.footnoteDefinitions.begin(), after);
+        }
+    }
+
+    spliceRuns(pass_.runs, fresh.runs, span);
+    spliceItems(pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
+                [](DrawnObject& o, int by) {
+                    o.start += by;
+                    if (o.related.start >= 0) o.related.start += by;
+                });
+    auto moveIndex = [](int& index, int by) { index += by; };
+    auto indexAt = [](int index) { return index; };
+    spliceItems(pass_.bulletIndexes, std::move(fresh.bulletIndexes), span, indexAt, moveIndex);
+    spliceItems(pass_.softBreakIndexes, std::move(fresh.softBreakIndexes), span, indexAt, moveIndex);
+    spliceItems(pass_.quoteLines, std::move(fresh.quoteLines), span,
+                [](const BlockQuoteLine& q) { return q.line.start; },
+                [](BlockQuoteLine& q, int by) {
+                    q.line.start += by;
+                    q.markers.start += by;
+                    q.listMarker.start += by;
+                });
+    // Reference locations already point into the whole note.
+    for (FootnoteReference& reference : pass_.footnoteReferences) span.shift(reference.definitionLocation);
+    spliceItems(pass_.footnoteReferences, std::move(fresh.footnoteReferences), span,
+                [](const FootnoteReference& r) { return r.range.start; },
+                [](FootnoteReference& r, int by) { r.range.start += by; });
+    for (FootnoteDefinition& definition : pass_.footnoteDefinitions) {
+        span.shift(definition.marker);
+        span.shift(definition.body);
+        span.shift(definition.firstReferenceLocation);
+    }
+    for (const auto& [index, location] : firstReferences) {
+        pass_.footnoteDefinitions[index].firstReferenceLocation = location;
+    }
+    if (span.delta != 0) {
+        for (CodeBlock& block : pass_.codeBlocks) {
+            for (TextRange* range :
+                 {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
+                span.shift(*range);
+            }
+        }
+        for (DetailsBlock& block : pass_.detailsBlocks) {
+            for (TextRange* range : {&block.range, &block.openingTag, &block.summaryOpenTag, &block.summary,
+                                     &block.summaryCloseTag, &block.body, &block.closingTag}) {
+                span.shift(*range);
+            }
+        }
+        auto shiftRow = [&](TableRow& row) {
+            span.shift(row.range);
+            for (TableCell& cell : row.cells) span.shift(cell.range);
+        };
+        for (Table& table : pass_.tables) {
+            span.shift(table.range);
+            span.shift(table.delimiterRow);
+            shiftRow(table.header);
+            for (TableRow& row : table.body) shiftRow(row);
+        }
+    }
+
+    text_ = text;
+    restyled = {span.start, span.newEnd - span.start};
+    return true;
+}
+
+}  // namespace mossly::markdown
