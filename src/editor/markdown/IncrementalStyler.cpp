@@ -203,7 +203,14 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
 
     const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
     const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
-    if (holdsBlockToken(oldLines) || holdsBlockToken(newLines)) return false;
+    const QStringView oldEdited = QStringView(text_).sliced(editedStart, lineEnd(text_, position + removed) - editedStart);
+    const QStringView newEdited = QStringView(text).sliced(editedStart, lineEnd(text, position + added) - editedStart);
+    if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
+    // The run is styled without its footnote definitions' context.
+    if ((oldLines.contains(u"]:") && oldLines.contains(u"[^")) ||
+        (newLines.contains(u"]:") && newLines.contains(u"[^"))) {
+        return false;
+    }
     // '>' ends an opening details tag that may have begun lines above.
     if (QStringView(text_).sliced(position, removed).contains(u'>') ||
         QStringView(text).sliced(position, added).contains(u'>')) {

@@ -652,12 +652,12 @@ class StyledPass {
 
         QHash<QString, QString>& definitions = linkDefinitions_;
         if (context_.linkDefinitions) definitions = *context_.linkDefinitions;
-        if (!context_.linkDefinitions) forEachLine([](QChar c) { return c == u'['; },
+        forEachLine([](QChar c) { return c == u'['; },
                     [&](int line, QStringView content) {
                         const QRegularExpressionMatch match = definition.match(content);
                         if (!match.hasMatch()) return;
                         const QString label = normalisedLabel(match.capturedView(1));
-                        if (!label.isEmpty() && !definitions.contains(label)) {
+                        if (!context_.linkDefinitions && !label.isEmpty() && !definitions.contains(label)) {
                             definitions.insert(label, match.captured(2));
                         }
                         layers_.apply(lines_.start(line), lines_.end(line),
