@@ -28,11 +28,11 @@ int nextLineStart(const QString& text, int position) {
     return end < text.size() ? end + 1 : end;
 }
 
-// Characters and tokens that start or end a construct spanning lines (fences, display
-// math, HTML and details blocks, tables) or a definition other lines look up. Lines
+// Characters and tokens that start or end a construct spanning lines (fences, HTML
+// and details blocks, tables) or a definition other lines look up. Edited lines
 // holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 4> tokens = {u"```", u"~~~", u"$$", u"]:"};
+    static constexpr std::array<QStringView, 3> tokens = {u"```", u"~~~", u"]:"};
     if (lines.contains(u'|') || lines.contains(u'<')) return true;
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
 }
@@ -146,6 +146,55 @@ void spliceRuns(std::vector<StyleRun>& runs, const std::vector<StyleRun>& fromRu
     for (std::size_t i = resume; i < runs.size(); ++i) runs[i].start += span.delta;
 }
 
+// Calls `range(start, length)` for every range and `point(position)` for every lone
+// position a pass holds.
+template <typename Range, typename Point>
+void forEachPosition(StylePass& pass, Range&& range, Point&& point) {
+    auto textRange = [&](TextRange& r) { range(r.start, r.length); };
+    for (StyleRun& run : pass.runs) range(run.start, run.length);
+    for (DrawnObject& object : pass.objects) {
+        range(object.start, object.length);
+        if (object.related.start >= 0) textRange(object.related);
+    }
+    for (int& index : pass.bulletIndexes) point(index);
+    for (int& index : pass.softBreakIndexes) point(index);
+    for (CodeBlock& block : pass.codeBlocks) {
+        for (TextRange* r : {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
+            textRange(*r);
+        }
+    }
+    for (DetailsBlock& block : pass.detailsBlocks) {
+        for (TextRange* r : {&block.range, &block.openingTag, &block.summaryOpenTag, &block.summary,
+                             &block.summaryCloseTag, &block.body, &block.closingTag}) {
+            textRange(*r);
+        }
+    }
+    auto row = [&](TableRow& tableRow) {
+        textRange(tableRow.range);
+        for (TableCell& cell : tableRow.cells) textRange(cell.range);
+    };
+    for (Table& table : pass.tables) {
+        textRange(table.range);
+        textRange(table.delimiterRow);
+        row(table.header);
+        for (TableRow& body : table.body) row(body);
+    }
+    for (BlockQuoteLine& quote : pass.quoteLines) {
+        textRange(quote.line);
+        textRange(quote.markers);
+        textRange(quote.listMarker);
+    }
+    for (FootnoteReference& reference : pass.footnoteReferences) {
+        textRange(reference.range);
+        point(reference.definitionLocation);
+    }
+    for (FootnoteDefinition& definition : pass.footnoteDefinitions) {
+        textRange(definition.marker);
+        textRange(definition.body);
+        point(definition.firstReferenceLocation);
+    }
+}
+
 }  // namespace
 
 IncrementalStyler::IncrementalStyler(Presentation presentation, double baseSize, QString noteDirectory,
@@ -180,7 +229,8 @@ StyleChange IncrementalStyler::update(const QString& text, int position, int rem
                             text.size() == text_.size() - removed + added;
     TextRange restyled;
     if (consistent && presentation_ == Presentation::styled &&
-        restyleLines(text, position, removed, added, restyled)) {
+        (restyleInsideCode(text, position, removed, added, restyled) ||
+         restyleLines(text, position, removed, added, restyled))) {
         return {restyled};
     }
     return restyleWhole(text);
@@ -206,11 +256,13 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     const QStringView oldEdited = QStringView(text_).sliced(editedStart, lineEnd(text_, position + removed) - editedStart);
     const QStringView newEdited = QStringView(text).sliced(editedStart, lineEnd(text, position + added) - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
-    // The run is styled without its footnote definitions' context.
-    if ((oldLines.contains(u"]:") && oldLines.contains(u"[^")) ||
-        (newLines.contains(u"]:") && newLines.contains(u"[^"))) {
-        return false;
-    }
+    // The run is styled without its footnote definitions' context; and a "$$" line
+    // around the edited ones may close display math that began far above, even math
+    // that a tag inside it kept from being drawn.
+    auto needsWholeNote = [](QStringView lines) {
+        return (lines.contains(u"]:") && lines.contains(u"[^")) || lines.contains(u"$$");
+    };
+    if (needsWholeNote(oldLines) || needsWholeNote(newLines)) return false;
     // '>' ends an opening details tag that may have begun lines above.
     if (QStringView(text_).sliced(position, removed).contains(u'>') ||
         QStringView(text).sliced(position, added).contains(u'>')) {
@@ -226,7 +278,7 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         if (object.start > contextEndOld) break;
         if (object.kind == DrawnKind::displayMath && meets({object.start, object.length})) return false;
     }
-    if (indentedFenceBelow(text, std::min(contextEndNew + 1, span.newSize))) return false;
+    if (indentedFenceBelow(text, span.newEnd)) return false;
 
     const bool footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
     QHash<QString, int> definitions;
@@ -348,6 +400,60 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
 
     text_ = text;
     restyled = {span.start, span.newEnd - span.start};
+    return true;
+}
+
+// Code is opaque to every rule, so text typed inside a code block's body only
+// lengthens what holds it: the block, its panel and its monospaced run.
+bool IncrementalStyler::restyleInsideCode(const QString& text, int position, int removed, int added,
+                                          TextRange& restyled) {
+    const int editedStart = lineStart(text, position);
+    const int oldEditedEnd = lineEnd(text_, position + removed);
+    const int newEditedEnd = lineEnd(text, position + added);
+    const auto block = std::ranges::find_if(pass_.codeBlocks, [&](const CodeBlock& candidate) {
+        return candidate.body.length > 0 && candidate.body.start <= editedStart &&
+               oldEditedEnd <= candidate.body.end();
+    });
+    if (block == pass_.codeBlocks.end()) return false;
+    // Fences and the tokens of constructs that look through code (display math and
+    // details blocks pair across it) must neither appear nor go.
+    auto opens = [](QStringView lines) {
+        static constexpr std::array<QStringView, 4> tokens = {u"```", u"~~~", u"$$", u"<"};
+        return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+    };
+    if (opens(QStringView(text_).sliced(editedStart, oldEditedEnd - editedStart)) ||
+        opens(QStringView(text).sliced(editedStart, newEditedEnd - editedStart)) ||
+        QStringView(text_).sliced(position, removed).contains(u'>') ||
+        QStringView(text).sliced(position, added).contains(u'>') ||
+        indentedFenceBelow(text, std::min(newEditedEnd + 1, static_cast<int>(text.size())))) {
+        return false;
+    }
+    const TextRange body = block->body;
+    const bool oneRun = std::ranges::any_of(pass_.runs, [&](const StyleRun& run) {
+        return run.start == body.start && run.end() == body.end();
+    });
+    // An emptied body loses its run, and the runs around it may merge.
+    if (!oneRun || body.length + added - removed <= 0) return false;
+
+    const int editEnd = position + removed;
+    const int delta = added - removed;
+    forEachPosition(
+        pass_,
+        [&](int& start, int& length) {
+            if (start >= editEnd && start > body.start) {
+                start += delta;
+            } else if (start <= body.start && start + length >= body.end()) {
+                length += delta;
+            }
+        },
+        [&](int& point) {
+            if (point >= editEnd) point += delta;
+        });
+    text_ = text;
+    // Text typed at the body's start moves where the body starts: the block is restyled
+    // from its opening fence then.
+    const int from = editedStart == body.start ? block->range.start : editedStart;
+    restyled = {from, newEditedEnd - from};
     return true;
 }
 

@@ -30,6 +30,7 @@ class IncrementalStyler {
 
   private:
     StyleChange restyleWhole(const QString& text);
+    bool restyleInsideCode(const QString& text, int position, int removed, int added, TextRange& restyled);
     bool restyleLines(const QString& text, int position, int removed, int added, TextRange& restyled);
 
     Presentation presentation_;
