@@ -405,4 +405,102 @@ TEST(IncrementalStyler, RandomEditsMatchAFullPassAndLeaveTheRestAsItWas) {
     EXPECT_GT(fast * 3, total) << fast << " of " << total << " edits restyled less than the whole note";
 }
 
+TEST(IncrementalStyler, TypingInAParagraphRestylesOnlyItsLines) {
+    QString note = u"# Title\n\n"_s;
+    for (int i = 0; i < 50; ++i) note += u"Paragraph *%1* with a [link](https://e.com)\nand a second line.\n\n"_s.arg(i);
+    EditChecker checker(note);
+    const int line = static_cast<int>(note.indexOf(u"Paragraph *25*"_s));
+    const int paragraphEnd = static_cast<int>(note.indexOf(u"\n\n"_s, line));
+    StyleChange change;
+    for (int i = 0; i < 5; ++i) {
+        ASSERT_EQ(checker.edit(line + 10 + i, 0, u"x"_s, &change), "");
+        EXPECT_EQ(change.restyled.start, line - 1) << "the blank line above belongs to the restyled lines";
+        EXPECT_LE(change.restyled.end(), paragraphEnd + i + 2);
+    }
+    // A new line and its removal stay local too.
+    ASSERT_EQ(checker.edit(line, 0, u"Inserted line\n"_s, &change), "");
+    EXPECT_LT(change.restyled.length, 100);
+    ASSERT_EQ(checker.edit(line, 14, {}, &change), "");
+    EXPECT_LT(change.restyled.length, 100);
+}
+
+TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
+    const QString note = u"Title\n\nText\n\n```\ncode\n```\n\nMore text\n\n| a | b |\n\nEnd"_s;
+    for (const QString& token : {u"```\n"_s, u"$$\n"_s, u"|---|---|\n"_s, u"<details><summary>S</summary>\n"_s,
+                                 u"[^1]: d\n"_s, u"[x]: https://e.com\n"_s}) {
+        EditChecker checker(note);
+        const int at = static_cast<int>(note.indexOf(u"More"_s));
+        StyleChange change;
+        ASSERT_EQ(checker.edit(at, 0, token, &change), "") << token.toStdString();
+        ASSERT_EQ(checker.edit(at, static_cast<int>(token.size()), {}, &change), "") << token.toStdString();
+    }
+}
+
+// Found by the random edits: a "$$" pair that a tag kept from being drawn still used
+// up its closing line, so the "$$" lines around an edit did not pair with each other.
+TEST(IncrementalStyler, DisplayMathLinesNearTheEditPairAsInTheWholeNote) {
+    EditChecker checker(u"T\n<details>\n<summary>S</summary>\n$$\nbody\n</details>\n$$\nx\n$$\nafter"_s);
+    const int at = static_cast<int>(checker.text.indexOf(u"\nx\n"_s)) + 2;
+    EXPECT_EQ(checker.edit(at, 0, u"&"_s), "");
+    EXPECT_EQ(checker.edit(at, 1, {}), "");
+}
+
+// Found by the random edits: an indented fence opens code only inside a list item, so
+// turning the line above it into an item turns the rest of the note into code.
+TEST(IncrementalStyler, IndentedFenceFollowsTheLineAboveBecomingAListItem) {
+    EditChecker checker(u"Title\nplain\n    ```\n    code\nrest *of* the note"_s);
+    const int at = static_cast<int>(checker.text.indexOf(u"plain"_s));
+    EXPECT_EQ(checker.edit(at, 0, u"- "_s), "");
+    ASSERT_EQ(checker.styler.pass().codeBlocks.size(), 1u);
+    EXPECT_EQ(checker.edit(at, 2, {}), "");
+    EXPECT_TRUE(checker.styler.pass().codeBlocks.empty());
+}
+
+TEST(IncrementalStyler, TypingInsideCodeOnlyLengthensTheBlock) {
+    EditChecker checker(u"Title\n\n<details>\n<summary>S</summary>\n```js\nlet a;\nlet b;\n```\n</details>\nafter *x*"_s);
+    const CodeBlock before = checker.styler.pass().codeBlocks.at(0);
+    const int at = static_cast<int>(checker.text.indexOf(u"let b"_s));
+    StyleChange change;
+    ASSERT_EQ(checker.edit(at + 3, 0, u"ter"_s, &change), "");
+    EXPECT_EQ(change.restyled, (TextRange{at, 9}));
+    EXPECT_EQ(checker.styler.pass().codeBlocks.at(0).range.length, before.range.length + 3);
+    // At the body's start the block moves its body: restyled from the fence.
+    ASSERT_EQ(checker.edit(at - 7, 0, u"// new\n"_s, &change), "");
+    EXPECT_EQ(change.restyled.start, before.range.start);
+    // Emptying the body, or typing a fence, goes through the whole note.
+    ASSERT_EQ(checker.edit(before.body.start, static_cast<int>(before.body.length) + 10, {}, &change), "");
+    ASSERT_EQ(checker.edit(before.body.start, 0, u"```\n"_s, &change), "");
+}
+
+TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
+    EditChecker checker(u"T\nA[^1] text\nB line\n\n[^1]: the note"_s);
+    const int b = static_cast<int>(checker.text.indexOf(u"B line"_s));
+    // A later reference changes nothing about the definition.
+    ASSERT_EQ(checker.edit(b + 1, 0, u"[^1]"_s), "");
+    // An earlier one becomes the place the definition links back to.
+    ASSERT_EQ(checker.edit(2, 0, u"[^1]"_s), "");
+    EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, 2);
+    // Removing every reference leaves the definition without a way back.
+    for (int at; (at = static_cast<int>(checker.text.indexOf(u"[^1]"_s))) >= 0 && checker.text.mid(at + 4, 1) != u":"_s;) {
+        ASSERT_EQ(checker.edit(at, 4, {}), "");
+    }
+    EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, -1);
+}
+
+TEST(IncrementalStyler, SourcePresentationAndInconsistentEditsRestyleTheWholeNote) {
+    EditChecker source(u"# Title\n**bold** and `code`\n```\nx\n```"_s, Presentation::source);
+    StyleChange change;
+    ASSERT_EQ(source.edit(8, 0, u"*"_s, &change), "");
+    EXPECT_EQ(change.restyled, (TextRange{0, static_cast<int>(source.text.size())}));
+
+    // An update before any full pass, or one whose lengths do not add up, styles it all.
+    IncrementalStyler fresh(Presentation::styled, 17, kDirectory, kSelf);
+    const QString text = u"Title\nbody *x*"_s;
+    EXPECT_EQ(fresh.update(text, 5, 0, 2).restyled, (TextRange{0, static_cast<int>(text.size())}));
+    EXPECT_EQ(difference(fresh.pass(), fullPass(text)), "");
+    const QString longer = text + u" more"_s;
+    EXPECT_EQ(fresh.update(longer, 3, 0, 1).restyled, (TextRange{0, static_cast<int>(longer.size())}));
+    EXPECT_EQ(difference(fresh.pass(), fullPass(longer)), "");
+}
+
 }  // namespace
