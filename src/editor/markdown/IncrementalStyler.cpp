@@ -33,8 +33,30 @@ int nextLineStart(const QString& text, int position) {
 // holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
     static constexpr std::array<QStringView, 3> tokens = {u"```", u"~~~", u"]:"};
-    if (lines.contains(u'|') || lines.contains(u'<')) return true;
+    if (lines.contains(u'<')) return true;
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+}
+
+// The first line of the run of lines holding '|' that ends at the line starting at
+// `lineStart` (that line itself when the one above holds none).
+int firstOfRowRun(const QString& text, int start) {
+    while (start > 0) {
+        const int above = lineStart(text, start - 1);
+        if (!QStringView(text).sliced(above, start - 1 - above).contains(u'|')) break;
+        start = above;
+    }
+    return start;
+}
+
+// The end of the run of lines holding '|' that begins after the line ending at `end`.
+int lastOfRowRun(const QString& text, int end) {
+    const int size = static_cast<int>(text.size());
+    while (end < size) {
+        const int next = lineEnd(text, end + 1);
+        if (!QStringView(text).sliced(end + 1, next - end - 1).contains(u'|')) break;
+        end = next;
+    }
+    return end;
 }
 
 // Whether an indented fence lies close enough below `from` that whether it opens code
@@ -238,13 +260,16 @@ StyleChange IncrementalStyler::update(const QString& text, int position, int rem
 
 bool IncrementalStyler::restyleLines(const QString& text, int position, int removed, int added,
                                      TextRange& restyled) {
-    // The edited lines and the one above them (whose soft break looks at the first
-    // edited line) are restyled; the line below is styled along as context only.
+    // The edited lines, widened over the table rows around them, and the line above
+    // (whose soft break looks at the first of them) are restyled; the line below is
+    // styled along as context only. Every table lies in a run of lines holding '|', so
+    // no table crosses the restyled lines' edges.
     LineSpan span;
     const int editedStart = lineStart(text, position);
-    span.start = editedStart > 0 ? lineStart(text, editedStart - 1) : 0;
-    span.oldEnd = nextLineStart(text_, position + removed);
-    span.newEnd = nextLineStart(text, position + added);
+    const int top = firstOfRowRun(text, editedStart);
+    span.start = top > 0 ? lineStart(text, top - 1) : 0;
+    span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, lineEnd(text_, position + removed)));
+    span.newEnd = nextLineStart(text, lastOfRowRun(text, lineEnd(text, position + added)));
     span.oldSize = static_cast<int>(text_.size());
     span.newSize = static_cast<int>(text.size());
     span.delta = added - removed;
@@ -270,8 +295,7 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     }
     auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
     if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.tables, [&](const Table& table) { return meets(table.range); })) {
+        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) { return meets(block.range); })) {
         return false;
     }
     for (const DrawnObject& object : pass_.objects) {
@@ -343,6 +367,31 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         }
     }
 
+    // Tables are numbered through the note: those of the run follow the ones above it.
+    const auto tablesAbove = static_cast<int>(std::ranges::count_if(
+        pass_.tables, [&](const Table& table) { return table.range.start < span.start; }));
+    const auto tablesWithin = static_cast<int>(std::ranges::count_if(
+        pass_.tables, [&](const Table& table) { return span.holdsOld(table.range.start); }));
+    const int renumbered = static_cast<int>(fresh.tables.size()) - tablesWithin;
+    for (DrawnObject& object : fresh.objects) {
+        if (object.kind == DrawnKind::table) object.index += tablesAbove;
+    }
+    if (renumbered != 0) {
+        for (DrawnObject& object : pass_.objects) {
+            if (object.kind == DrawnKind::table && object.start >= span.oldEnd) object.index += renumbered;
+        }
+    }
+    spliceItems(pass_.tables, std::move(fresh.tables), span, [](const Table& t) { return t.range.start; },
+                [](Table& table, int by) {
+                    auto moveRow = [&](TableRow& row) {
+                        row.range.start += by;
+                        for (TableCell& cell : row.cells) cell.range.start += by;
+                    };
+                    table.range.start += by;
+                    table.delimiterRow.start += by;
+                    moveRow(table.header);
+                    for (TableRow& row : table.body) moveRow(row);
+                });
     spliceRuns(pass_.runs, fresh.runs, span);
     spliceItems(pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
                 [](DrawnObject& o, int by) {
@@ -385,16 +434,6 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
                                      &block.summaryCloseTag, &block.body, &block.closingTag}) {
                 span.shift(*range);
             }
-        }
-        auto shiftRow = [&](TableRow& row) {
-            span.shift(row.range);
-            for (TableCell& cell : row.cells) span.shift(cell.range);
-        };
-        for (Table& table : pass_.tables) {
-            span.shift(table.range);
-            span.shift(table.delimiterRow);
-            shiftRow(table.header);
-            for (TableRow& row : table.body) shiftRow(row);
         }
     }
 
