@@ -28,13 +28,26 @@ int nextLineStart(const QString& text, int position) {
     return end < text.size() ? end + 1 : end;
 }
 
-// Characters and tokens that start or end a construct spanning lines (fences, HTML
-// and details blocks, tables) or a definition other lines look up. Edited lines
-// holding them are left to the full pass.
+// Tokens that start or end a construct spanning lines (fences, details blocks) or a
+// definition other lines look up. Edited lines holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 3> tokens = {u"```", u"~~~", u"]:"};
-    if (lines.contains(u'<')) return true;
+    static constexpr std::array<QStringView, 7> tokens = {u"```",       u"~~~",      u"]:",        u"<details",
+                                                          u"</details", u"<summary", u"</summary"};
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+}
+
+// The HTML tags of some lines, relative to `start`. A tag inside display math keeps
+// the math from being drawn, however far away its "$$" lines are.
+std::vector<TextRange> tagsOf(QStringView lines, int start) {
+    static const QRegularExpression tag = compilePattern(QStringLiteral(R"re(</?[A-Za-z][^>\r\n]*>)re"));
+    std::vector<TextRange> tags;
+    if (!lines.contains(u'<')) return tags;
+    const QString searchable = withValidUtf16(lines.toString());
+    for (auto match = tag.globalMatch(searchable); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        tags.push_back({start + static_cast<int>(found.capturedStart()), static_cast<int>(found.capturedLength())});
+    }
+    return tags;
 }
 
 // The first line of the run of lines holding '|' that ends at the line starting at
@@ -281,6 +294,14 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     const QStringView oldEdited = QStringView(text_).sliced(editedStart, lineEnd(text_, position + removed) - editedStart);
     const QStringView newEdited = QStringView(text).sliced(editedStart, lineEnd(text, position + added) - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
+    // Tags neither come nor go, nor change.
+    std::vector<TextRange> oldTags = tagsOf(oldEdited, editedStart);
+    for (TextRange& tag : oldTags) {
+        if (tag.end() <= position) continue;
+        if (tag.start < position + removed) return false;
+        tag.start += added - removed;
+    }
+    if (oldTags != tagsOf(newEdited, editedStart)) return false;
     // The run is styled without its footnote definitions' context; and a "$$" line
     // around the edited ones may close display math that began far above, even math
     // that a tag inside it kept from being drawn.
@@ -289,8 +310,8 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     };
     if (needsWholeNote(oldLines) || needsWholeNote(newLines)) return false;
     // '>' ends an opening details tag that may have begun lines above.
-    if (QStringView(text_).sliced(position, removed).contains(u'>') ||
-        QStringView(text).sliced(position, added).contains(u'>')) {
+    auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
+    if (angle(QStringView(text_).sliced(position, removed)) || angle(QStringView(text).sliced(position, added))) {
         return false;
     }
     auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
