@@ -279,10 +279,25 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     // no table crosses the restyled lines' edges.
     LineSpan span;
     const int editedStart = lineStart(text, position);
-    const int top = firstOfRowRun(text, editedStart);
+    const int oldEditedEnd = lineEnd(text_, position + removed);
+    const int newEditedEnd = lineEnd(text, position + added);
+    // Display math holding the edited lines is restyled whole: its "$$" lines pair as
+    // before as long as the edited lines hold none and keep their tags.
+    TextRange math{editedStart, 0};
+    int mathEndOld = oldEditedEnd;
+    int mathEndNew = newEditedEnd;
+    for (const DrawnObject& object : pass_.objects) {
+        if (object.start >= editedStart) break;
+        if (object.kind == DrawnKind::displayMath && lineStart(text_, object.end()) > oldEditedEnd) {
+            math = {object.start, object.length};
+            mathEndOld = lineEnd(text_, object.end());
+            mathEndNew = mathEndOld + added - removed;
+        }
+    }
+    const int top = firstOfRowRun(text, math.start);
     span.start = top > 0 ? lineStart(text, top - 1) : 0;
-    span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, lineEnd(text_, position + removed)));
-    span.newEnd = nextLineStart(text, lastOfRowRun(text, lineEnd(text, position + added)));
+    span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, mathEndOld));
+    span.newEnd = nextLineStart(text, lastOfRowRun(text, mathEndNew));
     span.oldSize = static_cast<int>(text_.size());
     span.newSize = static_cast<int>(text.size());
     span.delta = added - removed;
@@ -291,8 +306,8 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
 
     const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
     const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
-    const QStringView oldEdited = QStringView(text_).sliced(editedStart, lineEnd(text_, position + removed) - editedStart);
-    const QStringView newEdited = QStringView(text).sliced(editedStart, lineEnd(text, position + added) - editedStart);
+    const QStringView oldEdited = QStringView(text_).sliced(editedStart, oldEditedEnd - editedStart);
+    const QStringView newEdited = QStringView(text).sliced(editedStart, newEditedEnd - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
     // Tags neither come nor go, nor change.
     std::vector<TextRange> oldTags = tagsOf(oldEdited, editedStart);
@@ -305,10 +320,14 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     // The run is styled without its footnote definitions' context; and a "$$" line
     // around the edited ones may close display math that began far above, even math
     // that a tag inside it kept from being drawn.
-    auto needsWholeNote = [](QStringView lines) {
-        return (lines.contains(u"]:") && lines.contains(u"[^")) || lines.contains(u"$$");
-    };
-    if (needsWholeNote(oldLines) || needsWholeNote(newLines)) return false;
+    auto footnoteDefinition = [](QStringView lines) { return lines.contains(u"]:") && lines.contains(u"[^"); };
+    if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
+    const QStringView before = QStringView(text).sliced(span.start, math.start - span.start);
+    if (before.contains(u"$$") || oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
+        QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
+        QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
+        return false;
+    }
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
     if (angle(QStringView(text_).sliced(position, removed)) || angle(QStringView(text).sliced(position, added))) {
@@ -321,7 +340,10 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     }
     for (const DrawnObject& object : pass_.objects) {
         if (object.start > contextEndOld) break;
-        if (object.kind == DrawnKind::displayMath && meets({object.start, object.length})) return false;
+        if (object.kind == DrawnKind::displayMath && object.start != math.start &&
+            meets({object.start, object.length})) {
+            return false;
+        }
     }
     if (indentedFenceBelow(text, span.newEnd)) return false;
 

@@ -472,6 +472,24 @@ TEST(IncrementalStyler, TypingInsideCodeOnlyLengthensTheBlock) {
     ASSERT_EQ(checker.edit(before.body.start, 0, u"```\n"_s, &change), "");
 }
 
+TEST(IncrementalStyler, TypingInDisplayMathRestylesTheWholeBlockOnly) {
+    EditChecker checker(u"Title\n\nbefore\n$$\nx^2 + y\n\\le z\n$$\nafter *x*\n\n$$\nq\n$$\nend"_s);
+    const int opener = static_cast<int>(checker.text.indexOf(u"$$"_s));
+    const int at = static_cast<int>(checker.text.indexOf(u"+ y"_s));
+    StyleChange change;
+    ASSERT_EQ(checker.edit(at, 0, u"\\alpha "_s, &change), "");
+    EXPECT_LE(change.restyled.start, opener);
+    EXPECT_LT(change.restyled.end(), static_cast<int>(checker.text.indexOf(u"\nq\n"_s)));
+    const auto math = std::ranges::find(checker.styler.pass().objects, DrawnKind::displayMath, &DrawnObject::kind);
+    ASSERT_NE(math, checker.styler.pass().objects.end());
+    EXPECT_TRUE(math->text.contains(u"α"_s));
+    // A line ending the math, or a tag in it, changes how "$$" lines pair further down.
+    ASSERT_EQ(checker.edit(at, 0, u"$$\n"_s, &change), "");
+    ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
+    ASSERT_EQ(checker.edit(at, 0, u"<b>"_s, &change), "");
+    ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
+}
+
 TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
     EditChecker checker(u"T\nA[^1] text\nB line\n\n[^1]: the note"_s);
     const int b = static_cast<int>(checker.text.indexOf(u"B line"_s));
