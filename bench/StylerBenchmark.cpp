@@ -84,8 +84,9 @@ int middleLine(const QString& note, const QString& prefix) {
 }  // namespace
 
 int main() {
-    std::printf("| Note | Full pass | Keystroke in a paragraph | Fence line typed/deleted | $$ line typed/deleted |\n");
-    std::printf("|---|---:|---:|---:|---:|\n");
+    std::printf("| Note | Full pass | Keystroke in a paragraph | in code | in a table cell | in display math "
+                "| Fence line typed/deleted | $$ line typed/deleted |\n");
+    std::printf("|---|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const auto& [label, size] : {std::pair{"10 KB", 10'000}, {"100 KB", 100'000}, {"1 MB", 1'000'000}}) {
         const QString note = mixedNote(size);
         const int repeats = size >= 1'000'000 ? 3 : 10;
@@ -106,6 +107,16 @@ int main() {
         for (int i = 0; i < phrase.size(); ++i) keystrokes.push_back({typingAt + i, 0, phrase.mid(i, 1)});
         const std::vector<double> typing = timeEdits(note, keystrokes, repeats);
 
+        // The same phrase typed into a code block's line, a table cell and display math.
+        auto typedAt = [&](int at) {
+            std::vector<Edit> edits;
+            for (int i = 0; i < phrase.size(); ++i) edits.push_back({at + i, 0, phrase.mid(i, 1)});
+            return median(timeEdits(note, edits, repeats));
+        };
+        const double inCode = typedAt(middleLine(note, QStringLiteral("int main()")) + 3);
+        const double inTable = typedAt(middleLine(note, QStringLiteral("| alpha")) + 7);
+        const double inMath = typedAt(middleLine(note, QStringLiteral("\\frac")) + 5);
+
         const int blockAt = middleLine(note, QStringLiteral("- a bullet item"));
         const QString fence = QStringLiteral("```\n");
         const std::vector<double> fences =
@@ -114,8 +125,8 @@ int main() {
         const std::vector<double> maths =
             timeEdits(note, {{blockAt, 0, math}, {blockAt, static_cast<int>(math.size()), {}}}, repeats);
 
-        std::printf("| %s | %.2f ms | %.3f ms | %.2f ms | %.2f ms |\n", label, median(full), median(typing),
-                    median(fences), median(maths));
+        std::printf("| %s | %.2f ms | %.3f ms | %.3f ms | %.3f ms | %.3f ms | %.2f ms | %.2f ms |\n", label,
+                    median(full), median(typing), inCode, inTable, inMath, median(fences), median(maths));
         std::fflush(stdout);
     }
     return 0;
