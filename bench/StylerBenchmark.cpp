@@ -84,8 +84,9 @@ int middleLine(const QString& note, const QString& prefix) {
 }  // namespace
 
 int main() {
-    std::printf("| Note | Full pass | Keystroke in a paragraph | in code | in a table cell | in display math "
-                "| Fence line typed/deleted | $$ line typed/deleted |\n");
+    std::printf(
+        "| Note | Full pass | Keystroke in a paragraph | in code | in a table cell | in display math "
+        "| Fence line typed/deleted | $$ line typed/deleted |\n");
     std::printf("|---|---:|---:|---:|---:|---:|---:|---:|\n");
     for (const auto& [label, size] : {std::pair{"10 KB", 10'000}, {"100 KB", 100'000}, {"1 MB", 1'000'000}}) {
         const QString note = mixedNote(size);

@@ -1,5 +1,6 @@
 #include "IncrementalStyler.h"
 
+#include <QSet>
 #include <algorithm>
 #include <array>
 #include <utility>
@@ -31,7 +32,7 @@ int nextLineStart(const QString& text, int position) {
 // Tokens that start or end a construct spanning lines (fences, details blocks) or a
 // definition other lines look up. Edited lines holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 7> tokens = {u"```",       u"~~~",      u"]:",        u"<details",
+    static constexpr std::array<QStringView, 7> tokens = {u"```",       u"~~~",      u"]:",       u"<details",
                                                           u"</details", u"<summary", u"</summary"};
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
 }
@@ -45,13 +46,14 @@ std::vector<TextRange> tagsOf(QStringView lines, int start) {
     const QString searchable = withValidUtf16(lines.toString());
     for (auto match = tag.globalMatch(searchable); match.hasNext();) {
         const QRegularExpressionMatch found = match.next();
-        tags.push_back({start + static_cast<int>(found.capturedStart()), static_cast<int>(found.capturedLength())});
+        tags.push_back(
+            {start + static_cast<int>(found.capturedStart()), static_cast<int>(found.capturedLength())});
     }
     return tags;
 }
 
 // The first line of the run of lines holding '|' that ends at the line starting at
-// `lineStart` (that line itself when the one above holds none).
+// `start` (that line itself when the one above holds none).
 int firstOfRowRun(const QString& text, int start) {
     while (start > 0) {
         const int above = lineStart(text, start - 1);
@@ -106,9 +108,9 @@ void replaceSpan(std::vector<T>& v, std::size_t lo, std::size_t hi, std::vector<
 
 // Where the lines a change restyles lie, in the old text and the new.
 struct LineSpan {
-    int start = 0;      // same in both texts
-    int oldEnd = 0;     // after the last restyled line's break, old text
-    int newEnd = 0;     // the same place in the new text
+    int start = 0;   // same in both texts
+    int oldEnd = 0;  // after the last restyled line's break, old text
+    int newEnd = 0;  // the same place in the new text
     int oldSize = 0;
     int newSize = 0;
     int delta = 0;
@@ -131,9 +133,10 @@ struct LineSpan {
 // span stay (shifted), the run's items inside it replace the rest.
 template <typename T, typename At, typename Move>
 void spliceItems(std::vector<T>& items, std::vector<T>&& fromRun, const LineSpan& span, At at, Move move) {
-    const auto lo = static_cast<std::size_t>(
-        std::partition_point(items.begin(), items.end(), [&](const T& item) { return at(item) < span.start; }) -
-        items.begin());
+    const auto lo =
+        static_cast<std::size_t>(std::partition_point(items.begin(), items.end(),
+                                                      [&](const T& item) { return at(item) < span.start; }) -
+                                 items.begin());
     std::size_t hi = lo;
     while (hi < items.size() && span.holdsOld(at(items[hi]))) ++hi;
     std::vector<T> middle;
@@ -149,10 +152,12 @@ void spliceItems(std::vector<T>& items, std::vector<T>&& fromRun, const LineSpan
 
 void spliceRuns(std::vector<StyleRun>& runs, const std::vector<StyleRun>& fromRun, const LineSpan& span) {
     auto lo = static_cast<std::size_t>(
-        std::partition_point(runs.begin(), runs.end(), [&](const StyleRun& run) { return run.end() < span.start; }) -
+        std::partition_point(runs.begin(), runs.end(),
+                             [&](const StyleRun& run) { return run.end() < span.start; }) -
         runs.begin());
     auto hi = static_cast<std::size_t>(
-        std::partition_point(runs.begin(), runs.end(), [&](const StyleRun& run) { return run.start <= span.oldEnd; }) -
+        std::partition_point(runs.begin(), runs.end(),
+                             [&](const StyleRun& run) { return run.start <= span.oldEnd; }) -
         runs.begin());
     // Neighbours touching the span are rebuilt too, so that equal neighbours merge as
     // they do in a full pass.
@@ -165,7 +170,8 @@ void spliceRuns(std::vector<StyleRun>& runs, const std::vector<StyleRun>& fromRu
             middle.push_back({start, end - start, attributes});
         }
     };
-    for (std::size_t i = lo; i < hi; ++i) push(runs[i].start, std::min(runs[i].end(), span.start), runs[i].attributes);
+    for (std::size_t i = lo; i < hi; ++i)
+        push(runs[i].start, std::min(runs[i].end(), span.start), runs[i].attributes);
     const int runEnd = span.newEnd - span.start;
     for (const StyleRun& run : fromRun) {
         if (run.start >= runEnd) break;
@@ -181,6 +187,81 @@ void spliceRuns(std::vector<StyleRun>& runs, const std::vector<StyleRun>& fromRu
     for (std::size_t i = resume; i < runs.size(); ++i) runs[i].start += span.delta;
 }
 
+// A definition outside the restyled lines links back to its label's first reference:
+// collects where that now is for every label referenced in the lines, and fails when
+// one moves other than by the edit's shift (the definition would change too).
+bool movedFirstReferences(const StylePass& old, const std::vector<FootnoteReference>& fresh,
+                          const LineSpan& span, int position, int removed,
+                          std::vector<std::pair<std::size_t, int>>& moved) {
+    QSet<QString> labels;
+    for (const FootnoteReference& reference : old.footnoteReferences) {
+        if (span.holdsOld(reference.range.start)) labels.insert(reference.label);
+    }
+    for (const FootnoteReference& reference : fresh) {
+        if (span.holdsNew(span.start + reference.range.start)) labels.insert(reference.label);
+    }
+    for (const QString& label : labels) {
+        const auto definition = std::ranges::find(old.footnoteDefinitions, label, &FootnoteDefinition::label);
+        if (definition == old.footnoteDefinitions.end()) continue;
+        const int before = definition->firstReferenceLocation;
+        if (before >= 0 && before < span.start) continue;
+        int after = -1;
+        for (const FootnoteReference& reference : fresh) {
+            const int start = span.start + reference.range.start;
+            if (reference.label == label && span.holdsNew(start)) {
+                after = start;
+                break;
+            }
+        }
+        if (after < 0) {
+            for (const FootnoteReference& reference : old.footnoteReferences) {
+                if (reference.label == label && reference.range.start >= span.oldEnd) {
+                    after = reference.range.start + span.delta;
+                    break;
+                }
+            }
+        }
+        int expected = -1;
+        if (before >= 0) {
+            if (before >= position && before < position + removed) return false;
+            expected = before < position ? before : before + span.delta;
+        }
+        if (after != expected) return false;
+        moved.emplace_back(definition - old.footnoteDefinitions.begin(), after);
+    }
+    return true;
+}
+
+// Tables are numbered through the note: those of the run follow the ones above it,
+// and the ones below are renumbered when the run holds more or fewer than before.
+void spliceTables(StylePass& pass, StylePass& fresh, const LineSpan& span) {
+    const auto tablesAbove = static_cast<int>(std::ranges::count_if(
+        pass.tables, [&](const Table& table) { return table.range.start < span.start; }));
+    const auto tablesWithin = static_cast<int>(std::ranges::count_if(
+        pass.tables, [&](const Table& table) { return span.holdsOld(table.range.start); }));
+    const int renumbered = static_cast<int>(fresh.tables.size()) - tablesWithin;
+    for (DrawnObject& object : fresh.objects) {
+        if (object.kind == DrawnKind::table) object.index += tablesAbove;
+    }
+    if (renumbered != 0) {
+        for (DrawnObject& object : pass.objects) {
+            if (object.kind == DrawnKind::table && object.start >= span.oldEnd) object.index += renumbered;
+        }
+    }
+    spliceItems(
+        pass.tables, std::move(fresh.tables), span, [](const Table& t) { return t.range.start; },
+        [](Table& table, int by) {
+            auto moveRow = [&](TableRow& row) {
+                row.range.start += by;
+                for (TableCell& cell : row.cells) cell.range.start += by;
+            };
+            table.range.start += by;
+            table.delimiterRow.start += by;
+            moveRow(table.header);
+            for (TableRow& row : table.body) moveRow(row);
+        });
+}
+
 // Calls `range(start, length)` for every range and `point(position)` for every lone
 // position a pass holds.
 template <typename Range, typename Point>
@@ -194,7 +275,8 @@ void forEachPosition(StylePass& pass, Range&& range, Point&& point) {
     for (int& index : pass.bulletIndexes) point(index);
     for (int& index : pass.softBreakIndexes) point(index);
     for (CodeBlock& block : pass.codeBlocks) {
-        for (TextRange* r : {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
+        for (TextRange* r :
+             {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
             textRange(*r);
         }
     }
@@ -320,22 +402,26 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     // The run is styled without its footnote definitions' context; and a "$$" line
     // around the edited ones may close display math that began far above, even math
     // that a tag inside it kept from being drawn.
-    auto footnoteDefinition = [](QStringView lines) { return lines.contains(u"]:") && lines.contains(u"[^"); };
+    auto footnoteDefinition = [](QStringView lines) {
+        return lines.contains(u"]:") && lines.contains(u"[^");
+    };
     if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
-    const QStringView before = QStringView(text).sliced(span.start, math.start - span.start);
-    if (before.contains(u"$$") || oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
+    const QStringView aboveMath = QStringView(text).sliced(span.start, math.start - span.start);
+    if (aboveMath.contains(u"$$") || oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
         QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
         QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
         return false;
     }
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
-    if (angle(QStringView(text_).sliced(position, removed)) || angle(QStringView(text).sliced(position, added))) {
+    if (angle(QStringView(text_).sliced(position, removed)) ||
+        angle(QStringView(text).sliced(position, added))) {
         return false;
     }
     auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
     if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) { return meets(block.range); })) {
+        std::ranges::any_of(pass_.detailsBlocks,
+                            [&](const DetailsBlock& block) { return meets(block.range); })) {
         return false;
     }
     for (const DrawnObject& object : pass_.objects) {
@@ -358,105 +444,42 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     context.startsAtTitle = span.start == 0;
     context.footnoteDefinitions = &definitions;
     context.linkDefinitions = &linkDefinitions_;
-    StyledLineRun run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_,
-                                     noteFilePath_, context);
+    StyledLineRun run =
+        styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_, context);
     StylePass& fresh = run.pass;
 
-    // A definition outside the lines links back to its label's first reference: when
-    // that moves other than by the shift, the definition changes too.
     std::vector<std::pair<std::size_t, int>> firstReferences;
-    if (footnotes) {
-        QHash<QString, bool> labels;
-        for (const FootnoteReference& reference : pass_.footnoteReferences) {
-            if (span.holdsOld(reference.range.start)) labels.insert(reference.label, true);
-        }
-        for (const FootnoteReference& reference : fresh.footnoteReferences) {
-            if (span.holdsNew(span.start + reference.range.start)) labels.insert(reference.label, true);
-        }
-        for (auto label = labels.cbegin(); label != labels.cend(); ++label) {
-            const auto definition = std::ranges::find_if(
-                pass_.footnoteDefinitions, [&](const FootnoteDefinition& d) { return d.label == label.key(); });
-            if (definition == pass_.footnoteDefinitions.end()) continue;
-            const int before = definition->firstReferenceLocation;
-            if (before >= 0 && before < span.start) continue;
-            int after = -1;
-            for (const FootnoteReference& reference : fresh.footnoteReferences) {
-                const int start = span.start + reference.range.start;
-                if (reference.label == label.key() && span.holdsNew(start)) {
-                    after = start;
-                    break;
-                }
-            }
-            if (after < 0) {
-                for (const FootnoteReference& reference : pass_.footnoteReferences) {
-                    if (reference.label == label.key() && reference.range.start >= span.oldEnd) {
-                        after = reference.range.start + span.delta;
-                        break;
-                    }
-                }
-            }
-            int expected = -1;
-            if (before >= 0) {
-                if (before < position) {
-                    expected = before;
-                } else if (before >= position + removed) {
-                    expected = before + span.delta;
-                } else {
-                    return false;
-                }
-            }
-            if (after != expected) return false;
-            firstReferences.emplace_back(definition - pass_.footnoteDefinitions.begin(), after);
-        }
+    if (footnotes &&
+        !movedFirstReferences(pass_, fresh.footnoteReferences, span, position, removed, firstReferences)) {
+        return false;
     }
 
-    // Tables are numbered through the note: those of the run follow the ones above it.
-    const auto tablesAbove = static_cast<int>(std::ranges::count_if(
-        pass_.tables, [&](const Table& table) { return table.range.start < span.start; }));
-    const auto tablesWithin = static_cast<int>(std::ranges::count_if(
-        pass_.tables, [&](const Table& table) { return span.holdsOld(table.range.start); }));
-    const int renumbered = static_cast<int>(fresh.tables.size()) - tablesWithin;
-    for (DrawnObject& object : fresh.objects) {
-        if (object.kind == DrawnKind::table) object.index += tablesAbove;
-    }
-    if (renumbered != 0) {
-        for (DrawnObject& object : pass_.objects) {
-            if (object.kind == DrawnKind::table && object.start >= span.oldEnd) object.index += renumbered;
-        }
-    }
-    spliceItems(pass_.tables, std::move(fresh.tables), span, [](const Table& t) { return t.range.start; },
-                [](Table& table, int by) {
-                    auto moveRow = [&](TableRow& row) {
-                        row.range.start += by;
-                        for (TableCell& cell : row.cells) cell.range.start += by;
-                    };
-                    table.range.start += by;
-                    table.delimiterRow.start += by;
-                    moveRow(table.header);
-                    for (TableRow& row : table.body) moveRow(row);
-                });
+    spliceTables(pass_, fresh, span);
     spliceRuns(pass_.runs, fresh.runs, span);
-    spliceItems(pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
-                [](DrawnObject& o, int by) {
-                    o.start += by;
-                    if (o.related.start >= 0) o.related.start += by;
-                });
+    spliceItems(
+        pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
+        [](DrawnObject& o, int by) {
+            o.start += by;
+            if (o.related.start >= 0) o.related.start += by;
+        });
     auto moveIndex = [](int& index, int by) { index += by; };
     auto indexAt = [](int index) { return index; };
     spliceItems(pass_.bulletIndexes, std::move(fresh.bulletIndexes), span, indexAt, moveIndex);
     spliceItems(pass_.softBreakIndexes, std::move(fresh.softBreakIndexes), span, indexAt, moveIndex);
-    spliceItems(pass_.quoteLines, std::move(fresh.quoteLines), span,
-                [](const BlockQuoteLine& q) { return q.line.start; },
-                [](BlockQuoteLine& q, int by) {
-                    q.line.start += by;
-                    q.markers.start += by;
-                    q.listMarker.start += by;
-                });
+    spliceItems(
+        pass_.quoteLines, std::move(fresh.quoteLines), span,
+        [](const BlockQuoteLine& q) { return q.line.start; },
+        [](BlockQuoteLine& q, int by) {
+            q.line.start += by;
+            q.markers.start += by;
+            q.listMarker.start += by;
+        });
     // Reference locations already point into the whole note.
     for (FootnoteReference& reference : pass_.footnoteReferences) span.shift(reference.definitionLocation);
-    spliceItems(pass_.footnoteReferences, std::move(fresh.footnoteReferences), span,
-                [](const FootnoteReference& r) { return r.range.start; },
-                [](FootnoteReference& r, int by) { r.range.start += by; });
+    spliceItems(
+        pass_.footnoteReferences, std::move(fresh.footnoteReferences), span,
+        [](const FootnoteReference& r) { return r.range.start; },
+        [](FootnoteReference& r, int by) { r.range.start += by; });
     for (FootnoteDefinition& definition : pass_.footnoteDefinitions) {
         span.shift(definition.marker);
         span.shift(definition.body);
@@ -511,9 +534,8 @@ bool IncrementalStyler::restyleInsideCode(const QString& text, int position, int
         return false;
     }
     const TextRange body = block->body;
-    const bool oneRun = std::ranges::any_of(pass_.runs, [&](const StyleRun& run) {
-        return run.start == body.start && run.end() == body.end();
-    });
+    const bool oneRun = std::ranges::any_of(
+        pass_.runs, [&](const StyleRun& run) { return run.start == body.start && run.end() == body.end(); });
     // An emptied body loses its run, and the runs around it may merge.
     if (!oneRun || body.length + added - removed <= 0) return false;
 

@@ -164,7 +164,7 @@ class StyledPass {
         styleImages();              // 21
         styleArtifacts();           // 22
         findSoftBreaks();           // 23
-        if (context_.startsAtTitle) styleEmptyTitle();  // 24
+        styleEmptyTitle();          // 24
         finish();
         return std::move(pass_);
     }
@@ -825,6 +825,7 @@ class StyledPass {
 
     // 24. An empty title (or a title that is only its hidden "# ") shows the placeholder.
     void styleEmptyTitle() {
+        if (!context_.startsAtTitle) return;
         const QStringView title = lines_.content(0);
         const bool onlyMarker = title.size() >= 2 && title.front() == u'#' &&
                                 title.sliced(1).trimmed().isEmpty() &&

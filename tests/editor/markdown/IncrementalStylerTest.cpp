@@ -32,8 +32,8 @@ template <typename T>
 std::string firstDifferentIndex(const char* field, const std::vector<T>& a, const std::vector<T>& b) {
     for (std::size_t i = 0; i < std::max(a.size(), b.size()); ++i) {
         if (i >= a.size() || i >= b.size() || !(a[i] == b[i])) {
-            return std::string(field) + " differ at " + std::to_string(i) + " (sizes " + std::to_string(a.size()) +
-                   ", " + std::to_string(b.size()) + ")";
+            return std::string(field) + " differ at " + std::to_string(i) + " (sizes " +
+                   std::to_string(a.size()) + ", " + std::to_string(b.size()) + ")";
         }
     }
     return {};
@@ -85,7 +85,8 @@ struct Outside {
                                            std::pair{std::max(run.start, end), run.end()}}) {
                 if (to <= from) continue;
                 StyleRun part{moved(from), to - from, run.attributes};
-                out << "run " << part.start << '+' << part.length << ' ' << attributesKey(part.attributes) << '\n';
+                out << "run " << part.start << '+' << part.length << ' ' << attributesKey(part.attributes)
+                    << '\n';
             }
         }
         for (DrawnObject object : pass.objects) {
@@ -111,8 +112,9 @@ struct Outside {
             move(quote.line);
             move(quote.markers);
             move(quote.listMarker);
-            out << "quote " << quote.line.start << '+' << quote.line.length << ' ' << quote.markers.length << ' '
-                << quote.nesting << ' ' << quote.listMarker.start << '+' << quote.listMarker.length << '\n';
+            out << "quote " << quote.line.start << '+' << quote.line.length << ' ' << quote.markers.length
+                << ' ' << quote.nesting << ' ' << quote.listMarker.start << '+' << quote.listMarker.length
+                << '\n';
         }
         for (CodeBlock block : pass.codeBlocks) {
             if (!outside(block.range.start)) continue;
@@ -176,7 +178,8 @@ struct Outside {
 
     static std::string ranges(std::initializer_list<TextRange> list) {
         std::string text;
-        for (const TextRange& range : list) text += std::to_string(range.start) + '+' + std::to_string(range.length) + ' ';
+        for (const TextRange& range : list)
+            text += std::to_string(range.start) + '+' + std::to_string(range.length) + ' ';
         return text;
     }
 
@@ -242,8 +245,9 @@ struct EditChecker {
         if (result.restyled.length < text.size()) ++fastUpdates;
         std::string problem = difference(styler.pass(), fullPass(text, styler.pass().presentation));
         if (problem.empty()) {
-            problem = outsideDifference(before, oldSize, styler.pass(), static_cast<int>(text.size()), position,
-                                        removed, static_cast<int>(inserted.size()), result.restyled);
+            problem =
+                outsideDifference(before, oldSize, styler.pass(), static_cast<int>(text.size()), position,
+                                  removed, static_cast<int>(inserted.size()), result.restyled);
         }
         return problem;
     }
@@ -306,12 +310,51 @@ const QStringList kProse = {
 };
 
 const QStringList kTokens = {
-    u"```\n"_s, u"~~~\n"_s, u"````\n"_s, u"```"_s, u"$$\n"_s, u"$$"_s, u"\n$$\n"_s,
-    u"<details>\n<summary>S</summary>\n"_s, u"</details>\n"_s, u"<details open>"_s, u"</details>"_s,
-    u"| --- | --- |\n"_s, u"|"_s, u"a | b\n"_s, u"[^1]: def\n"_s, u"[^1]"_s, u"[^2]: other\n"_s, u"[^2]"_s,
-    u"[site]: https://x.y\n"_s, u"[site]"_s, u"[x]: https://e.com\n"_s, u"[x]"_s, u"- "_s, u"> "_s,
-    u"# "_s, u"\n"_s, u"\n\n"_s, u"<!--"_s, u"-->"_s, u"&amp;"_s, u"\\"_s, u"**"_s, u"`"_s, u"$"_s,
-    u"["_s, u"]"_s, u"("_s, u")"_s, u"!"_s, u"  "_s, u"1. "_s, u"- [ ] "_s, u"<b>"_s, u">"_s, u"---\n"_s,
+    u"```\n"_s,
+    u"~~~\n"_s,
+    u"````\n"_s,
+    u"```"_s,
+    u"$$\n"_s,
+    u"$$"_s,
+    u"\n$$\n"_s,
+    u"<details>\n<summary>S</summary>\n"_s,
+    u"</details>\n"_s,
+    u"<details open>"_s,
+    u"</details>"_s,
+    u"| --- | --- |\n"_s,
+    u"|"_s,
+    u"a | b\n"_s,
+    u"[^1]: def\n"_s,
+    u"[^1]"_s,
+    u"[^2]: other\n"_s,
+    u"[^2]"_s,
+    u"[site]: https://x.y\n"_s,
+    u"[site]"_s,
+    u"[x]: https://e.com\n"_s,
+    u"[x]"_s,
+    u"- "_s,
+    u"> "_s,
+    u"# "_s,
+    u"\n"_s,
+    u"\n\n"_s,
+    u"<!--"_s,
+    u"-->"_s,
+    u"&amp;"_s,
+    u"\\"_s,
+    u"**"_s,
+    u"`"_s,
+    u"$"_s,
+    u"["_s,
+    u"]"_s,
+    u"("_s,
+    u")"_s,
+    u"!"_s,
+    u"  "_s,
+    u"1. "_s,
+    u"- [ ] "_s,
+    u"<b>"_s,
+    u">"_s,
+    u"---\n"_s,
 };
 
 const QString kCharacters = u"abc xyz\n\n*_`$|-[]^:>#~!()&\\=<1. \t"_s;
@@ -329,13 +372,16 @@ QString document(QRandomGenerator& random) {
 int randomPosition(QRandomGenerator& random, const QString& text) {
     const int size = static_cast<int>(text.size());
     switch (random.bounded(10)) {
-        case 0: return 0;
-        case 1: return size;
+        case 0:
+            return 0;
+        case 1:
+            return size;
         case 2: {  // a line start
             const int at = random.bounded(size + 1);
             return at > 0 ? static_cast<int>(text.lastIndexOf(u'\n', at - 1)) + 1 : 0;
         }
-        default: return random.bounded(size + 1);
+        default:
+            return random.bounded(size + 1);
     }
 }
 
@@ -392,10 +438,10 @@ TEST(IncrementalStyler, RandomEditsMatchAFullPassAndLeaveTheRestAsItWas) {
             const QString before = checker.text;
             const auto [position, removed, inserted] = randomEdit(random, checker.text);
             const std::string problem = checker.edit(position, removed, inserted);
-            ASSERT_TRUE(problem.empty()) << problem << "\nseed " << seed << ", edit " << edit << ": at " << position
-                                         << " removed " << removed << " inserted '" << printable(inserted)
-                                         << "'\nbefore: " << printable(before)
-                                         << "\nafter:  " << printable(checker.text);
+            ASSERT_TRUE(problem.empty())
+                << problem << "\nseed " << seed << ", edit " << edit << ": at " << position << " removed "
+                << removed << " inserted '" << printable(inserted) << "'\nbefore: " << printable(before)
+                << "\nafter:  " << printable(checker.text);
         }
         fast += checker.fastUpdates;
         total += checker.updates;
@@ -407,7 +453,8 @@ TEST(IncrementalStyler, RandomEditsMatchAFullPassAndLeaveTheRestAsItWas) {
 
 TEST(IncrementalStyler, TypingInAParagraphRestylesOnlyItsLines) {
     QString note = u"# Title\n\n"_s;
-    for (int i = 0; i < 50; ++i) note += u"Paragraph *%1* with a [link](https://e.com)\nand a second line.\n\n"_s.arg(i);
+    for (int i = 0; i < 50; ++i)
+        note += u"Paragraph *%1* with a [link](https://e.com)\nand a second line.\n\n"_s.arg(i);
     EditChecker checker(note);
     const int line = static_cast<int>(note.indexOf(u"Paragraph *25*"_s));
     const int paragraphEnd = static_cast<int>(note.indexOf(u"\n\n"_s, line));
@@ -426,8 +473,9 @@ TEST(IncrementalStyler, TypingInAParagraphRestylesOnlyItsLines) {
 
 TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
     const QString note = u"Title\n\nText\n\n```\ncode\n```\n\nMore text\n\n| a | b |\n\nEnd"_s;
-    for (const QString& token : {u"```\n"_s, u"$$\n"_s, u"|---|---|\n"_s, u"<details><summary>S</summary>\n"_s,
-                                 u"[^1]: d\n"_s, u"[x]: https://e.com\n"_s}) {
+    for (const QString& token :
+         {u"```\n"_s, u"$$\n"_s, u"|---|---|\n"_s, u"<details><summary>S</summary>\n"_s, u"[^1]: d\n"_s,
+          u"[x]: https://e.com\n"_s}) {
         EditChecker checker(note);
         const int at = static_cast<int>(note.indexOf(u"More"_s));
         StyleChange change;
@@ -457,7 +505,8 @@ TEST(IncrementalStyler, IndentedFenceFollowsTheLineAboveBecomingAListItem) {
 }
 
 TEST(IncrementalStyler, TypingInsideCodeOnlyLengthensTheBlock) {
-    EditChecker checker(u"Title\n\n<details>\n<summary>S</summary>\n```js\nlet a;\nlet b;\n```\n</details>\nafter *x*"_s);
+    EditChecker checker(
+        u"Title\n\n<details>\n<summary>S</summary>\n```js\nlet a;\nlet b;\n```\n</details>\nafter *x*"_s);
     const CodeBlock before = checker.styler.pass().codeBlocks.at(0);
     const int at = static_cast<int>(checker.text.indexOf(u"let b"_s));
     StyleChange change;
@@ -480,7 +529,8 @@ TEST(IncrementalStyler, TypingInDisplayMathRestylesTheWholeBlockOnly) {
     ASSERT_EQ(checker.edit(at, 0, u"\\alpha "_s, &change), "");
     EXPECT_LE(change.restyled.start, opener);
     EXPECT_LT(change.restyled.end(), static_cast<int>(checker.text.indexOf(u"\nq\n"_s)));
-    const auto math = std::ranges::find(checker.styler.pass().objects, DrawnKind::displayMath, &DrawnObject::kind);
+    const auto math =
+        std::ranges::find(checker.styler.pass().objects, DrawnKind::displayMath, &DrawnObject::kind);
     ASSERT_NE(math, checker.styler.pass().objects.end());
     EXPECT_TRUE(math->text.contains(u"α"_s));
     // A line ending the math, or a tag in it, changes how "$$" lines pair further down.
@@ -499,7 +549,8 @@ TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
     ASSERT_EQ(checker.edit(2, 0, u"[^1]"_s), "");
     EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, 2);
     // Removing every reference leaves the definition without a way back.
-    for (int at; (at = static_cast<int>(checker.text.indexOf(u"[^1]"_s))) >= 0 && checker.text.mid(at + 4, 1) != u":"_s;) {
+    for (int at; (at = static_cast<int>(checker.text.indexOf(u"[^1]"_s))) >= 0 &&
+                 checker.text.mid(at + 4, 1) != u":"_s;) {
         ASSERT_EQ(checker.edit(at, 4, {}), "");
     }
     EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, -1);

@@ -62,7 +62,8 @@ TEST(LinkResolution, RelativeNoteFileAndWebDestinations) {
 TEST(LinkResolution, FootnoteUrlsCarryTheLabelAndResolveAgainstThePass) {
     // Labels with blanks, slashes, percent signs and non-Latin letters survive the URL.
     const QString label = u"a b/c%d?é#"_s;
-    const QString text = u"Title\nSee[^"_s + label + u"] and [^2].\n\n[^"_s + label + u"]: One.\n[^2]: Two."_s;
+    const QString text =
+        u"Title\nSee[^"_s + label + u"] and [^2].\n\n[^"_s + label + u"]: One.\n[^2]: Two."_s;
     const StylePass pass = styleMarkdown(text, Presentation::styled, 17, {});
     ASSERT_EQ(pass.footnoteDefinitions.size(), 2u);
     const int reference = static_cast<int>(text.indexOf(u"[^a"_s));
