@@ -14,7 +14,16 @@ using namespace Qt::StringLiterals;
 
 namespace {
 
-constexpr QStringView kFootnotePrefix = u"mossly-footnote://jump/";
+constexpr QStringView kFootnotePrefix = u"mossly-footnote://";
+constexpr QStringView kFootnoteScheme = u"mossly-footnote";
+constexpr QStringView kDefinitionHost = u"definition";
+constexpr QStringView kReferenceHost = u"reference";
+
+// The label travels percent-encoded, so any label survives as one path segment.
+QString footnoteUrl(QStringView host, const QString& label) {
+    return kFootnotePrefix.toString() + host.toString() + u'/' +
+           QString::fromLatin1(QUrl::toPercentEncoding(label));
+}
 
 // "<dest>" or "dest" followed by an optional quoted or parenthesised title.
 QString bareDestination(const QString& destination) {
@@ -68,16 +77,28 @@ LinkTarget resolveLinkDestination(const QString& destination, const QString& not
     return localTarget(QDir(noteDirectory).filePath(path));
 }
 
-QString footnoteJumpUrl(int location) {
-    return kFootnotePrefix.toString() + QString::number(location);
+QString footnoteDefinitionUrl(const QString& label) {
+    return footnoteUrl(kDefinitionHost, label);
 }
 
-std::optional<int> footnoteJumpLocation(const QString& url) {
-    if (!url.startsWith(kFootnotePrefix)) return std::nullopt;
-    bool ok = false;
-    const int location = QStringView(url).sliced(kFootnotePrefix.size()).toInt(&ok);
-    if (!ok || location < 0) return std::nullopt;
-    return location;
+QString footnoteReferenceUrl(const QString& label) {
+    return footnoteUrl(kReferenceHost, label);
+}
+
+std::optional<int> footnoteJumpTarget(const StylePass& pass, const QUrl& url) {
+    if (url.scheme() != kFootnoteScheme) return std::nullopt;
+    const QString path = url.path(QUrl::FullyEncoded);
+    if (!path.startsWith(u'/')) return std::nullopt;
+    const QString label = QUrl::fromPercentEncoding(path.mid(1).toLatin1());
+    const auto definition =
+        std::find_if(pass.footnoteDefinitions.begin(), pass.footnoteDefinitions.end(),
+                     [&](const FootnoteDefinition& candidate) { return candidate.label == label; });
+    if (definition == pass.footnoteDefinitions.end()) return std::nullopt;
+    if (url.host() == kDefinitionHost) return definition->marker.start;
+    if (url.host() == kReferenceHost && definition->firstReferenceLocation >= 0) {
+        return definition->firstReferenceLocation;
+    }
+    return std::nullopt;
 }
 
 }  // namespace mossly::markdown

@@ -253,8 +253,17 @@ std::vector<BlockQuoteLine> findBlockQuoteLines(const TextLines& lines, const Ra
     return quoteLines;
 }
 
-Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions) {
+namespace {
+
+const QRegularExpression& footnoteReferencePattern() {
     static const QRegularExpression reference = compilePattern(QStringLiteral(R"re(\[\^([^\]\r\n]+)\])re"));
+    return reference;
+}
+
+}  // namespace
+
+Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions) {
+    const QRegularExpression& reference = footnoteReferencePattern();
     static const QRegularExpression definition =
         compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
 
@@ -284,6 +293,22 @@ Footnotes findFootnotes(const QString& text, const TextLines& lines, const Range
         return MatchVerdict::take;
     });
     return footnotes;
+}
+
+std::vector<FootnoteReference> findFootnoteReferences(const QString& text, const TextLines& lines,
+                                                      const RangeSet& exclusions,
+                                                      const QHash<QString, int>& definitions) {
+    std::vector<FootnoteReference> references;
+    forEachMatch(footnoteReferencePattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
+        const int start = static_cast<int>(match.capturedStart());
+        if (isDetailsTagLine(lines.content(lines.lineAt(start)))) return MatchVerdict::skip;
+        const QString label = match.captured(1);
+        const auto found = definitions.constFind(label);
+        if (found == definitions.constEnd()) return MatchVerdict::skip;
+        references.push_back({capturedRange(match, 0), label, *found});
+        return MatchVerdict::take;
+    });
+    return references;
 }
 
 }  // namespace mossly::markdown

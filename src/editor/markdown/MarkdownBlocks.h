@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QHash>
 #include <QString>
 #include <vector>
 
@@ -24,6 +25,12 @@ struct Footnotes {
 };
 
 Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions);
+
+// The references in a text that holds no definitions, resolved against definitions
+// elsewhere in the note (label -> marker start, stored as the reference's location).
+std::vector<FootnoteReference> findFootnoteReferences(const QString& text, const TextLines& lines,
+                                                      const RangeSet& exclusions,
+                                                      const QHash<QString, int>& definitions);
 
 // The cells of one table row: split at pipes not preceded by a backslash, an
 // outer pipe on either side dropped, each cell trimmed.

@@ -75,7 +75,7 @@ enum class LinkKind : std::uint8_t {
     web,       // a URL with a scheme, used as typed
     file,      // a local file that is not a note
     note,      // another note file: opened through the editor, not the desktop
-    footnote,  // "mossly-footnote://jump/<location>": moves the selection
+    footnote,  // "mossly-footnote://definition/<label>" or ".../reference/<label>": moves the selection
 };
 
 struct LinkTarget {
@@ -117,6 +117,8 @@ struct StyleRun {
     StyleAttributes attributes;
 
     int end() const { return start + length; }
+
+    bool operator==(const StyleRun&) const = default;
 };
 
 enum class DrawnKind : std::uint8_t {
@@ -162,6 +164,8 @@ struct DrawnObject {
     QString error;
 
     int end() const { return start + length; }
+
+    bool operator==(const DrawnObject&) const = default;
 };
 
 // Parse results the editing commands and the adapter reuse.
@@ -173,6 +177,8 @@ struct CodeBlock {
     TextRange body;
     TextRange indentation;  // leading blanks of the opening fence inside a list item
     QString info;
+
+    bool operator==(const CodeBlock&) const = default;
 };
 
 struct DetailsBlock {
@@ -184,6 +190,8 @@ struct DetailsBlock {
     TextRange body;
     TextRange closingTag;
     bool open = false;
+
+    bool operator==(const DetailsBlock&) const = default;
 };
 
 enum class ColumnAlignment : std::uint8_t { none, left, centre, right };
@@ -191,11 +199,15 @@ enum class ColumnAlignment : std::uint8_t { none, left, centre, right };
 struct TableCell {
     TextRange range;  // trimmed cell text
     QString text;     // with escaped pipes unescaped
+
+    bool operator==(const TableCell&) const = default;
 };
 
 struct TableRow {
     TextRange range;  // the line without its line break
     std::vector<TableCell> cells;
+
+    bool operator==(const TableRow&) const = default;
 };
 
 struct Table {
@@ -204,6 +216,8 @@ struct Table {
     TextRange delimiterRow;
     std::vector<TableRow> body;
     std::vector<ColumnAlignment> alignments;
+
+    bool operator==(const Table&) const = default;
 };
 
 struct BlockQuoteLine {
@@ -211,12 +225,16 @@ struct BlockQuoteLine {
     TextRange markers;  // indentation, every '>' and the blanks after them
     int nesting = 0;
     TextRange listMarker;  // "- " or "12. " after the markers; empty when absent
+
+    bool operator==(const BlockQuoteLine&) const = default;
 };
 
 struct FootnoteReference {
     TextRange range;
     QString label;
     int definitionLocation = -1;  // -1 when no definition exists
+
+    bool operator==(const FootnoteReference&) const = default;
 };
 
 struct FootnoteDefinition {
@@ -224,6 +242,8 @@ struct FootnoteDefinition {
     TextRange body;
     QString label;
     int firstReferenceLocation = -1;
+
+    bool operator==(const FootnoteDefinition&) const = default;
 };
 
 struct StylePass {
@@ -242,6 +262,8 @@ struct StylePass {
 
     // The merged attributes at a character; empty attributes where no rule applied.
     StyleAttributes attributesAt(int position) const;
+
+    bool operator==(const StylePass&) const = default;
 };
 
 }  // namespace mossly::markdown

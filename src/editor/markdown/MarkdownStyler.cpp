@@ -10,6 +10,7 @@
 #include "HtmlEntities.h"
 #include "LinkResolution.h"
 #include "MarkdownBlocks.h"
+#include "MarkdownLineRun.h"
 #include "MarkdownText.h"
 #include "TexReplacements.h"
 
@@ -123,14 +124,20 @@ QString normalisedLabel(QStringView label) {
 class StyledPass {
   public:
     StyledPass(const QString& text, double baseSize, const QString& noteDirectory,
-               const QString& noteFilePath)
-        : text_(text),
+               const QString& noteFilePath, const LineRunContext& context = {})
+        : context_(context),
+          text_(text),
           lines_(text),
           scale_(baseSize / kReferenceSize),
           noteDirectory_(noteDirectory),
           noteFilePath_(noteFilePath.isEmpty() ? QString() : QDir::cleanPath(noteFilePath)) {
         pass_.presentation = Presentation::styled;
         pass_.baseSize = baseSize;
+    }
+
+    StyledLineRun runWithDefinitions() {
+        StylePass pass = run();
+        return {std::move(pass), std::move(linkDefinitions_)};
     }
 
     StylePass run() {
@@ -262,11 +269,16 @@ class StyledPass {
 
     // 7.
     void styleFootnotes() {
-        Footnotes footnotes = findFootnotes(text_, lines_, exclusions_);
+        Footnotes footnotes;
+        if (context_.footnoteDefinitions) {
+            footnotes.references =
+                findFootnoteReferences(text_, lines_, exclusions_, *context_.footnoteDefinitions);
+        } else {
+            footnotes = findFootnotes(text_, lines_, exclusions_);
+        }
         for (const FootnoteReference& reference : footnotes.references) {
             StyleAttributes attributes = withColour(ColourRole::secondaryLabel);
-            attributes.link =
-                LinkTarget{footnoteJumpUrl(reference.definitionLocation), {}, LinkKind::footnote};
+            attributes.link = LinkTarget{footnoteDefinitionUrl(reference.label), {}, LinkKind::footnote};
             layers_.apply(reference.range, attributes);
             DrawnObject& label =
                 draw(DrawnKind::footnoteReference, Placement::replace, reference.range, reference.label);
@@ -275,8 +287,7 @@ class StyledPass {
         for (const FootnoteDefinition& definition : footnotes.definitions) {
             StyleAttributes attributes = withColour(ColourRole::secondaryLabel);
             if (definition.firstReferenceLocation >= 0) {
-                attributes.link =
-                    LinkTarget{footnoteJumpUrl(definition.firstReferenceLocation), {}, LinkKind::footnote};
+                attributes.link = LinkTarget{footnoteReferenceUrl(definition.label), {}, LinkKind::footnote};
             }
             layers_.apply(definition.marker, attributes);
             DrawnObject& marker =
@@ -639,13 +650,14 @@ class StyledPass {
             return MatchVerdict::take;
         });
 
-        QHash<QString, QString> definitions;
+        QHash<QString, QString>& definitions = linkDefinitions_;
+        if (context_.linkDefinitions) definitions = *context_.linkDefinitions;
         forEachLine([](QChar c) { return c == u'['; },
                     [&](int line, QStringView content) {
                         const QRegularExpressionMatch match = definition.match(content);
                         if (!match.hasMatch()) return;
                         const QString label = normalisedLabel(match.capturedView(1));
-                        if (!label.isEmpty() && !definitions.contains(label)) {
+                        if (!context_.linkDefinitions && !label.isEmpty() && !definitions.contains(label)) {
                             definitions.insert(label, match.captured(2));
                         }
                         layers_.apply(lines_.start(line), lines_.end(line),
@@ -801,7 +813,8 @@ class StyledPass {
     // The title line always ends in a real break.
     void findSoftBreaks() {
         blockLines_.normalise();
-        for (int line = 1; line + 1 < lines_.count(); ++line) {
+        // A run below the title styles its first line like any other.
+        for (int line = context_.startsAtTitle ? 1 : 0; line + 1 < lines_.count(); ++line) {
             const LineKind kind = lineKind(line);
             if (kind == LineKind::other || endsWithHardBreak(lines_.content(line))) continue;
             if (lineKind(line + 1) != LineKind::paragraph) continue;
@@ -812,6 +825,7 @@ class StyledPass {
 
     // 24. An empty title (or a title that is only its hidden "# ") shows the placeholder.
     void styleEmptyTitle() {
+        if (!context_.startsAtTitle) return;
         const QStringView title = lines_.content(0);
         const bool onlyMarker = title.size() >= 2 && title.front() == u'#' &&
                                 title.sliced(1).trimmed().isEmpty() &&
@@ -837,6 +851,8 @@ class StyledPass {
         });
     }
 
+    LineRunContext context_;
+    QHash<QString, QString> linkDefinitions_;
     const QString& text_;
     TextLines lines_;
     double scale_;
@@ -885,6 +901,11 @@ StylePass styleSource(const QString& text, double baseSize) {
 }
 
 }  // namespace
+
+StyledLineRun styleLineRun(const QString& text, double baseSize, const QString& noteDirectory,
+                           const QString& noteFilePath, const LineRunContext& context) {
+    return StyledPass(text, baseSize, noteDirectory, noteFilePath, context).runWithDefinitions();
+}
 
 StylePass styleMarkdown(const QString& text, Presentation presentation, double baseSize,
                         const QString& noteDirectory, const QString& noteFilePath) {

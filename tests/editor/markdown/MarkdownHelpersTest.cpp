@@ -2,6 +2,7 @@
 
 #include "HtmlEntities.h"
 #include "LinkResolution.h"
+#include "MarkdownStyler.h"
 #include "TexReplacements.h"
 
 using namespace mossly::markdown;
@@ -58,11 +59,32 @@ TEST(LinkResolution, RelativeNoteFileAndWebDestinations) {
     EXPECT_EQ(resolveLinkDestination(u"file:///tmp/x.md"_s, directory).kind, LinkKind::note);
 }
 
-TEST(LinkResolution, FootnoteJumpUrlsRoundTrip) {
-    EXPECT_EQ(footnoteJumpLocation(footnoteJumpUrl(42)), 42);
-    EXPECT_FALSE(footnoteJumpLocation(u"mossly-footnote://jump/x"_s).has_value());
-    EXPECT_FALSE(footnoteJumpLocation(u"https://e.com"_s).has_value());
-    EXPECT_EQ(resolveLinkDestination(footnoteJumpUrl(3), {}).kind, LinkKind::footnote);
+TEST(LinkResolution, FootnoteUrlsCarryTheLabelAndResolveAgainstThePass) {
+    // Labels with blanks, slashes, percent signs and non-Latin letters survive the URL.
+    const QString label = u"a b/c%d?é#"_s;
+    const QString text =
+        u"Title\nSee[^"_s + label + u"] and [^2].\n\n[^"_s + label + u"]: One.\n[^2]: Two."_s;
+    const StylePass pass = styleMarkdown(text, Presentation::styled, 17, {});
+    ASSERT_EQ(pass.footnoteDefinitions.size(), 2u);
+    const int reference = static_cast<int>(text.indexOf(u"[^a"_s));
+    const int definition = static_cast<int>(text.indexOf(u"[^a"_s, reference + 1));
+    const int second = static_cast<int>(text.lastIndexOf(u"[^2]"_s));
+
+    EXPECT_TRUE(footnoteDefinitionUrl(label).startsWith(u"mossly-footnote://definition/"_s));
+    EXPECT_EQ(footnoteJumpTarget(pass, QUrl(footnoteDefinitionUrl(label))), definition);
+    EXPECT_EQ(footnoteJumpTarget(pass, QUrl(footnoteReferenceUrl(label))), reference);
+    EXPECT_EQ(footnoteJumpTarget(pass, QUrl(footnoteDefinitionUrl(u"2"_s))), second);
+    EXPECT_EQ(resolveLinkDestination(footnoteDefinitionUrl(u"2"_s), {}).kind, LinkKind::footnote);
+
+    // Unknown labels, other hosts and other schemes go nowhere.
+    EXPECT_FALSE(footnoteJumpTarget(pass, QUrl(footnoteDefinitionUrl(u"A B/C%D?É#"_s))).has_value());
+    EXPECT_FALSE(footnoteJumpTarget(pass, QUrl(u"mossly-footnote://jump/2"_s)).has_value());
+    EXPECT_FALSE(footnoteJumpTarget(pass, QUrl(u"https://definition/2"_s)).has_value());
+
+    // A definition nobody refers to has no way back.
+    const StylePass lonely = styleMarkdown(u"T\n[^x]: alone"_s, Presentation::styled, 17, {});
+    EXPECT_FALSE(footnoteJumpTarget(lonely, QUrl(footnoteReferenceUrl(u"x"_s))).has_value());
+    EXPECT_EQ(footnoteJumpTarget(lonely, QUrl(footnoteDefinitionUrl(u"x"_s))), 2);
 }
 
 }  // namespace

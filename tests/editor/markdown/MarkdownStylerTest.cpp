@@ -4,6 +4,7 @@
 #include <QStringList>
 #include <algorithm>
 
+#include "LinkResolution.h"
 #include "MarkdownStyler.h"
 
 using namespace mossly::markdown;
@@ -187,11 +188,13 @@ TEST(MarkdownStyler, SuperscriptSubscriptFootnotesAndStrikeThrough) {
     EXPECT_EQ(references[0].text, u"1"_s);
     const int definition = indexOf(text, u"[^1]:"_s);
     ASSERT_TRUE(references[0].link.has_value());
-    EXPECT_EQ(references[0].link->url, u"mossly-footnote://jump/"_s + QString::number(definition));
+    EXPECT_EQ(references[0].link->url, u"mossly-footnote://definition/1"_s);
+    EXPECT_EQ(footnoteJumpTarget(pass, QUrl(references[0].link->url)), definition);
 
     const auto definitions = objectsOf(pass, DrawnKind::footnoteDefinition);
     ASSERT_EQ(definitions.size(), 1u);
-    EXPECT_EQ(definitions[0].link->url, u"mossly-footnote://jump/"_s + QString::number(reference));
+    EXPECT_EQ(definitions[0].link->url, u"mossly-footnote://reference/1"_s);
+    EXPECT_EQ(footnoteJumpTarget(pass, QUrl(definitions[0].link->url)), reference);
 }
 
 TEST(MarkdownStyler, InlineAndDisplayMath) {
