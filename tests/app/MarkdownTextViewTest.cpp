@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QTest>
+#include <random>
 #include <QTextBlock>
 #include <QAbstractTextDocumentLayout>
 #include <QTextLayout>
@@ -263,6 +264,86 @@ TEST_F(MarkdownTextViewTest, ListsTablesAndScriptsAsDrawn) {
     EXPECT_GT(inked, 500) << "text, bullets and the table grid are drawn";
     if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
         picture.save(QString::fromLocal8Bit(dir) + QStringLiteral("/markdown-drawing.png"));
+    }
+}
+
+}  // namespace
+}  // namespace mossly
+
+namespace mossly {
+namespace {
+
+// Everything the view put on one block: its character formats, paragraph format and visibility.
+QString describeBlock(const QTextBlock& block) {
+    QString description = QStringLiteral("visible=%1 ").arg(block.isVisible());
+    const QTextBlockFormat paragraph = block.blockFormat();
+    description += QStringLiteral("margins=%1,%2,%3,%4,%5 line=%6/%7 align=%8 |")
+                       .arg(paragraph.leftMargin())
+                       .arg(paragraph.rightMargin())
+                       .arg(paragraph.textIndent())
+                       .arg(paragraph.topMargin())
+                       .arg(paragraph.bottomMargin())
+                       .arg(paragraph.lineHeight())
+                       .arg(paragraph.lineHeightType())
+                       .arg(int(paragraph.alignment() & Qt::AlignHorizontal_Mask));
+    for (const QTextLayout::FormatRange& range : block.layout()->formats()) {
+        description += QStringLiteral(" [%1+%2 ").arg(range.start).arg(range.length);
+        const QMap<int, QVariant> properties = range.format.properties();
+        for (auto it = properties.cbegin(); it != properties.cend(); ++it) {
+            description += QStringLiteral("%1=%2;").arg(it.key()).arg(it.value().toString());
+        }
+        description += u']';
+    }
+    return description;
+}
+
+// Typing restyles only what an edit can change; what the user then sees must be
+// exactly what a note opened with the same text shows. Random edits, including
+// the constructs that reach beyond their line, each compared with a fresh view.
+TEST(MarkdownTextViewIncremental, EveryEditLeavesTheViewAsAFreshlyOpenedNoteWouldBe) {
+    const QString start = QStringLiteral(
+        "# Harbour plan\n\nIntro with **bold**, `code`, a [link](https://example.com) and a note[^1].\n"
+        "Soft line two.\n\n- item one\n- [ ] task\n- [x] done\n1. first\n2. second\n\n> quoted\n> > nested\n\n"
+        "```swift\nlet x = 1\n```\n\n$$\nx^2\n$$\n\n| a | b |\n|:--|--:|\n| 1 | 2 |\n\n"
+        "<details><summary>More</summary>\nhidden body\n</details>\n\n"
+        "Text with $m$ and &amp; and \\*escaped\\*.\n\n[^1]: The footnote.\n[ref]: https://example.org\n"
+        "Use [ref] here.\n\n---\n\nLast line.");
+    const QStringList insertions = {
+        QStringLiteral("a"), QStringLiteral(" "), QStringLiteral("\n"), QStringLiteral("**"), QStringLiteral("`"),
+        QStringLiteral("```\n"), QStringLiteral("$$\n"), QStringLiteral("| x | y |\n"), QStringLiteral("|---|---|\n"),
+        QStringLiteral("<details><summary>S</summary>\n"), QStringLiteral("</details>\n"), QStringLiteral("[^1]: def\n"),
+        QStringLiteral("[ref]: https://x.test\n"), QStringLiteral("- "), QStringLiteral("> "), QStringLiteral("# "),
+        QStringLiteral("\n\n"), QStringLiteral("[^2]"), QStringLiteral("&lt;"), QStringLiteral("$y$"),
+    };
+    MarkdownTextView typed;
+    typed.resize(700, 500);
+    typed.setMarkdown(start, {});
+    MarkdownTextView opened;
+    opened.resize(700, 500);
+    std::mt19937 random(20261123);
+    for (int step = 0; step < 300; ++step) {
+        const int length = typed.document()->characterCount() - 1;
+        QTextCursor cursor(typed.document());
+        const int at = std::uniform_int_distribution<int>(0, length)(random);
+        cursor.setPosition(at);
+        if (random() % 3 == 0 && length > 0) {
+            const int count = std::uniform_int_distribution<int>(1, std::min(12, length - std::min(at, length - 1)))(random);
+            cursor.setPosition(std::min(at, length - 1));
+            cursor.setPosition(std::min(length, std::min(at, length - 1) + count), QTextCursor::KeepAnchor);
+            cursor.removeSelectedText();
+        } else {
+            cursor.insertText(insertions[static_cast<qsizetype>(random() % insertions.size())]);
+        }
+        const QString text = typed.markdown();
+        opened.setMarkdown(text, {});
+        ASSERT_EQ(typed.document()->blockCount(), opened.document()->blockCount());
+        QTextBlock mine = typed.document()->begin();
+        QTextBlock theirs = opened.document()->begin();
+        for (; mine.isValid(); mine = mine.next(), theirs = theirs.next()) {
+            ASSERT_EQ(describeBlock(mine), describeBlock(theirs))
+                << "step " << step << ", block " << mine.blockNumber() << " \"" << mine.text().toStdString()
+                << "\" in:\n" << text.toStdString();
+        }
     }
 }
 

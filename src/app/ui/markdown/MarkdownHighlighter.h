@@ -2,6 +2,7 @@
 
 #include <QObject>
 #include <QTextCharFormat>
+#include <unordered_map>
 #include <vector>
 
 #include "MarkdownFormats.h"
@@ -19,10 +20,13 @@ class MarkdownHighlighter {
 public:
     explicit MarkdownHighlighter(QTextDocument* document) : document_(document) {}
 
-    // Installs a new pass; `extra` are formats merged over the runs (reserved
-    // room for drawn objects). Returns the number of blocks re-laid out.
+    // Installs a new pass on the blocks that meet `scope` (the rest keep what
+    // they have); `extra` are formats merged over the runs (reserved room for
+    // drawn objects). Returns the number of blocks re-laid out.
     int apply(const markdown::StylePass& pass, const MarkdownFormats& formats,
-              std::vector<std::pair<markdown::TextRange, QTextCharFormat>> extra);
+              std::vector<std::pair<markdown::TextRange, QTextCharFormat>> extra, markdown::TextRange scope);
+
+    static constexpr size_t maximumCachedFormats = 512;
 
     struct Span {
         int start;  // relative to the block
@@ -39,6 +43,7 @@ private:
     // by shared data rather than property by property.
     QString cacheKey_;
     std::vector<std::pair<markdown::StyleAttributes, QTextCharFormat>> cache_;
+    std::unordered_multimap<size_t, size_t> cacheIndex_;  // attribute hash → entry of cache_
 };
 
 }  // namespace mossly

@@ -22,6 +22,8 @@
 #include "LinkPreviews.h"
 #include "MarkdownFormats.h"
 #include "MarkdownHighlighter.h"
+#include "IncrementalStyler.h"
+#include "LinkResolution.h"
 #include "MarkdownStyler.h"
 #include "NoteAssets.h"
 #include "NoteContentType.h"
@@ -40,6 +42,25 @@ const QString footnoteScheme = QStringLiteral("mossly-footnote");
 QString linkText(QString text) {
     text.replace(u'[', u'(').replace(u']', u')').replace(u'\n', u' ');
     return text;
+}
+
+struct TextEditSpan {
+    int position = 0;
+    int removed = 0;
+    int added = 0;
+};
+
+// The one span in which two texts differ: what lies before and after it is
+// the same in both. Cheaper and surer than piecing the document's change
+// notifications together (block formats report changes too).
+TextEditSpan differingSpan(const QString& before, const QString& after) {
+    const qsizetype shorter = std::min(before.size(), after.size());
+    qsizetype prefix = 0;
+    while (prefix < shorter && before[prefix] == after[prefix]) ++prefix;
+    qsizetype suffix = 0;
+    while (suffix < shorter - prefix && before[before.size() - 1 - suffix] == after[after.size() - 1 - suffix]) ++suffix;
+    return {static_cast<int>(prefix), static_cast<int>(before.size() - prefix - suffix),
+            static_cast<int>(after.size() - prefix - suffix)};
 }
 
 double elapsedMs(const QElapsedTimer& timer) { return static_cast<double>(timer.nsecsElapsed()) / 1e6; }
@@ -91,6 +112,7 @@ MarkdownTextView::~MarkdownTextView() = default;
 
 void MarkdownTextView::setMarkdown(const QString& text, const QString& noteFile) {
     noteFile_ = noteFile;
+    styler_.reset();  // another note, or the same one reloaded: styled from scratch
     styling_ = true;
     setPlainText(text);
     styling_ = false;
@@ -117,8 +139,9 @@ void MarkdownTextView::setBaseSize(double points) {
 // width; giving them letter spacing reserves exactly the object's width.
 // Blocks (display math, quote markers) keep their characters' own room, just
 // invisible. Tables line up their cells by padding the separators.
-std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace() {
+std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpace(TextRange scope) {
     std::vector<std::pair<TextRange, QTextCharFormat>> reserved;
+    const auto inScope = [scope](int start, int end) { return end > scope.start && start < scope.end(); };
     if (presentation_ == Presentation::source) return reserved;
     const auto pooled = [this](const QString& key, const auto& make) -> QTextCharFormat {
         auto it = formatPool_.constFind(key);
@@ -141,8 +164,9 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
     StyleAttributes hiddenMarker;
     hiddenMarker.hidden = true;
     const QTextCharFormat tiny = formats_->charFormat(hiddenMarker);
-    for (const DrawnObject& object : pass_.objects) {
+    for (const DrawnObject& object : stylePass().objects) {
         if (object.placement != Placement::replace || object.length <= 0) continue;
+        if (!inScope(object.start, object.end())) continue;
         if (object.kind == DrawnKind::displayMath) {
             reserved.push_back({{object.start, object.length}, invisible});
             continue;
@@ -164,8 +188,8 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
         format.setToolTip(tr("This note no longer exists."));
         return format;
     });
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.kind == DrawnKind::noteReference && isMissingNote(object)) {
+    for (const DrawnObject& object : stylePass().objects) {
+        if (object.kind == DrawnKind::noteReference && inScope(object.start, object.end()) && isMissingNote(object)) {
             reserved.push_back({{object.start, object.length}, missingNote});
         }
     }
@@ -174,13 +198,30 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
         format.setForeground(Qt::transparent);  // the dash is drawn as a bullet
         return format;
     });
-    for (const int index : pass_.bulletIndexes) reserved.push_back({{index, 1}, bulletDash});
-    tableColumns_.clear();
+    for (auto bullet = std::lower_bound(stylePass().bulletIndexes.begin(), stylePass().bulletIndexes.end(), scope.start);
+         bullet != stylePass().bulletIndexes.end() && *bullet < scope.end(); ++bullet) {
+        reserved.push_back({{*bullet, 1}, bulletDash});
+    }
+    // Column widths of tables outside the scope are those measured before; tables
+    // after it may have moved in the list when one was typed or removed above them.
+    std::vector<std::vector<double>> previousColumns = std::move(tableColumns_);
+    tableColumns_.assign(stylePass().tables.size(), {});
+    const std::ptrdiff_t tablesAdded =
+        static_cast<std::ptrdiff_t>(stylePass().tables.size()) - static_cast<std::ptrdiff_t>(previousColumns.size());
     const double padding = tableCellPadding();
     StyleAttributes hiddenAttributes;
     hiddenAttributes.hidden = true;
     const QTextCharFormat hidden = formats_->charFormat(hiddenAttributes);
-    for (const Table& table : pass_.tables) {
+    for (size_t t = 0; t < stylePass().tables.size(); ++t) {
+        const Table& table = stylePass().tables[t];
+        if (!inScope(table.range.start, table.range.end())) {
+            const std::ptrdiff_t previous =
+                static_cast<std::ptrdiff_t>(t) - (table.range.start >= scope.end() ? tablesAdded : 0);
+            if (previous >= 0 && previous < static_cast<std::ptrdiff_t>(previousColumns.size())) {
+                tableColumns_[t] = std::move(previousColumns[static_cast<size_t>(previous)]);
+            }
+            continue;
+        }
         std::vector<const TableRow*> rows{&table.header};
         for (const TableRow& row : table.body) rows.push_back(&row);
         // Columns are as wide as their widest cell as drawn: hidden markers take no room.
@@ -194,7 +235,7 @@ std::vector<std::pair<TextRange, QTextCharFormat>> MarkdownTextView::reservedSpa
                 columns[c] = std::max(columns[c], rowWidths.back());
             }
         }
-        tableColumns_.push_back(columns);
+        tableColumns_[t] = columns;
         reserved.push_back({table.delimiterRow, hidden});
         const auto lead = [&](size_t column, double slack) {
             const ColumnAlignment alignment =
@@ -240,9 +281,9 @@ double MarkdownTextView::prefixWidth(int start, int length) const {
     const ObjectMetrics objectMetrics(*formats_, baseSize_);  // as reservedSpace() measures them
     double width = 0;
     int position = start;
-    const auto object = std::lower_bound(pass_.objects.begin(), pass_.objects.end(), start,
+    const auto object = std::lower_bound(stylePass().objects.begin(), stylePass().objects.end(), start,
                                          [](const DrawnObject& o, int at) { return o.start < at; });
-    for (auto it = object; it != pass_.objects.end() && it->start < start + length; ++it) {
+    for (auto it = object; it != stylePass().objects.end() && it->start < start + length; ++it) {
         if (it->placement != Placement::replace || it->length <= 0) continue;
         const double reserved = reservedWidth(*it, objectMetrics);
         if (reserved <= 0) continue;
@@ -256,15 +297,17 @@ double MarkdownTextView::prefixWidth(int start, int length) const {
     return width;
 }
 
-void MarkdownTextView::applyParagraphFormats() {
+void MarkdownTextView::applyParagraphFormats(TextRange scope) {
+    const auto inScope = [scope](int start, int end) { return end > scope.start && start < scope.end(); };
     const double column = QFontMetricsF(font()).averageCharWidth();
     const auto points = [column](const std::optional<Indent>& indent) {
         return indent ? indent->points + indent->columns * column : 0.0;
     };
     // A line holding an image is as tall as the image is drawn.
     QHash<int, double> imageHeights;
-    for (const DrawnObject& object : pass_.objects) {
+    for (const DrawnObject& object : stylePass().objects) {
         if (object.kind != DrawnKind::image || !object.link || object.link->localPath.isEmpty()) continue;
+        if (!inScope(object.start, object.end())) continue;
         const QSize natural = QImageReader(object.link->localPath).size();
         if (natural.isValid()) {
             imageHeights.insert(document()->findBlock(object.start).position(),
@@ -274,8 +317,10 @@ void MarkdownTextView::applyParagraphFormats() {
     // A lone web link gets its card in the room above its line; the line stays the link.
     QSet<int> cardBlocks;
     if (showsLinkCards()) {
-        for (const DrawnObject& object : pass_.objects) {
-            if (object.kind == DrawnKind::linkCard) cardBlocks.insert(document()->findBlock(object.start).position());
+        for (const DrawnObject& object : stylePass().objects) {
+            if (object.kind == DrawnKind::linkCard && inScope(object.start, object.end())) {
+                cardBlocks.insert(document()->findBlock(object.start).position());
+            }
         }
     }
     const double cardRoom = linkCardHeight(font()) + 8;
@@ -284,9 +329,10 @@ void MarkdownTextView::applyParagraphFormats() {
     QHash<int, double> codeInsets;
     QSet<int> fenceBlocks;
     if (presentation_ == Presentation::styled) {
-        for (const DrawnObject& object : pass_.objects) {
+        for (const DrawnObject& object : stylePass().objects) {
             if (object.kind != DrawnKind::codePanel || object.index < 0) continue;
-            const CodeBlock& code = pass_.codeBlocks[static_cast<size_t>(object.index)];
+            if (!inScope(object.start, object.end())) continue;
+            const CodeBlock& code = stylePass().codeBlocks[static_cast<size_t>(object.index)];
             for (QTextBlock block = document()->findBlock(code.range.start);
                  block.isValid() && block.position() <= code.range.end(); block = block.next()) {
                 codeInsets.insert(block.position(), object.inset);
@@ -296,14 +342,18 @@ void MarkdownTextView::applyParagraphFormats() {
         }
     }
     std::vector<std::pair<int, QTextBlockFormat>> changes;
-    size_t run = 0;
-    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+    const QTextBlock last = document()->findBlock(std::max(0, scope.end() - 1));
+    const QTextBlock first = document()->findBlock(scope.start);
+    auto run = static_cast<size_t>(std::lower_bound(stylePass().runs.begin(), stylePass().runs.end(), first.position(),
+                                                    [](const StyleRun& r, int at) { return r.end() <= at; }) -
+                                   stylePass().runs.begin());
+    for (QTextBlock block = first; block.isValid() && block.blockNumber() <= last.blockNumber(); block = block.next()) {
         const int start = block.position();
         const int end = start + block.length();
         ParagraphAttributes paragraph;
-        while (run < pass_.runs.size() && pass_.runs[run].end() <= start) ++run;
-        for (size_t r = run; r < pass_.runs.size() && pass_.runs[r].start < end; ++r) {
-            const ParagraphAttributes& p = pass_.runs[r].attributes.paragraph;
+        while (run < stylePass().runs.size() && stylePass().runs[run].end() <= start) ++run;
+        for (size_t r = run; r < stylePass().runs.size() && stylePass().runs[r].start < end; ++r) {
+            const ParagraphAttributes& p = stylePass().runs[r].attributes.paragraph;
             if (p.firstLineIndent) paragraph.firstLineIndent = p.firstLineIndent;
             if (p.headIndent) paragraph.headIndent = p.headIndent;
             if (p.lineSpacing) paragraph.lineSpacing = p.lineSpacing;
@@ -370,21 +420,73 @@ void MarkdownTextView::restyle() {
     styling_ = true;
     QElapsedTimer timer;
     timer.start();
-    formats_ = std::make_unique<MarkdownFormats>(font(), palette());
-    const QString directory = noteFile_.isEmpty() ? QString() : QFileInfo(noteFile_).path();
-    pass_ = styleMarkdown(text, presentation_, baseSize_, directory, noteFile_);
+    std::optional<TextRange> scope;
+    if (styler_ && stylerSettingsKey_ == stylingSettingsKey()) {
+        // Typing: the edit is what differs between the last styled text and this one.
+        const TextEditSpan edit = differingSpan(styledText_, text);
+        const StyleChange change = styler_->update(text, edit.position, edit.removed, edit.added);
+        const int start = std::min(change.restyled.start, edit.position);
+        const int end = std::max(change.restyled.end(), edit.position + edit.added);
+        scope = TextRange{start, end - start};
+    } else {
+        formats_ = std::make_unique<MarkdownFormats>(font(), palette());
+        const QString directory = noteFile_.isEmpty() ? QString() : QFileInfo(noteFile_).path();
+        styler_ = std::make_unique<IncrementalStyler>(presentation_, baseSize_, directory, noteFile_);
+        styler_->restyle(text);
+        stylerSettingsKey_ = stylingSettingsKey();
+    }
     styledText_ = text;
     lastStyleMs_ = elapsedMs(timer);
     timer.restart();
 
-    std::vector<std::pair<TextRange, QTextCharFormat>> reserved = reservedSpace();
-    highlighter_->apply(pass_, *formats_, std::move(reserved));
-    applyParagraphFormats();
-    hideCollapsedBlocks();
+    const TextRange applied = scope ? wholeObjectsAround(*scope) : TextRange{0, static_cast<int>(text.size()) + 1};
+    std::vector<std::pair<TextRange, QTextCharFormat>> reserved = reservedSpace(applied);
+    lastRestyledBlocks_ = highlighter_->apply(stylePass(), *formats_, std::move(reserved), applied);
+    applyParagraphFormats(applied);
+    hideCollapsedBlocks(applied);
     lastApplyMs_ = elapsedMs(timer);
-    styledText_ = text;
     styling_ = false;
     viewport()->update();
+}
+
+const StylePass& MarkdownTextView::stylePass() const {
+    static const StylePass none;
+    return styler_ ? styler_->pass() : none;
+}
+
+// What the styling depends on besides the text: any change restyles it all.
+QString MarkdownTextView::stylingSettingsKey() const {
+    return QStringLiteral("%1|%2|%3|%4|%5")
+        .arg(static_cast<int>(presentation_))
+        .arg(baseSize_)
+        .arg(noteFile_, font().key(), palette().color(QPalette::Base).name());
+}
+
+// The scope grown to whole drawn objects and block constructs: a table, a code
+// panel or a details block is laid out as one, wherever the edit fell in it.
+TextRange MarkdownTextView::wholeObjectsAround(TextRange scope) const {
+    int start = scope.start;
+    int end = scope.end();
+    const auto grow = [&](int from, int to) {
+        if (to < start || from > end) return false;
+        if (from < start || to > end) {
+            start = std::min(start, from);
+            end = std::max(end, to);
+            return true;
+        }
+        return false;
+    };
+    for (bool grew = true; grew;) {
+        grew = false;
+        for (const DrawnObject& object : stylePass().objects) grew = grow(object.start, object.end()) || grew;
+        for (const CodeBlock& code : stylePass().codeBlocks) grew = grow(code.range.start, code.range.end()) || grew;
+        for (const DetailsBlock& details : stylePass().detailsBlocks) grew = grow(details.range.start, details.range.end()) || grew;
+    }
+    // Whole lines, and the line after: a soft break or a card above a line belongs to the line below too.
+    const QTextBlock first = document()->findBlock(start);
+    QTextBlock last = document()->findBlock(std::max(start, end));
+    if (last.next().isValid()) last = last.next();
+    return {first.position(), last.position() + last.length() - first.position()};
 }
 
 bool MarkdownTextView::isMissingNote(const DrawnObject& object) const {
@@ -410,16 +512,16 @@ double MarkdownTextView::visibleWidth(TextRange range) const {
     };
     double width = 0;
     int position = range.start;
-    auto run = std::lower_bound(pass_.runs.begin(), pass_.runs.end(), position,
+    auto run = std::lower_bound(stylePass().runs.begin(), stylePass().runs.end(), position,
                                 [](const StyleRun& r, int at) { return r.end() <= at; });
     while (position < range.end()) {
-        if (run != pass_.runs.end() && run->start <= position) {
+        if (run != stylePass().runs.end() && run->start <= position) {
             const int stop = std::min(range.end(), run->end());
             width += measure(&run->attributes, position, stop);
             position = stop;
             ++run;
         } else {
-            const int stop = std::min(range.end(), run != pass_.runs.end() ? run->start : range.end());
+            const int stop = std::min(range.end(), run != stylePass().runs.end() ? run->start : range.end());
             width += measure(nullptr, position, stop);
             position = stop;
         }
@@ -430,17 +532,21 @@ double MarkdownTextView::visibleWidth(TextRange range) const {
 // The lines of a closed details block take no height at all: their characters
 // are hidden by the pass, and the blocks themselves leave the layout. Visibility
 // is layout state, not an edit, so it never enters the undo stack.
-void MarkdownTextView::hideCollapsedBlocks() {
+void MarkdownTextView::hideCollapsedBlocks(TextRange scope) {
     std::vector<TextRange> collapsed;
     if (presentation_ == Presentation::styled) {
-        for (const StyleRun& run : pass_.runs) {
-            if (run.attributes.hideParagraph) collapsed.push_back({run.start, run.length});
+        for (const StyleRun& run : stylePass().runs) {
+            if (run.attributes.hideParagraph && run.end() >= scope.start && run.start <= scope.end()) {
+                collapsed.push_back({run.start, run.length});
+            }
         }
     }
     size_t next = 0;
     int dirtyStart = -1;
     int dirtyEnd = -1;
-    for (QTextBlock block = document()->begin(); block.isValid(); block = block.next()) {
+    const QTextBlock last = document()->findBlock(std::max(0, scope.end() - 1));
+    for (QTextBlock block = document()->findBlock(scope.start); block.isValid() && block.blockNumber() <= last.blockNumber();
+         block = block.next()) {
         const int start = block.position();
         const int end = start + block.length() - 1;  // without the block's own line break
         while (next < collapsed.size() && collapsed[next].end() < end) ++next;
@@ -617,7 +723,7 @@ void MarkdownTextView::keyPressEvent(QKeyEvent* event) {
 
 bool MarkdownTextView::isHidden(int position) const {
     if (presentation_ == Presentation::source) return false;
-    const StyleAttributes attributes = pass_.attributesAt(position);
+    const StyleAttributes attributes = stylePass().attributesAt(position);
     return attributes.hidden;
 }
 
@@ -664,11 +770,34 @@ void MarkdownTextView::paintEvent(QPaintEvent* event) {
     paintObjects(painter, false);
 }
 
+// The first and last block on screen, by binary search over the laid-out blocks
+// (hit-testing a point walks every block above it, which a long note feels).
+std::pair<QTextBlock, QTextBlock> MarkdownTextView::visibleBlocks() const {
+    const QAbstractTextDocumentLayout* layout = document()->documentLayout();
+    const double top = verticalScrollBar()->value();
+    const double bottom = top + viewport()->height();
+    const int count = document()->blockCount();
+    const auto firstReaching = [&](double y) {
+        int low = 0;
+        int high = count - 1;
+        while (low < high) {
+            const int middle = (low + high) / 2;
+            if (layout->blockBoundingRect(document()->findBlockByNumber(middle)).bottom() < y) {
+                low = middle + 1;
+            } else {
+                high = middle;
+            }
+        }
+        return document()->findBlockByNumber(low);
+    };
+    return {firstReaching(top), firstReaching(bottom)};
+}
+
 void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
     if (presentation_ == Presentation::source) return;
     // Only what is on screen: finding a character's place costs a layout lookup.
-    const int firstVisible = std::max(0, cursorForPosition(QPoint(0, 0)).block().position() - 1);
-    const QTextBlock lastBlock = cursorForPosition(QPoint(viewport()->width(), viewport()->height())).block();
+    const auto [firstVisibleBlock, lastBlock] = visibleBlocks();
+    const int firstVisible = std::max(0, firstVisibleBlock.position() - 1);
     const int lastVisible = lastBlock.position() + lastBlock.length();
     const auto visible = [&](int start, int end) { return end >= firstVisible && start <= lastVisible; };
     const MarkdownFormats& formats = *formats_;
@@ -677,7 +806,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
     const double size = baseSize_;
     if (!behindText) {
         painter.setPen(formats.colour(ColourRole::label));
-        for (const int index : pass_.bulletIndexes) {
+        for (const int index : stylePass().bulletIndexes) {
             if (!visible(index, index)) continue;
             const QRectF at = characterRect(index);
             const double radius = at.height() * 0.12;
@@ -687,7 +816,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
         }
         painter.setBrush(Qt::NoBrush);
     }
-    for (const DrawnObject& object : pass_.objects) {
+    for (const DrawnObject& object : stylePass().objects) {
         if (!visible(object.start, object.end())) continue;
         // Horizontal place from the object's first character; line height from the
         // character after it, since a hidden character's own box is tiny.
@@ -822,7 +951,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
                 break;
             case DrawnKind::table:
                 if (behindText && object.index >= 0 && object.index < static_cast<int>(tableColumns_.size())) {
-                    const Table& table = pass_.tables[static_cast<size_t>(object.index)];
+                    const Table& table = stylePass().tables[static_cast<size_t>(object.index)];
                     std::vector<const TableRow*> rows{&table.header};
                     for (const TableRow& row : table.body) rows.push_back(&row);
                     const std::vector<double>& columns = tableColumns_[static_cast<size_t>(object.index)];
@@ -903,7 +1032,7 @@ void MarkdownTextView::paintObjects(QPainter& painter, bool behindText) {
 }
 
 const DrawnObject* MarkdownTextView::objectAt(const QPoint& point, DrawnKind kind) const {
-    for (const DrawnObject& object : pass_.objects) {
+    for (const DrawnObject& object : stylePass().objects) {
         if (object.kind != kind) continue;
         const QRectF start = characterRect(object.start);
         const QRectF end = characterRect(std::max(object.start, object.end()));
@@ -921,7 +1050,7 @@ void MarkdownTextView::mousePressEvent(QMouseEvent* event) {
             if (auto edit = MarkdownEditing::toggleChecklist(markdown(), box->start, selection())) applyEdit(*edit);
             return;
         }
-        for (const DrawnObject& object : pass_.objects) {
+        for (const DrawnObject& object : stylePass().objects) {
             if (object.kind != DrawnKind::linkCard || !object.link) continue;
             if (const auto card = linkCardRect(object); card && card->contains(point)) {
                 openLink(object.link->url);
@@ -944,7 +1073,7 @@ QString MarkdownTextView::linkAt(const QPoint& point) const {
     const QPointF inDocument = point + QPointF(horizontalScrollBar()->value(), verticalScrollBar()->value());
     const int position = document()->documentLayout()->hitTest(inDocument, Qt::ExactHit);
     if (position < 0) return {};
-    const StyleAttributes attributes = pass_.attributesAt(position);
+    const StyleAttributes attributes = stylePass().attributesAt(position);
     return attributes.link && !attributes.hidden ? attributes.link->url : QString();
 }
 
@@ -992,8 +1121,11 @@ std::optional<QRectF> MarkdownTextView::linkCardRect(const DrawnObject& object) 
 void MarkdownTextView::openLink(const QString& href) {
     const QUrl url(href);
     if (url.scheme() == footnoteScheme) {
+        // Resolved now, against the text as it is: formats carry only the label.
+        const std::optional<int> target = footnoteJumpTarget(stylePass(), url);
+        if (!target) return;
         QTextCursor cursor(document());
-        cursor.setPosition(std::clamp(url.path().mid(1).toInt(), 0, document()->characterCount() - 1));
+        cursor.setPosition(std::clamp(*target, 0, document()->characterCount() - 1));
         setTextCursor(cursor);
         ensureCursorVisible();
         return;

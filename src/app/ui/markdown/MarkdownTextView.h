@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHash>
+#include <QTextBlock>
 #include <QTextCharFormat>
 #include <QTextEdit>
 #include <functional>
@@ -9,6 +10,10 @@
 #include "MarkdownEditing.h"
 #include "EditorTextSync.h"
 #include "MarkdownStyle.h"
+
+namespace mossly::markdown {
+class IncrementalStyler;
+}
 
 namespace mossly {
 
@@ -45,10 +50,13 @@ public:
     // Titles of notes dragged in as references (from the note list); the file name without one.
     void setNoteTitles(std::function<QString(const QString& noteFile)> titleOf) { noteTitle_ = std::move(titleOf); }
 
-    const markdown::StylePass& stylePass() const { return pass_; }
+    // The pass on screen, kept by the styler (never copied: a long note's pass is large).
+    const markdown::StylePass& stylePass() const;
     // Milliseconds the last pass took to compute and to apply.
     double lastStyleMs() const { return lastStyleMs_; }
     double lastApplyMs() const { return lastApplyMs_; }
+    // Blocks whose character formats the last pass changed.
+    int lastRestyledBlocks() const { return lastRestyledBlocks_; }
 
 signals:
     void markdownEdited(const QString& text);
@@ -70,13 +78,15 @@ protected:
 
 private:
     void restyle();
-    void applyParagraphFormats();
-    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace();
+    QString stylingSettingsKey() const;
+    markdown::TextRange wholeObjectsAround(markdown::TextRange scope) const;
+    void applyParagraphFormats(markdown::TextRange scope);
+    std::vector<std::pair<markdown::TextRange, QTextCharFormat>> reservedSpace(markdown::TextRange scope);
     double visibleWidth(markdown::TextRange range) const;
     double tableCellPadding() const;
     bool isMissingNote(const markdown::DrawnObject& object) const;
     double prefixWidth(int start, int length) const;
-    void hideCollapsedBlocks();
+    void hideCollapsedBlocks(markdown::TextRange scope);
     void applyEdit(const markdown::TextEdit& edit);
     void insertOwnLines(const QStringList& lines);
     std::optional<QString> imageLine(const QString& fileName, const QByteArray& bytes);
@@ -86,6 +96,7 @@ private:
     QRectF characterRect(int position) const;
     QRectF rangeRect(int start, int end) const;
     void paintObjects(QPainter& painter, bool behindText);
+    std::pair<QTextBlock, QTextBlock> visibleBlocks() const;
     const markdown::DrawnObject* objectAt(const QPoint& point, markdown::DrawnKind kind) const;
     void openLink(const QString& href);
     QString linkAt(const QPoint& point) const;
@@ -96,7 +107,9 @@ private:
     // Reserved-room formats by kind and width, reused across passes (see MarkdownHighlighter).
     mutable QHash<QString, QTextCharFormat> formatPool_;
     std::unique_ptr<MarkdownHighlighter> highlighter_;
-    markdown::StylePass pass_;
+    // Restyles only what an edit can change; rebuilt when the note or a setting changes.
+    std::unique_ptr<markdown::IncrementalStyler> styler_;
+    QString stylerSettingsKey_;
     std::vector<std::vector<double>> tableColumns_;  // per table of the pass: column widths as drawn
     markdown::Presentation presentation_ = markdown::Presentation::styled;
     double baseSize_ = 13;
@@ -108,6 +121,7 @@ private:
     std::function<QString(const QString&)> noteTitle_;
     double lastStyleMs_ = 0;
     double lastApplyMs_ = 0;
+    int lastRestyledBlocks_ = 0;
 };
 
 }  // namespace mossly
