@@ -456,9 +456,10 @@ const StylePass& MarkdownTextView::stylePass() const {
 
 // What the styling depends on besides the text: any change restyles it all.
 QString MarkdownTextView::stylingSettingsKey() const {
-    return QStringLiteral("%1|%2|%3|%4|%5")
+    return QStringLiteral("%1|%2|%3|%4|%5|%6")
         .arg(static_cast<int>(presentation_))
         .arg(baseSize_)
+        .arg(showsLinkCards())
         .arg(noteFile_, font().key(), palette().color(QPalette::Base).name());
 }
 
