@@ -18,12 +18,12 @@
 #include <cmath>
 
 #include "Diagnostics.h"
+#include "IncrementalStyler.h"
 #include "LinkCardPainter.h"
 #include "LinkPreviews.h"
+#include "LinkResolution.h"
 #include "MarkdownFormats.h"
 #include "MarkdownHighlighter.h"
-#include "IncrementalStyler.h"
-#include "LinkResolution.h"
 #include "MarkdownStyler.h"
 #include "NoteAssets.h"
 #include "NoteContentType.h"
