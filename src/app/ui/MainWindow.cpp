@@ -79,34 +79,35 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     connect(unreadableNotice_, &QPushButton::clicked, this, &MainWindow::showUnreadableNotes);
     connect(&store, &NoteStore::unreadableNotesChanged, this, &MainWindow::updateUnreadableNotice);
 
-    // A first index of a large library takes a while: say so, with a bar.
-    indexProgress_ = new QProgressBar(this);
-    indexProgress_->setObjectName(QStringLiteral("indexProgress"));
-    indexProgress_->setMaximumWidth(220);
-    indexProgress_->setVisible(false);
-    statusBar()->addPermanentWidget(indexProgress_);
+    // A first index of a large library, or importing thousands of files, takes a while: say so, with a bar.
+    indexProgress_ = addProgressBar(QStringLiteral("indexProgress"));
     connect(&store, &NoteStore::indexProgress, this, [this](int done, int total) {
-        const bool show = total >= 200 && done < total;
-        indexProgress_->setVisible(show);
-        indexProgress_->setRange(0, std::max(total, 1));
-        indexProgress_->setValue(done);
-        indexProgress_->setFormat(tr("Indexing for search: %1 of %2").arg(done).arg(total));
+        showProgress(*indexProgress_, done, total, total >= 200, tr("Indexing for search: %1 of %2"));
     });
-    // Importing thousands of files: the same, with its own bar.
-    importProgress_ = new QProgressBar(this);
-    importProgress_->setObjectName(QStringLiteral("importProgress"));
-    importProgress_->setMaximumWidth(220);
-    importProgress_->setVisible(false);
-    statusBar()->addPermanentWidget(importProgress_);
+    importProgress_ = addProgressBar(QStringLiteral("importProgress"));
     connect(&store, &NoteStore::importProgress, this, [this](int done, int total) {
-        importProgress_->setVisible(total >= 50 && done < total);
-        importProgress_->setRange(0, std::max(total, 1));
-        importProgress_->setValue(done);
-        importProgress_->setFormat(tr("Importing notes: %1 of %2").arg(done).arg(total));
+        showProgress(*importProgress_, done, total, total >= 50, tr("Importing notes: %1 of %2"));
     });
     connect(&store, &NoteStore::importFinished, importProgress_, &QWidget::hide);
     updateUnreadableNotice();
     setAcceptDrops(true);
+}
+
+QProgressBar* MainWindow::addProgressBar(const QString& name) {
+    auto* bar = new QProgressBar(this);
+    bar->setObjectName(name);
+    bar->setMaximumWidth(220);
+    bar->setVisible(false);
+    statusBar()->addPermanentWidget(bar);
+    return bar;
+}
+
+// Shown while work that is worth telling about (`large`) is under way; `format` takes done and total.
+void MainWindow::showProgress(QProgressBar& bar, int done, int total, bool large, const QString& format) {
+    bar.setVisible(large && done < total);
+    bar.setRange(0, std::max(total, 1));
+    bar.setValue(done);
+    bar.setFormat(format.arg(done).arg(total));
 }
 
 void MainWindow::dragEnterEvent(QDragEnterEvent* event) {

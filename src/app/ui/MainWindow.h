@@ -44,6 +44,8 @@ protected:
     void dropEvent(QDropEvent* event) override;
 
 private:
+    QProgressBar* addProgressBar(const QString& name);
+    static void showProgress(QProgressBar& bar, int done, int total, bool large, const QString& format);
     void showLaunchNotices();
     void updateUnreadableNotice();
     void showUnreadableNotes();
