@@ -29,12 +29,18 @@ int nextLineStart(const QString& text, int position) {
     return end < text.size() ? end + 1 : end;
 }
 
+bool holdsDetailsTag(QStringView lines) {
+    static constexpr std::array<QStringView, 4> tokens = {u"<details", u"</details", u"<summary",
+                                                          u"</summary"};
+    return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+}
+
 // Tokens that start or end a construct spanning lines (fences, details blocks) or a
 // definition other lines look up. Edited lines holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 7> tokens = {u"```",       u"~~~",      u"]:",       u"<details",
-                                                          u"</details", u"<summary", u"</summary"};
-    return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+    static constexpr std::array<QStringView, 3> tokens = {u"```", u"~~~", u"]:"};
+    return holdsDetailsTag(lines) ||
+           std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
 }
 
 // The HTML tags of some lines, relative to `start`. A tag inside display math keeps
@@ -123,10 +129,17 @@ struct LineSpan {
     bool holdsNew(int position) const {
         return position >= start && (position < newEnd || (newEnd == newSize && position == newSize));
     }
-    // Old positions outside the restyled lines, moved into the new text.
+    // Old positions outside the restyled lines, moved into the new text; a range
+    // holding the lines (a details block around them) grows with them.
     int shifted(int position) const { return position >= oldEnd ? position + delta : position; }
     void shift(int& position) const { position = shifted(position); }
-    void shift(TextRange& range) const { range.start = shifted(range.start); }
+    void shift(TextRange& range) const {
+        if (range.start <= start && range.length > 0 && range.end() >= oldEnd) {
+            range.length += delta;
+        } else {
+            range.start = shifted(range.start);
+        }
+    }
 };
 
 // Splices a vector of items that each sit at one position: the old items outside the
@@ -419,9 +432,17 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         return false;
     }
     auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
+    // An open details block may hold the lines, away from its tags; a closed one hides
+    // them, which the run cannot know.
+    auto holdsLines = [&](const DetailsBlock& block) {
+        return block.open && block.summaryCloseTag.end() < span.start &&
+               block.closingTag.start > contextEndOld && !holdsDetailsTag(oldLines) &&
+               !holdsDetailsTag(newLines);
+    };
     if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.detailsBlocks,
-                            [&](const DetailsBlock& block) { return meets(block.range); })) {
+        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) {
+            return meets(block.range) && !holdsLines(block);
+        })) {
         return false;
     }
     for (const DrawnObject& object : pass_.objects) {

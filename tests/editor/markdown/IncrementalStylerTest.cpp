@@ -540,6 +540,24 @@ TEST(IncrementalStyler, TypingInDisplayMathRestylesTheWholeBlockOnly) {
     ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
 }
 
+TEST(IncrementalStyler, TypingInAnOpenDetailsBodyStaysLocalAndTheBlockGrows) {
+    const QString note =
+        u"Title\n<details open>\n<summary>S</summary>\nfirst *line*\n\nmiddle\n\nlast\n</details>\nend"_s;
+    EditChecker open(note);
+    const int length = open.styler.pass().detailsBlocks.at(0).range.length;
+    const int at = static_cast<int>(note.indexOf(u"middle"_s));
+    StyleChange change;
+    ASSERT_EQ(open.edit(at, 0, u"a **new** "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 30);
+    EXPECT_EQ(open.styler.pass().detailsBlocks.at(0).range.length, length + 10);
+    // Next to a tag line, or in a closed block (whose body is hidden), the note is styled whole.
+    ASSERT_EQ(open.edit(static_cast<int>(note.indexOf(u"first"_s)), 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, open.text.size());
+    EditChecker closed(QString(note).remove(u" open"_s));
+    ASSERT_EQ(closed.edit(static_cast<int>(closed.text.indexOf(u"middle"_s)), 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, closed.text.size());
+}
+
 TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
     EditChecker checker(u"T\nA[^1] text\nB line\n\n[^1]: the note"_s);
     const int b = static_cast<int>(checker.text.indexOf(u"B line"_s));
