@@ -3,6 +3,7 @@
 #include <QSet>
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
 #include "MarkdownLineRun.h"
@@ -35,12 +36,14 @@ bool holdsDetailsTag(QStringView lines) {
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
 }
 
-// Tokens that start or end a construct spanning lines (fences, details blocks) or a
-// definition other lines look up. Edited lines holding them are left to the full pass.
+// Tokens that start or end a details block or a definition other lines look up.
+// Edited lines holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 3> tokens = {u"```", u"~~~", u"]:"};
-    return holdsDetailsTag(lines) ||
-           std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+    return holdsDetailsTag(lines) || lines.contains(u"]:");
+}
+
+bool holdsFence(QStringView lines) {
+    return lines.contains(u"```") || lines.contains(u"~~~");
 }
 
 // The HTML tags of some lines, relative to `start`. A tag inside display math keeps
@@ -80,13 +83,14 @@ int lastOfRowRun(const QString& text, int end) {
     return end;
 }
 
-// Whether an indented fence lies close enough below `from` that whether it opens code
-// (inside a list item) may depend on the lines above it.
-bool indentedFenceBelow(const QString& text, int from) {
+// Whether an indented fence lies between `from` and `through` or close enough below
+// that whether it opens code (inside a list item) may depend on the lines above it.
+bool indentedFenceBelow(const QString& text, int from, int through) {
     constexpr int kListItemWalk = 501;  // one more than the fence scan looks back
     const int size = static_cast<int>(text.size());
     int position = from;
-    for (int line = 0; line < kListItemWalk && position < size; ++line) {
+    for (int line = 0; (line < kListItemWalk || position < through) && position < size; ++line) {
+        if (position < through) line = 0;
         int first = position;
         while (first < size && (text[first] == u' ' || text[first] == u'\t')) ++first;
         if (first > position && first + 2 < size && (text[first] == u'`' || text[first] == u'~') &&
@@ -275,6 +279,70 @@ void spliceTables(StylePass& pass, StylePass& fresh, const LineSpan& span) {
         });
 }
 
+// The run may have been styled well past the first line after the edit where code
+// ends both before and after it; from there on the old pass holds, so the span ends
+// at that line (one no table crosses).
+void trimToFirstAgreement(const QString& text, const StylePass& old, const StylePass& fresh, LineSpan& span,
+                          int editedEnd) {
+    auto crossed = [](const std::vector<CodeBlock>& blocks, int at, int offset) {
+        return std::ranges::any_of(blocks, [&](const CodeBlock& block) {
+            return block.range.start + offset < at && block.range.end() + offset >= at;
+        });
+    };
+    auto rowsAcross = [&](int at) {
+        const int above = lineStart(text, at - 1);
+        return QStringView(text).sliced(above, at - 1 - above).contains(u'|') &&
+               QStringView(text).sliced(at, lineEnd(text, at) - at).contains(u'|');
+    };
+    std::vector<int> candidates{nextLineStart(text, editedEnd)};
+    for (const CodeBlock& block : fresh.codeBlocks) {
+        candidates.push_back(nextLineStart(text, span.start + block.range.end()));
+    }
+    std::ranges::sort(candidates);
+    for (const int at : candidates) {
+        if (at >= span.newEnd) return;
+        if (at <= editedEnd || crossed(fresh.codeBlocks, at, span.start) ||
+            crossed(old.codeBlocks, at - span.delta, 0) || rowsAcross(at)) {
+            continue;
+        }
+        span.newEnd = at;
+        span.oldEnd = at - span.delta;
+        return;
+    }
+}
+
+// Code blocks are numbered through the note like tables.
+void spliceCodeBlocks(StylePass& pass, StylePass& fresh, const LineSpan& span) {
+    const auto blocksAbove = static_cast<int>(std::ranges::count_if(
+        pass.codeBlocks, [&](const CodeBlock& block) { return block.range.start < span.start; }));
+    const auto blocksWithin = static_cast<int>(std::ranges::count_if(
+        pass.codeBlocks, [&](const CodeBlock& block) { return span.holdsOld(block.range.start); }));
+    const int renumbered =
+        static_cast<int>(std::ranges::count_if(
+            fresh.codeBlocks,
+            [&](const CodeBlock& block) { return span.holdsNew(span.start + block.range.start); })) -
+        blocksWithin;
+    for (DrawnObject& object : fresh.objects) {
+        if (object.kind == DrawnKind::codePanel) object.index += blocksAbove;
+    }
+    if (renumbered != 0) {
+        for (DrawnObject& object : pass.objects) {
+            if (object.kind == DrawnKind::codePanel && object.start >= span.oldEnd)
+                object.index += renumbered;
+        }
+    }
+    spliceItems(
+        pass.codeBlocks, std::move(fresh.codeBlocks), span, [](const CodeBlock& b) { return b.range.start; },
+        [](CodeBlock& block, int by) {
+            block.range.start += by;
+            block.openingFence.start += by;
+            block.closingFence.start += by;
+            block.body.start += by;
+            // Blocks outside list items keep an empty indentation at 0.
+            if (block.indentation.length > 0) block.indentation.start += by;
+        });
+}
+
 // Calls `range(start, length)` for every range and `point(position)` for every lone
 // position a pass holds.
 template <typename Range, typename Point>
@@ -368,39 +436,9 @@ StyleChange IncrementalStyler::update(const QString& text, int position, int rem
 
 bool IncrementalStyler::restyleLines(const QString& text, int position, int removed, int added,
                                      TextRange& restyled) {
-    // The edited lines, widened over the table rows around them, and the line above
-    // (whose soft break looks at the first of them) are restyled; the line below is
-    // styled along as context only. Every table lies in a run of lines holding '|', so
-    // no table crosses the restyled lines' edges.
-    LineSpan span;
     const int editedStart = lineStart(text, position);
     const int oldEditedEnd = lineEnd(text_, position + removed);
     const int newEditedEnd = lineEnd(text, position + added);
-    // Display math holding the edited lines is restyled whole: its "$$" lines pair as
-    // before as long as the edited lines hold none and keep their tags.
-    TextRange math{editedStart, 0};
-    int mathEndOld = oldEditedEnd;
-    int mathEndNew = newEditedEnd;
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.start >= editedStart) break;
-        if (object.kind == DrawnKind::displayMath && lineStart(text_, object.end()) > oldEditedEnd) {
-            math = {object.start, object.length};
-            mathEndOld = lineEnd(text_, object.end());
-            mathEndNew = mathEndOld + added - removed;
-        }
-    }
-    const int top = firstOfRowRun(text, math.start);
-    span.start = top > 0 ? lineStart(text, top - 1) : 0;
-    span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, mathEndOld));
-    span.newEnd = nextLineStart(text, lastOfRowRun(text, mathEndNew));
-    span.oldSize = static_cast<int>(text_.size());
-    span.newSize = static_cast<int>(text.size());
-    span.delta = added - removed;
-    const int contextEndOld = lineEnd(text_, span.oldEnd);
-    const int contextEndNew = lineEnd(text, span.newEnd);
-
-    const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
-    const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
     const QStringView oldEdited = QStringView(text_).sliced(editedStart, oldEditedEnd - editedStart);
     const QStringView newEdited = QStringView(text).sliced(editedStart, newEditedEnd - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
@@ -412,62 +450,140 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         tag.start += added - removed;
     }
     if (oldTags != tagsOf(newEdited, editedStart)) return false;
-    // The run is styled without its footnote definitions' context; and a "$$" line
-    // around the edited ones may close display math that began far above, even math
-    // that a tag inside it kept from being drawn.
-    auto footnoteDefinition = [](QStringView lines) {
-        return lines.contains(u"]:") && lines.contains(u"[^");
-    };
-    if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
-    const QStringView aboveMath = QStringView(text).sliced(span.start, math.start - span.start);
-    if (aboveMath.contains(u"$$") || oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
-        QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
-        QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
-        return false;
-    }
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
     if (angle(QStringView(text_).sliced(position, removed)) ||
         angle(QStringView(text).sliced(position, added))) {
         return false;
     }
-    auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
-    // An open details block may hold the lines, away from its tags; a closed one hides
-    // them, which the run cannot know.
-    auto holdsLines = [&](const DetailsBlock& block) {
-        return block.open && block.summaryCloseTag.end() < span.start &&
-               block.closingTag.start > contextEndOld && !holdsDetailsTag(oldLines) &&
-               !holdsDetailsTag(newLines);
-    };
-    if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) {
-            return meets(block.range) && !holdsLines(block);
-        })) {
-        return false;
-    }
+
+    // Display math holding the edited lines is restyled whole: its "$$" lines pair as
+    // before as long as the edited lines hold none and keep their tags.
+    TextRange math{editedStart, 0};
+    int mathEndOld = oldEditedEnd;
     for (const DrawnObject& object : pass_.objects) {
-        if (object.start > contextEndOld) break;
-        if (object.kind == DrawnKind::displayMath && object.start != math.start &&
-            meets({object.start, object.length})) {
+        if (object.start >= editedStart) break;
+        if (object.kind == DrawnKind::displayMath && lineStart(text_, object.end()) > oldEditedEnd) {
+            math = {object.start, object.length};
+            mathEndOld = lineEnd(text_, object.end());
+        }
+    }
+    const int mathEndNew = mathEndOld + added - removed;
+    // A fence typed or deleted changes which lines are code down to the first line
+    // where code ends both before and after the edit; code near the lines is styled
+    // again whole, from its opening fence.
+    const bool fenceEdited = holdsFence(oldEdited) || holdsFence(newEdited);
+
+    // The lines restyled: the edited ones (with any display math, code or table rows
+    // around them) and the line above, whose soft break looks at the first of them.
+    // The line below is styled along as context only. Every table lies in a run of
+    // lines holding '|', so no table crosses the span's edges.
+    LineSpan span;
+    span.oldSize = static_cast<int>(text_.size());
+    span.newSize = static_cast<int>(text.size());
+    span.delta = added - removed;
+    int top = math.start;
+    int lastOld = mathEndOld;  // the end of the last line to restyle, old text
+    std::optional<StyledLineRun> run;
+    QHash<QString, int> definitions;
+    bool footnotes = false;
+    bool code = false;
+    while (true) {
+        const int firstRow = firstOfRowRun(text, top);
+        span.start = firstRow > 0 ? lineStart(text, firstRow - 1) : 0;
+        span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, lastOld));
+        span.newEnd = span.oldEnd + span.delta;
+        const int contextEndOld = lineEnd(text_, span.oldEnd);
+        const int contextEndNew = lineEnd(text, span.newEnd);
+        const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
+        const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
+
+        auto meets = [&](TextRange range) {
+            return range.start <= contextEndOld && range.end() >= span.start;
+        };
+        const auto above = std::ranges::find_if(pass_.codeBlocks, [&](const CodeBlock& block) {
+            return block.range.start < span.start && block.range.end() >= span.start;
+        });
+        if (above != pass_.codeBlocks.end()) {
+            top = above->range.start;
+            continue;
+        }
+        code = fenceEdited || std::ranges::any_of(pass_.codeBlocks,
+                                                  [&](const CodeBlock& block) { return meets(block.range); });
+        // Lines turning into code (or back) lose (or gain) their tags and definitions.
+        auto tagOrDefinition = [](QStringView lines) {
+            return lines.contains(u'<') || lines.contains(u"]:");
+        };
+        if (code && (tagOrDefinition(oldLines) || tagOrDefinition(newLines))) return false;
+        // Display math whose "$$" lines lie on both sides was kept from being drawn (or
+        // it would meet the lines); code appearing in it changes how later "$$" lines pair.
+        if (code && text.indexOf(u"$$") >= 0 && text.indexOf(u"$$") < span.start &&
+            text.indexOf(u"$$", contextEndNew) >= 0) {
             return false;
         }
-    }
-    if (indentedFenceBelow(text, span.newEnd)) return false;
-
-    const bool footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
-    QHash<QString, int> definitions;
-    if (footnotes) {
-        for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
-            definitions.insert(definition.label, span.shifted(definition.marker.start));
+        // The run is styled without its footnote definitions' context; and a "$$" line
+        // around the edited ones may close display math that began far above, even math
+        // that a tag inside it kept from being drawn.
+        auto footnoteDefinition = [](QStringView lines) {
+            return lines.contains(u"]:") && lines.contains(u"[^");
+        };
+        if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
+        if (QStringView(text).sliced(span.start, math.start - span.start).contains(u"$$") ||
+            oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
+            QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
+            QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
+            return false;
         }
+        // An open details block may hold the lines, away from its tags; a closed one hides
+        // them, which the run cannot know.
+        auto holdsLines = [&](const DetailsBlock& block) {
+            return block.open && block.summaryCloseTag.end() < span.start &&
+                   block.closingTag.start > contextEndOld && !holdsDetailsTag(oldLines) &&
+                   !holdsDetailsTag(newLines);
+        };
+        if (std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) {
+                return meets(block.range) && !holdsLines(block);
+            })) {
+            return false;
+        }
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.start > contextEndOld) break;
+            if (object.kind == DrawnKind::displayMath && object.start != math.start &&
+                meets({object.start, object.length})) {
+                return false;
+            }
+        }
+        // The run cannot look above itself for the list item an indented fence belongs to.
+        if (indentedFenceBelow(text, code ? span.start : span.newEnd, span.newEnd)) return false;
+
+        footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
+        definitions.clear();
+        if (footnotes) {
+            for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
+                definitions.insert(definition.label, span.shifted(definition.marker.start));
+            }
+        }
+        LineRunContext context;
+        context.startsAtTitle = span.start == 0;
+        context.footnoteDefinitions = &definitions;
+        context.linkDefinitions = &linkDefinitions_;
+        run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_,
+                           context);
+        if (!code || span.newEnd == span.newSize) break;
+        // Done once no code crosses the span's end, before the edit or after it.
+        const int runEnd = span.newEnd - span.start;
+        const bool crossedBefore = std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) {
+            return block.range.start < span.oldEnd && block.range.end() >= span.oldEnd;
+        });
+        const bool crossedAfter = std::ranges::any_of(run->pass.codeBlocks, [&](const CodeBlock& block) {
+            return block.range.start < runEnd && block.range.end() >= runEnd;
+        });
+        if (!crossedBefore && !crossedAfter) break;
+        lastOld =
+            lineEnd(text_, std::min(span.oldSize, span.oldEnd + std::max(4096, span.oldEnd - span.start)));
     }
-    LineRunContext context;
-    context.startsAtTitle = span.start == 0;
-    context.footnoteDefinitions = &definitions;
-    context.linkDefinitions = &linkDefinitions_;
-    StyledLineRun run =
-        styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_, context);
-    StylePass& fresh = run.pass;
+    StylePass& fresh = run->pass;
+    if (code) trimToFirstAgreement(text, pass_, fresh, span, newEditedEnd);
 
     std::vector<std::pair<std::size_t, int>> firstReferences;
     if (footnotes &&
@@ -476,6 +592,7 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     }
 
     spliceTables(pass_, fresh, span);
+    spliceCodeBlocks(pass_, fresh, span);
     spliceRuns(pass_.runs, fresh.runs, span);
     spliceItems(
         pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
@@ -510,12 +627,6 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         pass_.footnoteDefinitions[index].firstReferenceLocation = location;
     }
     if (span.delta != 0) {
-        for (CodeBlock& block : pass_.codeBlocks) {
-            for (TextRange* range :
-                 {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
-                span.shift(*range);
-            }
-        }
         for (DetailsBlock& block : pass_.detailsBlocks) {
             for (TextRange* range : {&block.range, &block.openingTag, &block.summaryOpenTag, &block.summary,
                                      &block.summaryCloseTag, &block.body, &block.closingTag}) {
@@ -551,7 +662,7 @@ bool IncrementalStyler::restyleInsideCode(const QString& text, int position, int
         opens(QStringView(text).sliced(editedStart, newEditedEnd - editedStart)) ||
         QStringView(text_).sliced(position, removed).contains(u'>') ||
         QStringView(text).sliced(position, added).contains(u'>') ||
-        indentedFenceBelow(text, std::min(newEditedEnd + 1, static_cast<int>(text.size())))) {
+        indentedFenceBelow(text, std::min(newEditedEnd + 1, static_cast<int>(text.size())), 0)) {
         return false;
     }
     const TextRange body = block->body;

@@ -471,7 +471,7 @@ TEST(IncrementalStyler, TypingInAParagraphRestylesOnlyItsLines) {
     EXPECT_LT(change.restyled.length, 100);
 }
 
-TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
+TEST(IncrementalStyler, TypingAndDeletingStructuralTokensMatchesAFullPass) {
     const QString note = u"Title\n\nText\n\n```\ncode\n```\n\nMore text\n\n| a | b |\n\nEnd"_s;
     for (const QString& token :
          {u"```\n"_s, u"$$\n"_s, u"|---|---|\n"_s, u"<details><summary>S</summary>\n"_s, u"[^1]: d\n"_s,
@@ -482,6 +482,29 @@ TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
         ASSERT_EQ(checker.edit(at, 0, token, &change), "") << token.toStdString();
         ASSERT_EQ(checker.edit(at, static_cast<int>(token.size()), {}, &change), "") << token.toStdString();
     }
+}
+
+TEST(IncrementalStyler, AFenceRestylesDownToWhereCodeEndsAsBefore) {
+    QString note = u"Title\n\n"_s;
+    for (int i = 0; i < 6; ++i) note += u"Text %1 with *words*.\n\n```cpp\nint x = %1;\n```\n\n"_s.arg(i);
+    EditChecker checker(note);
+    const int at = static_cast<int>(note.indexOf(u"Text 2"_s));
+    const int nextBlockEnd = static_cast<int>(note.indexOf(u"```\n"_s, note.indexOf(u"```cpp"_s, at))) + 4;
+    StyleChange change;
+    // A bare fence swallows the text down to the next block's closing fence, which
+    // now closes it; the "```cpp" below opens code as before.
+    ASSERT_EQ(checker.edit(at, 0, u"```\n"_s, &change), "");
+    EXPECT_LT(change.restyled.start, at);
+    EXPECT_EQ(change.restyled.end(), nextBlockEnd + 4);
+    ASSERT_EQ(checker.styler.pass().codeBlocks.size(), 6u);
+    EXPECT_EQ(checker.styler.pass().codeBlocks[2].range.start, at);
+    ASSERT_EQ(checker.edit(at, 4, {}, &change), "");
+    EXPECT_EQ(change.restyled.end(), nextBlockEnd);
+    EXPECT_EQ(checker.styler.pass().codeBlocks[2].info, u"cpp"_s);
+    // Typing right below a block restyles the block too, not the note.
+    const int below = static_cast<int>(note.indexOf(u"\n\nText 3"_s)) + 1;
+    ASSERT_EQ(checker.edit(below, 0, u"x"_s, &change), "");
+    EXPECT_LT(change.restyled.length, 60);
 }
 
 // Found by the random edits: a "$$" pair that a tag kept from being drawn still used
