@@ -6,6 +6,7 @@
 #include <optional>
 #include <utility>
 
+#include "MarkdownBlocks.h"
 #include "MarkdownLineRun.h"
 #include "MarkdownStyler.h"
 #include "MarkdownText.h"
@@ -279,35 +280,35 @@ void spliceTables(StylePass& pass, StylePass& fresh, const LineSpan& span) {
         });
 }
 
-// The run may have been styled well past the first line after the edit where code
-// ends both before and after it; from there on the old pass holds, so the span ends
-// at that line (one no table crosses).
-void trimToFirstAgreement(const QString& text, const StylePass& old, const StylePass& fresh, LineSpan& span,
-                          int editedEnd) {
-    auto crossed = [](const std::vector<CodeBlock>& blocks, int at, int offset) {
-        return std::ranges::any_of(blocks, [&](const CodeBlock& block) {
-            return block.range.start + offset < at && block.range.end() + offset >= at;
-        });
-    };
-    auto rowsAcross = [&](int at) {
-        const int above = lineStart(text, at - 1);
-        return QStringView(text).sliced(above, at - 1 - above).contains(u'|') &&
-               QStringView(text).sliced(at, lineEnd(text, at) - at).contains(u'|');
-    };
-    std::vector<int> candidates{nextLineStart(text, editedEnd)};
-    for (const CodeBlock& block : fresh.codeBlocks) {
-        candidates.push_back(nextLineStart(text, span.start + block.range.end()));
-    }
-    std::ranges::sort(candidates);
-    for (const int at : candidates) {
-        if (at >= span.newEnd) return;
-        if (at <= editedEnd || crossed(fresh.codeBlocks, at, span.start) ||
-            crossed(old.codeBlocks, at - span.delta, 0) || rowsAcross(at)) {
-            continue;
+// Whether an old position lies inside code.
+bool insideCode(const std::vector<CodeBlock>& blocks, int position) {
+    const auto after =
+        std::ranges::upper_bound(blocks, position, {}, [](const CodeBlock& b) { return b.range.start; });
+    return after != blocks.begin() && std::prev(after)->range.end() >= position;
+}
+
+// Scans fences over the new text from `from` (a line start outside code) the way the
+// full pass does, to the first line past `editedEnd` at whose start code is closed
+// both in the new text and in the old pass: from there on nothing differs. Returns
+// the end of the line before it, nothing when an indented fence (whose meaning
+// depends on the lines above it) turns up.
+std::optional<int> codeAgreesAgain(const QString& text, int from, int editedEnd,
+                                   const std::vector<CodeBlock>& oldBlocks, int delta) {
+    const int size = static_cast<int>(text.size());
+    std::optional<Fence> open;
+    for (int line = from;;) {
+        if (line > editedEnd && !open && !insideCode(oldBlocks, line - delta)) return line - 1;
+        const int end = lineEnd(text, line);
+        QStringView content = QStringView(text).sliced(line, end - line);
+        if (content.endsWith(u'\r')) content.chop(1);
+        if (open) {
+            if (closesFence(content, *open)) open.reset();
+        } else if (const std::optional<Fence> fence = openingFence(content)) {
+            if (fence->indentation > 0) return std::nullopt;
+            open = fence;
         }
-        span.newEnd = at;
-        span.oldEnd = at - span.delta;
-        return;
+        if (end >= size) return size;
+        line = end + 1;
     }
 }
 
@@ -484,10 +485,23 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     span.delta = added - removed;
     int top = math.start;
     int lastOld = mathEndOld;  // the end of the last line to restyle, old text
+    // Whether the last "$$" above `at` ends drawn display math (or there is none).
+    auto mathClosesAbove = [&](const QString& newText, int at) {
+        const auto last = static_cast<int>(newText.lastIndexOf(u"$$", at - 1));
+        if (at == 0 || last < 0) return true;
+        const auto after = std::ranges::upper_bound(pass_.objects, last, {}, &DrawnObject::start);
+        for (auto object = std::make_reverse_iterator(after); object != pass_.objects.rend(); ++object) {
+            if (object->kind == DrawnKind::displayMath) {
+                return lineStart(text_, object->end()) == lineStart(newText, last);
+            }
+        }
+        return false;
+    };
     std::optional<StyledLineRun> run;
     QHash<QString, int> definitions;
     bool footnotes = false;
     bool code = false;
+    bool extended = false;
     while (true) {
         const int firstRow = firstOfRowRun(text, top);
         span.start = firstRow > 0 ? lineStart(text, firstRow - 1) : 0;
@@ -514,13 +528,20 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         auto tagOrDefinition = [](QStringView lines) {
             return lines.contains(u'<') || lines.contains(u"]:");
         };
+        if (code && !extended) {
+            const std::optional<int> agreed =
+                codeAgreesAgain(text, span.start, newEditedEnd, pass_.codeBlocks, span.delta);
+            if (!agreed) return false;
+            lastOld = std::max(lastOld, *agreed - span.delta);
+            extended = true;
+            continue;
+        }
         if (code && (tagOrDefinition(oldLines) || tagOrDefinition(newLines))) return false;
         // Display math whose "$$" lines lie on both sides was kept from being drawn (or
-        // it would meet the lines); code appearing in it changes how later "$$" lines pair.
-        if (code && text.indexOf(u"$$") >= 0 && text.indexOf(u"$$") < span.start &&
-            text.indexOf(u"$$", contextEndNew) >= 0) {
+        // it would meet the lines); code appearing in it changes how later "$$" lines
+        // pair. Drawn math closing on the last "$$" line above rules that out.
+        if (code && !mathClosesAbove(text, span.start) && text.indexOf(u"$$", contextEndNew) >= 0)
             return false;
-        }
         // The run is styled without its footnote definitions' context; and a "$$" line
         // around the edited ones may close display math that began far above, even math
         // that a tag inside it kept from being drawn.
@@ -569,21 +590,17 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         context.linkDefinitions = &linkDefinitions_;
         run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_,
                            context);
-        if (!code || span.newEnd == span.newSize) break;
-        // Done once no code crosses the span's end, before the edit or after it.
-        const int runEnd = span.newEnd - span.start;
-        const bool crossedBefore = std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) {
-            return block.range.start < span.oldEnd && block.range.end() >= span.oldEnd;
-        });
-        const bool crossedAfter = std::ranges::any_of(run->pass.codeBlocks, [&](const CodeBlock& block) {
-            return block.range.start < runEnd && block.range.end() >= runEnd;
-        });
-        if (!crossedBefore && !crossedAfter) break;
-        lastOld =
-            lineEnd(text_, std::min(span.oldSize, span.oldEnd + std::max(4096, span.oldEnd - span.start)));
+        break;
     }
     StylePass& fresh = run->pass;
-    if (code) trimToFirstAgreement(text, pass_, fresh, span, newEditedEnd);
+    // Table rows past where code agrees again may have carried the span into code.
+    const int runEnd = span.newEnd - span.start;
+    if (span.newEnd < span.newSize && (insideCode(pass_.codeBlocks, span.oldEnd) ||
+                                       std::ranges::any_of(fresh.codeBlocks, [&](const CodeBlock& b) {
+                                           return b.range.start < runEnd && b.range.end() >= runEnd;
+                                       }))) {
+        return false;
+    }
 
     std::vector<std::pair<std::size_t, int>> firstReferences;
     if (footnotes &&

@@ -18,33 +18,6 @@ int leadingBlanks(QStringView line) {
     return i;
 }
 
-struct Fence {
-    QChar marker;
-    int count = 0;
-    int indentation = 0;  // characters before the fence
-};
-
-std::optional<Fence> openingFence(QStringView line) {
-    const int at = leadingBlanks(line);
-    if (at >= line.size() || (line[at] != u'`' && line[at] != u'~')) return std::nullopt;
-    const QChar marker = line[at];
-    int count = 0;
-    while (at + count < line.size() && line[at + count] == marker) ++count;
-    if (count < 3) return std::nullopt;
-    // A backtick fence's info string may not hold a backtick: "```a```" is inline code.
-    if (marker == u'`' && line.sliced(at + count).contains(u'`')) return std::nullopt;
-    return Fence{marker, count, at};
-}
-
-bool closesFence(QStringView line, const Fence& fence) {
-    const QStringView trimmed = line.trimmed();
-    if (trimmed.size() < fence.count) return false;
-    for (const QChar c : trimmed) {
-        if (c != fence.marker) return false;
-    }
-    return true;
-}
-
 // Whether an indented fence belongs to a list item: the nearest less-indented
 // non-blank line above it is an item. The walk is bounded so that a long run of
 // indented lines cannot make the scan quadratic.
@@ -85,6 +58,27 @@ TextRange capturedRange(const QRegularExpressionMatch& match, int group, int off
 }
 
 }  // namespace
+
+std::optional<Fence> openingFence(QStringView line) {
+    const int at = leadingBlanks(line);
+    if (at >= line.size() || (line[at] != u'`' && line[at] != u'~')) return std::nullopt;
+    const QChar marker = line[at];
+    int count = 0;
+    while (at + count < line.size() && line[at + count] == marker) ++count;
+    if (count < 3) return std::nullopt;
+    // A backtick fence's info string may not hold a backtick: "```a```" is inline code.
+    if (marker == u'`' && line.sliced(at + count).contains(u'`')) return std::nullopt;
+    return Fence{marker, count, at};
+}
+
+bool closesFence(QStringView line, const Fence& fence) {
+    const QStringView trimmed = line.trimmed();
+    if (trimmed.size() < fence.count) return false;
+    for (const QChar c : trimmed) {
+        if (c != fence.marker) return false;
+    }
+    return true;
+}
 
 std::vector<CodeBlock> findCodeBlocks(const QString& text, const TextLines& lines) {
     std::vector<CodeBlock> blocks;

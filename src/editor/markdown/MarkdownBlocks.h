@@ -2,6 +2,7 @@
 
 #include <QHash>
 #include <QString>
+#include <optional>
 #include <vector>
 
 #include "MarkdownStyle.h"
@@ -10,6 +11,16 @@
 // Whole-text scans for the block constructs the styler needs before it styles them.
 // Scans that take `exclusions` skip anything intersecting those ranges (fenced code).
 namespace mossly::markdown {
+
+struct Fence {
+    QChar marker;
+    int count = 0;
+    int indentation = 0;  // characters before the fence
+};
+
+// The fence a line holds, if any: an indented one opens code only inside a list item.
+std::optional<Fence> openingFence(QStringView line);
+bool closesFence(QStringView line, const Fence& fence);
 
 std::vector<CodeBlock> findCodeBlocks(const QString& text, const TextLines& lines);
 

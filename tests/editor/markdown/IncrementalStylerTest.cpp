@@ -501,6 +501,13 @@ TEST(IncrementalStyler, AFenceRestylesDownToWhereCodeEndsAsBefore) {
     ASSERT_EQ(checker.edit(at, 4, {}, &change), "");
     EXPECT_EQ(change.restyled.end(), nextBlockEnd);
     EXPECT_EQ(checker.styler.pass().codeBlocks[2].info, u"cpp"_s);
+    // Found by the random edits: joining the last closing fence to the line above leaves
+    // the block, whose opening fence is the line above the edit, open to the end.
+    const int closing = static_cast<int>(checker.text.lastIndexOf(u"\n```\n"_s));
+    ASSERT_EQ(checker.edit(closing, 1, {}, &change), "");
+    EXPECT_EQ(change.restyled.start, static_cast<int>(checker.text.lastIndexOf(u"```cpp"_s)));
+    EXPECT_EQ(change.restyled.end(), checker.text.size());
+    ASSERT_EQ(checker.edit(closing, 0, u"\n"_s, &change), "");
     // Typing right below a block restyles the block too, not the note.
     const int below = static_cast<int>(note.indexOf(u"\n\nText 3"_s)) + 1;
     ASSERT_EQ(checker.edit(below, 0, u"x"_s, &change), "");
