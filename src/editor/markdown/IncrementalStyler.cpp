@@ -486,13 +486,13 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     int top = math.start;
     int lastOld = mathEndOld;  // the end of the last line to restyle, old text
     // Whether the last "$$" above `at` ends drawn display math (or there is none).
-    auto mathClosesAbove = [&](const QString& newText, int at) {
-        const auto last = static_cast<int>(newText.lastIndexOf(u"$$", at - 1));
+    auto mathClosesAbove = [&](int at) {
+        const auto last = static_cast<int>(text.lastIndexOf(u"$$", at - 1));
         if (at == 0 || last < 0) return true;
         const auto after = std::ranges::upper_bound(pass_.objects, last, {}, &DrawnObject::start);
         for (auto object = std::make_reverse_iterator(after); object != pass_.objects.rend(); ++object) {
             if (object->kind == DrawnKind::displayMath) {
-                return lineStart(text_, object->end()) == lineStart(newText, last);
+                return lineStart(text_, object->end()) == lineStart(text, last);
             }
         }
         return false;
@@ -540,15 +540,14 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         // Display math whose "$$" lines lie on both sides was kept from being drawn (or
         // it would meet the lines); code appearing in it changes how later "$$" lines
         // pair. Drawn math closing on the last "$$" line above rules that out.
-        if (code && !mathClosesAbove(text, span.start) && text.indexOf(u"$$", contextEndNew) >= 0)
-            return false;
-        // The run is styled without its footnote definitions' context; and a "$$" line
-        // around the edited ones may close display math that began far above, even math
-        // that a tag inside it kept from being drawn.
+        if (code && !mathClosesAbove(span.start) && text.indexOf(u"$$", contextEndNew) >= 0) return false;
+        // The run is styled without its footnote definitions' context.
         auto footnoteDefinition = [](QStringView lines) {
             return lines.contains(u"]:") && lines.contains(u"[^");
         };
         if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
+        // A "$$" line around the display math (or the edited lines) may close math that
+        // began far above, even math that a tag inside it kept from being drawn.
         if (QStringView(text).sliced(span.start, math.start - span.start).contains(u"$$") ||
             oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
             QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
