@@ -280,6 +280,22 @@ void spliceTables(StylePass& pass, StylePass& fresh, const LineSpan& span) {
         });
 }
 
+// Whether a "$$" between `from` and `to` lies elsewhere than on the first or last line
+// of the given display math (old positions; in the new text those from `edit` on
+// moved by `delta`).
+bool strayMathLine(const QString& text, int from, int to, const std::vector<TextRange>& math, int edit,
+                   int delta) {
+    auto moved = [&](int position) { return position < edit ? position : position + delta; };
+    for (auto at = text.indexOf(u"$$", from); at >= 0 && at < to; at = text.indexOf(u"$$", at + 2)) {
+        const int line = lineStart(text, static_cast<int>(at));
+        const bool ownLine = std::ranges::any_of(math, [&](const TextRange& range) {
+            return line == moved(range.start) || line == lineStart(text, moved(range.end()));
+        });
+        if (!ownLine) return true;
+    }
+    return false;
+}
+
 // Whether an old position lies inside code.
 bool insideCode(const std::vector<CodeBlock>& blocks, int position) {
     const auto after =
@@ -458,18 +474,6 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         return false;
     }
 
-    // Display math holding the edited lines is restyled whole: its "$$" lines pair as
-    // before as long as the edited lines hold none and keep their tags.
-    TextRange math{editedStart, 0};
-    int mathEndOld = oldEditedEnd;
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.start >= editedStart) break;
-        if (object.kind == DrawnKind::displayMath && lineStart(text_, object.end()) > oldEditedEnd) {
-            math = {object.start, object.length};
-            mathEndOld = lineEnd(text_, object.end());
-        }
-    }
-    const int mathEndNew = mathEndOld + added - removed;
     // A fence typed or deleted changes which lines are code down to the first line
     // where code ends both before and after the edit; code near the lines is styled
     // again whole, from its opening fence.
@@ -483,8 +487,8 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     span.oldSize = static_cast<int>(text_.size());
     span.newSize = static_cast<int>(text.size());
     span.delta = added - removed;
-    int top = math.start;
-    int lastOld = mathEndOld;  // the end of the last line to restyle, old text
+    int top = editedStart;
+    int lastOld = oldEditedEnd;  // the end of the last line to restyle, old text
     // Whether the last "$$" above `at` ends drawn display math (or there is none).
     auto mathClosesAbove = [&](int at) {
         const auto last = static_cast<int>(text.lastIndexOf(u"$$", at - 1));
@@ -524,6 +528,21 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         }
         code = fenceEdited || std::ranges::any_of(pass_.codeBlocks,
                                                   [&](const CodeBlock& block) { return meets(block.range); });
+        // Display math meeting the lines is restyled whole: its "$$" lines pair as before
+        // as long as the edited lines hold none, keep their tags and code stays as it is.
+        std::vector<TextRange> math;  // old positions
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.start > contextEndOld) break;
+            if (object.kind == DrawnKind::displayMath && meets({object.start, object.length})) {
+                math.push_back({object.start, object.length});
+            }
+        }
+        if (!math.empty() && code) return false;
+        if (!math.empty() && (math.front().start < top || lineEnd(text_, math.back().end()) > lastOld)) {
+            top = std::min(top, math.front().start);
+            lastOld = std::max(lastOld, lineEnd(text_, math.back().end()));
+            continue;
+        }
         // Lines turning into code (or back) lose (or gain) their tags and definitions.
         auto tagOrDefinition = [](QStringView lines) {
             return lines.contains(u'<') || lines.contains(u"]:");
@@ -548,10 +567,9 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
         // A "$$" line around the display math (or the edited lines) may close math that
         // began far above, even math that a tag inside it kept from being drawn.
-        if (QStringView(text).sliced(span.start, math.start - span.start).contains(u"$$") ||
-            oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
-            QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
-            QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
+        if (oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
+            strayMathLine(text_, span.start, contextEndOld, math, position, 0) ||
+            strayMathLine(text, span.start, contextEndNew, math, position, span.delta)) {
             return false;
         }
         // An open details block may hold the lines, away from its tags; a closed one hides
@@ -565,13 +583,6 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
                 return meets(block.range) && !holdsLines(block);
             })) {
             return false;
-        }
-        for (const DrawnObject& object : pass_.objects) {
-            if (object.start > contextEndOld) break;
-            if (object.kind == DrawnKind::displayMath && object.start != math.start &&
-                meets({object.start, object.length})) {
-                return false;
-            }
         }
         // The run cannot look above itself for the list item an indented fence belongs to.
         if (indentedFenceBelow(text, code ? span.start : span.newEnd, span.newEnd)) return false;

@@ -563,6 +563,11 @@ TEST(IncrementalStyler, TypingInDisplayMathRestylesTheWholeBlockOnly) {
         std::ranges::find(checker.styler.pass().objects, DrawnKind::displayMath, &DrawnObject::kind);
     ASSERT_NE(math, checker.styler.pass().objects.end());
     EXPECT_TRUE(math->text.contains(u"α"_s));
+    // Next to the math, the math is restyled along; a stray "$$" line nearby is not.
+    const int after = static_cast<int>(checker.text.indexOf(u"after"_s));
+    ASSERT_EQ(checker.edit(after, 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.start, static_cast<int>(checker.text.indexOf(u"before"_s)));
+    EXPECT_LT(change.restyled.end(), static_cast<int>(checker.text.indexOf(u"\nq\n"_s)));
     // A line ending the math, or a tag in it, changes how "$$" lines pair further down.
     ASSERT_EQ(checker.edit(at, 0, u"$$\n"_s, &change), "");
     ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
