@@ -37,10 +37,38 @@ bool holdsDetailsTag(QStringView lines) {
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
 }
 
-// Tokens that start or end a details block or a definition other lines look up.
+// Whether every "]:" in the lines ends the label of a footnote definition starting its
+// line (link definitions change what other lines link to).
+bool definesOnlyFootnotes(QStringView lines) {
+    for (auto at = lines.indexOf(u"]:"); at >= 0; at = lines.indexOf(u"]:", at + 2)) {
+        const qsizetype start = at > 0 ? lines.lastIndexOf(u'\n', at - 1) + 1 : 0;
+        const QStringView marker = lines.sliced(start, at + 2 - start);
+        if (marker.size() < 5 || !marker.startsWith(u"[^")) return false;
+        const QStringView label = marker.sliced(2, marker.size() - 4);
+        if (label.contains(u']') || label.contains(u'\r')) return false;
+    }
+    return true;
+}
+
+// Tokens that start or end a details block or a link definition other lines look up.
 // Edited lines holding them are left to the full pass.
 bool holdsBlockToken(QStringView lines) {
-    return holdsDetailsTag(lines) || lines.contains(u"]:");
+    return holdsDetailsTag(lines) || !definesOnlyFootnotes(lines);
+}
+
+// The footnote definition markers of some lines, relative to `start`.
+std::vector<TextRange> footnoteMarkersOf(QStringView lines, int start) {
+    static const QRegularExpression marker =
+        compilePattern(QStringLiteral(R"re((?m)^\[\^[^\]\r\n]+\]:[ \t]*)re"));
+    std::vector<TextRange> markers;
+    if (!lines.contains(u"]:")) return markers;
+    const QString searchable = withValidUtf16(lines.toString());
+    for (auto match = marker.globalMatch(searchable); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        markers.push_back(
+            {start + static_cast<int>(found.capturedStart()), static_cast<int>(found.capturedLength())});
+    }
+    return markers;
 }
 
 bool holdsFence(QStringView lines) {
@@ -467,6 +495,15 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         tag.start += added - removed;
     }
     if (oldTags != tagsOf(newEdited, editedStart)) return false;
+    // Footnote definitions keep their markers: only their text may change.
+    std::vector<TextRange> oldMarkers = footnoteMarkersOf(oldEdited, editedStart);
+    for (TextRange& marker : oldMarkers) {
+        // One ending at the edit stays; a blank typed after it shows as a longer marker.
+        if (marker.end() <= position) continue;
+        if (marker.start < position + removed) return false;
+        marker.start += added - removed;
+    }
+    if (oldMarkers != footnoteMarkersOf(newEdited, editedStart)) return false;
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
     if (angle(QStringView(text_).sliced(position, removed)) ||
@@ -502,7 +539,9 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         return false;
     };
     std::optional<StyledLineRun> run;
-    QHash<QString, int> definitions;
+    FootnoteContext noteFootnotes;
+    // Old positions outside the edit, moved into the new text.
+    auto moved = [&](int old) { return old >= position + removed ? old + added - removed : old; };
     bool footnotes = false;
     bool code = false;
     bool extended = false;
@@ -560,11 +599,6 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         // it would meet the lines); code appearing in it changes how later "$$" lines
         // pair. Drawn math closing on the last "$$" line above rules that out.
         if (code && !mathClosesAbove(span.start) && text.indexOf(u"$$", contextEndNew) >= 0) return false;
-        // The run is styled without its footnote definitions' context.
-        auto footnoteDefinition = [](QStringView lines) {
-            return lines.contains(u"]:") && lines.contains(u"[^");
-        };
-        if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
         // A "$$" line around the display math (or the edited lines) may close math that
         // began far above, even math that a tag inside it kept from being drawn.
         if (oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
@@ -588,15 +622,20 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         if (indentedFenceBelow(text, code ? span.start : span.newEnd, span.newEnd)) return false;
 
         footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
-        definitions.clear();
+        noteFootnotes = FootnoteContext{span.start, {}, {}};
         if (footnotes) {
             for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
-                definitions.insert(definition.label, span.shifted(definition.marker.start));
+                const int marker = moved(definition.marker.start);
+                noteFootnotes.definitions.insert(definition.label, marker);
+                if (definition.marker.start < span.start || definition.marker.start > contextEndOld) continue;
+                const int first = definition.firstReferenceLocation;
+                if (first >= position && first < position + removed) return false;
+                noteFootnotes.taken.insert(marker, first < 0 ? -1 : moved(first));
             }
         }
         LineRunContext context;
         context.startsAtTitle = span.start == 0;
-        context.footnoteDefinitions = &definitions;
+        context.footnotes = &noteFootnotes;
         context.linkDefinitions = &linkDefinitions_;
         run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_,
                            context);
@@ -639,17 +678,24 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
             q.markers.start += by;
             q.listMarker.start += by;
         });
-    // Reference locations already point into the whole note.
-    for (FootnoteReference& reference : pass_.footnoteReferences) span.shift(reference.definitionLocation);
+    // Locations already point into the whole note.
+    for (FootnoteReference& reference : pass_.footnoteReferences) {
+        reference.definitionLocation = moved(reference.definitionLocation);
+    }
     spliceItems(
         pass_.footnoteReferences, std::move(fresh.footnoteReferences), span,
         [](const FootnoteReference& r) { return r.range.start; },
         [](FootnoteReference& r, int by) { r.range.start += by; });
     for (FootnoteDefinition& definition : pass_.footnoteDefinitions) {
-        span.shift(definition.marker);
-        span.shift(definition.body);
-        span.shift(definition.firstReferenceLocation);
+        definition.firstReferenceLocation = moved(definition.firstReferenceLocation);
     }
+    spliceItems(
+        pass_.footnoteDefinitions, std::move(fresh.footnoteDefinitions), span,
+        [](const FootnoteDefinition& d) { return d.marker.start; },
+        [](FootnoteDefinition& d, int by) {
+            d.marker.start += by;
+            d.body.start += by;
+        });
     for (const auto& [index, location] : firstReferences) {
         pass_.footnoteDefinitions[index].firstReferenceLocation = location;
     }

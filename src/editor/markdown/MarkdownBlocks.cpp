@@ -249,6 +249,12 @@ std::vector<BlockQuoteLine> findBlockQuoteLines(const TextLines& lines, const Ra
 
 namespace {
 
+const QRegularExpression& footnoteDefinitionPattern() {
+    static const QRegularExpression definition =
+        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
+    return definition;
+}
+
 const QRegularExpression& footnoteReferencePattern() {
     static const QRegularExpression reference = compilePattern(QStringLiteral(R"re(\[\^([^\]\r\n]+)\])re"));
     return reference;
@@ -258,8 +264,7 @@ const QRegularExpression& footnoteReferencePattern() {
 
 Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions) {
     const QRegularExpression& reference = footnoteReferencePattern();
-    static const QRegularExpression definition =
-        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
+    const QRegularExpression& definition = footnoteDefinitionPattern();
 
     Footnotes footnotes;
     QHash<QString, int> definitionByLabel;  // label -> index into definitions
@@ -289,20 +294,30 @@ Footnotes findFootnotes(const QString& text, const TextLines& lines, const Range
     return footnotes;
 }
 
-std::vector<FootnoteReference> findFootnoteReferences(const QString& text, const TextLines& lines,
-                                                      const RangeSet& exclusions,
-                                                      const QHash<QString, int>& definitions) {
-    std::vector<FootnoteReference> references;
-    forEachMatch(footnoteReferencePattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
+Footnotes findFootnotesInRun(const QString& text, const TextLines& lines, const RangeSet& exclusions,
+                             const FootnoteContext& context) {
+    Footnotes footnotes;
+    QSet<int> definitionAt;
+    forEachMatch(footnoteDefinitionPattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
         const int start = static_cast<int>(match.capturedStart());
-        if (isDetailsTagLine(lines.content(lines.lineAt(start)))) return MatchVerdict::skip;
-        const QString label = match.captured(1);
-        const auto found = definitions.constFind(label);
-        if (found == definitions.constEnd()) return MatchVerdict::skip;
-        references.push_back({capturedRange(match, 0), label, *found});
+        definitionAt.insert(start);
+        const auto taken = context.taken.constFind(context.offset + start);
+        if (taken == context.taken.constEnd()) return MatchVerdict::skip;
+        footnotes.definitions.push_back(
+            {capturedRange(match, 1), capturedRange(match, 3), match.captured(2), *taken});
         return MatchVerdict::take;
     });
-    return references;
+    forEachMatch(footnoteReferencePattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
+        const int start = static_cast<int>(match.capturedStart());
+        if (definitionAt.contains(start)) return MatchVerdict::skip;
+        if (isDetailsTagLine(lines.content(lines.lineAt(start)))) return MatchVerdict::skip;
+        const QString label = match.captured(1);
+        const auto found = context.definitions.constFind(label);
+        if (found == context.definitions.constEnd()) return MatchVerdict::skip;
+        footnotes.references.push_back({capturedRange(match, 0), label, *found});
+        return MatchVerdict::take;
+    });
+    return footnotes;
 }
 
 }  // namespace mossly::markdown

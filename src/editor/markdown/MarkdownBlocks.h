@@ -37,11 +37,17 @@ struct Footnotes {
 
 Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions);
 
-// The references in a text that holds no definitions, resolved against definitions
-// elsewhere in the note (label -> marker start, stored as the reference's location).
-std::vector<FootnoteReference> findFootnoteReferences(const QString& text, const TextLines& lines,
-                                                      const RangeSet& exclusions,
-                                                      const QHash<QString, int>& definitions);
+// What a run of lines cut out of a note needs to know of the note's footnotes.
+struct FootnoteContext {
+    int offset = 0;                   // where the run starts in the note
+    QHash<QString, int> definitions;  // label -> marker start of the definition the note takes
+    QHash<int, int> taken;            // marker start -> first reference, for the definitions the
+                                      // note takes in the run; other definitions there are repeats
+};
+
+// The footnotes of such a run; locations other than ranges are positions in the note.
+Footnotes findFootnotesInRun(const QString& text, const TextLines& lines, const RangeSet& exclusions,
+                             const FootnoteContext& context);
 
 // The cells of one table row: split at pipes not preceded by a backslash, an
 // outer pipe on either side dropped, each cell trimmed.

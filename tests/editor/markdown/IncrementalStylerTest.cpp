@@ -609,6 +609,24 @@ TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
     EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, -1);
 }
 
+TEST(IncrementalStyler, TypingAFootnotesTextStaysLocal) {
+    QString note = u"Title\nSee[^a] and[^b].\n\n"_s;
+    for (int i = 0; i < 20; ++i) note += u"Filler *%1*\n\n"_s.arg(i);
+    note += u"[^a]: First text.\n[^b]: Second text.\n[^a]: A repeat, left as typed.\n"_s;
+    EditChecker checker(note);
+    StyleChange change;
+    const int second = static_cast<int>(note.indexOf(u"Second"_s));
+    ASSERT_EQ(checker.edit(second, 0, u"The "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 80);
+    const int repeat = static_cast<int>(checker.text.indexOf(u"A repeat"_s));
+    ASSERT_EQ(checker.edit(repeat, 0, u"x[^b] "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 120);
+    // A blank after the marker lengthens it, and a changed label defines another note.
+    ASSERT_EQ(checker.edit(second, 0, u" "_s, &change), "");
+    ASSERT_EQ(checker.edit(static_cast<int>(checker.text.indexOf(u"[^b]:"_s)) + 2, 1, u"c"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, checker.text.size());
+}
+
 TEST(IncrementalStyler, SourcePresentationAndInconsistentEditsRestyleTheWholeNote) {
     EditChecker source(u"# Title\n**bold** and `code`\n```\nx\n```"_s, Presentation::source);
     StyleChange change;
