@@ -515,6 +515,9 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     // where code ends both before and after the edit; code near the lines is styled
     // again whole, from its opening fence.
     const bool fenceEdited = holdsFence(oldEdited) || holdsFence(newEdited);
+    // A "$$" line typed or deleted changes how every "$$" line below it pairs: the lines
+    // are restyled to the note's end.
+    const bool mathEdited = oldEdited.contains(u"$$") || newEdited.contains(u"$$");
 
     // The lines restyled: the edited ones (with any display math, code or table rows
     // around them) and the line above, whose soft break looks at the first of them.
@@ -577,6 +580,13 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
             }
         }
         if (!math.empty() && code) return false;
+        if (mathEdited) {
+            if (code || !mathClosesAbove(span.start)) return false;
+            if (lastOld < span.oldSize) {
+                lastOld = span.oldSize;
+                continue;
+            }
+        }
         if (!math.empty() && (math.front().start < top || lineEnd(text_, math.back().end()) > lastOld)) {
             top = std::min(top, math.front().start);
             lastOld = std::max(lastOld, lineEnd(text_, math.back().end()));
@@ -601,9 +611,8 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         if (code && !mathClosesAbove(span.start) && text.indexOf(u"$$", contextEndNew) >= 0) return false;
         // A "$$" line around the display math (or the edited lines) may close math that
         // began far above, even math that a tag inside it kept from being drawn.
-        if (oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
-            strayMathLine(text_, span.start, contextEndOld, math, position, 0) ||
-            strayMathLine(text, span.start, contextEndNew, math, position, span.delta)) {
+        if (!mathEdited && (strayMathLine(text_, span.start, contextEndOld, math, position, 0) ||
+                            strayMathLine(text, span.start, contextEndNew, math, position, span.delta))) {
             return false;
         }
         // An open details block may hold the lines, away from its tags; a closed one hides

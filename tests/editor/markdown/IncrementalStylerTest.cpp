@@ -514,6 +514,20 @@ TEST(IncrementalStyler, AFenceRestylesDownToWhereCodeEndsAsBefore) {
     EXPECT_LT(change.restyled.length, 60);
 }
 
+TEST(IncrementalStyler, ADisplayMathLineRestylesToTheNotesEnd) {
+    EditChecker checker(u"Title\n\n$$\na\n$$\n\ntext *x*\n\nmore\n$$\nb\n$$\nend"_s);
+    const int at = static_cast<int>(checker.text.indexOf(u"more"_s));
+    StyleChange change;
+    ASSERT_EQ(checker.edit(at, 0, u"$$\n"_s, &change), "");
+    EXPECT_EQ(change.restyled.start, at - 1);  // the blank line above
+    EXPECT_EQ(change.restyled.end(), checker.text.size());
+    ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
+    // Below a "$$" line that drew nothing, the pairing above may change too.
+    EditChecker unpaired(u"Title\n$$\n<b>\n$$\ntext\n$$\nx"_s);
+    ASSERT_EQ(unpaired.edit(static_cast<int>(unpaired.text.indexOf(u"text"_s)), 0, u"$$\n"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, unpaired.text.size());
+}
+
 // Found by the random edits: a "$$" pair that a tag kept from being drawn still used
 // up its closing line, so the "$$" lines around an edit did not pair with each other.
 TEST(IncrementalStyler, DisplayMathLinesNearTheEditPairAsInTheWholeNote) {
