@@ -58,15 +58,13 @@ bool holdsBlockToken(QStringView lines) {
 
 // The footnote definition markers of some lines, relative to `start`.
 std::vector<TextRange> footnoteMarkersOf(QStringView lines, int start) {
-    static const QRegularExpression marker =
-        compilePattern(QStringLiteral(R"re((?m)^\[\^[^\]\r\n]+\]:[ \t]*)re"));
     std::vector<TextRange> markers;
     if (!lines.contains(u"]:")) return markers;
     const QString searchable = withValidUtf16(lines.toString());
-    for (auto match = marker.globalMatch(searchable); match.hasNext();) {
+    for (auto match = footnoteDefinitionPattern().globalMatch(searchable); match.hasNext();) {
         const QRegularExpressionMatch found = match.next();
         markers.push_back(
-            {start + static_cast<int>(found.capturedStart()), static_cast<int>(found.capturedLength())});
+            {start + static_cast<int>(found.capturedStart(1)), static_cast<int>(found.capturedLength(1))});
     }
     return markers;
 }

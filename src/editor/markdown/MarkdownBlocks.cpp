@@ -59,6 +59,12 @@ TextRange capturedRange(const QRegularExpressionMatch& match, int group, int off
 
 }  // namespace
 
+const QRegularExpression& footnoteDefinitionPattern() {
+    static const QRegularExpression definition =
+        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
+    return definition;
+}
+
 std::optional<Fence> openingFence(QStringView line) {
     const int at = leadingBlanks(line);
     if (at >= line.size() || (line[at] != u'`' && line[at] != u'~')) return std::nullopt;
@@ -248,12 +254,6 @@ std::vector<BlockQuoteLine> findBlockQuoteLines(const TextLines& lines, const Ra
 }
 
 namespace {
-
-const QRegularExpression& footnoteDefinitionPattern() {
-    static const QRegularExpression definition =
-        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
-    return definition;
-}
 
 const QRegularExpression& footnoteReferencePattern() {
     static const QRegularExpression reference = compilePattern(QStringLiteral(R"re(\[\^([^\]\r\n]+)\])re"));

@@ -37,6 +37,9 @@ struct Footnotes {
 
 Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions);
 
+// A footnote definition line: group 1 is the marker, 2 the label, 3 the text.
+const QRegularExpression& footnoteDefinitionPattern();
+
 // What a run of lines cut out of a note needs to know of the note's footnotes.
 struct FootnoteContext {
     int offset = 0;                   // where the run starts in the note

@@ -626,7 +626,7 @@ TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
 TEST(IncrementalStyler, TypingAFootnotesTextStaysLocal) {
     QString note = u"Title\nSee[^a] and[^b].\n\n"_s;
     for (int i = 0; i < 20; ++i) note += u"Filler *%1*\n\n"_s.arg(i);
-    note += u"[^a]: First text.\n[^b]: Second text.\n[^a]: A repeat, left as typed.\n"_s;
+    note += u"[^a]: First text.\n[^b]: Second text.\n\nCR line\r\n[^a]: A repeat, left as typed.\n"_s;
     EditChecker checker(note);
     StyleChange change;
     const int second = static_cast<int>(note.indexOf(u"Second"_s));
@@ -635,6 +635,10 @@ TEST(IncrementalStyler, TypingAFootnotesTextStaysLocal) {
     const int repeat = static_cast<int>(checker.text.indexOf(u"A repeat"_s));
     ASSERT_EQ(checker.edit(repeat, 0, u"x[^b] "_s, &change), "");
     EXPECT_LT(change.restyled.length, 120);
+    // Found by the random edits: joined to a line ending in "\r", a definition is none.
+    const int blank = static_cast<int>(checker.text.indexOf(u"\n\nCR line"_s));
+    ASSERT_EQ(checker.edit(blank, 2, {}, &change), "");
+    ASSERT_EQ(checker.edit(blank, 0, u"\n\n"_s, &change), "");
     // A blank after the marker lengthens it, and a changed label defines another note.
     ASSERT_EQ(checker.edit(second, 0, u" "_s, &change), "");
     ASSERT_EQ(checker.edit(static_cast<int>(checker.text.indexOf(u"[^b]:"_s)) + 2, 1, u"c"_s, &change), "");
