@@ -3,8 +3,10 @@
 #include <QSet>
 #include <algorithm>
 #include <array>
+#include <optional>
 #include <utility>
 
+#include "MarkdownBlocks.h"
 #include "MarkdownLineRun.h"
 #include "MarkdownStyler.h"
 #include "MarkdownText.h"
@@ -29,12 +31,46 @@ int nextLineStart(const QString& text, int position) {
     return end < text.size() ? end + 1 : end;
 }
 
-// Tokens that start or end a construct spanning lines (fences, details blocks) or a
-// definition other lines look up. Edited lines holding them are left to the full pass.
-bool holdsBlockToken(QStringView lines) {
-    static constexpr std::array<QStringView, 7> tokens = {u"```",       u"~~~",      u"]:",       u"<details",
-                                                          u"</details", u"<summary", u"</summary"};
+bool holdsDetailsTag(QStringView lines) {
+    static constexpr std::array<QStringView, 4> tokens = {u"<details", u"</details", u"<summary",
+                                                          u"</summary"};
     return std::ranges::any_of(tokens, [&](QStringView token) { return lines.contains(token); });
+}
+
+// Whether every "]:" in the lines ends the label of a footnote definition starting its
+// line (link definitions change what other lines link to).
+bool definesOnlyFootnotes(QStringView lines) {
+    for (auto at = lines.indexOf(u"]:"); at >= 0; at = lines.indexOf(u"]:", at + 2)) {
+        const qsizetype start = at > 0 ? lines.lastIndexOf(u'\n', at - 1) + 1 : 0;
+        const QStringView marker = lines.sliced(start, at + 2 - start);
+        if (marker.size() < 5 || !marker.startsWith(u"[^")) return false;
+        const QStringView label = marker.sliced(2, marker.size() - 4);
+        if (label.contains(u']') || label.contains(u'\r')) return false;
+    }
+    return true;
+}
+
+// Tokens that start or end a details block or a link definition other lines look up.
+// Edited lines holding them are left to the full pass.
+bool holdsBlockToken(QStringView lines) {
+    return holdsDetailsTag(lines) || !definesOnlyFootnotes(lines);
+}
+
+// The footnote definition markers of some lines, relative to `start`.
+std::vector<TextRange> footnoteMarkersOf(QStringView lines, int start) {
+    std::vector<TextRange> markers;
+    if (!lines.contains(u"]:")) return markers;
+    const QString searchable = withValidUtf16(lines.toString());
+    for (auto match = footnoteDefinitionPattern().globalMatch(searchable); match.hasNext();) {
+        const QRegularExpressionMatch found = match.next();
+        markers.push_back(
+            {start + static_cast<int>(found.capturedStart(1)), static_cast<int>(found.capturedLength(1))});
+    }
+    return markers;
+}
+
+bool holdsFence(QStringView lines) {
+    return lines.contains(u"```") || lines.contains(u"~~~");
 }
 
 // The HTML tags of some lines, relative to `start`. A tag inside display math keeps
@@ -74,13 +110,14 @@ int lastOfRowRun(const QString& text, int end) {
     return end;
 }
 
-// Whether an indented fence lies close enough below `from` that whether it opens code
-// (inside a list item) may depend on the lines above it.
-bool indentedFenceBelow(const QString& text, int from) {
+// Whether an indented fence lies between `from` and `through` or close enough below
+// that whether it opens code (inside a list item) may depend on the lines above it.
+bool indentedFenceBelow(const QString& text, int from, int through) {
     constexpr int kListItemWalk = 501;  // one more than the fence scan looks back
     const int size = static_cast<int>(text.size());
     int position = from;
-    for (int line = 0; line < kListItemWalk && position < size; ++line) {
+    for (int line = 0; (line < kListItemWalk || position < through) && position < size; ++line) {
+        if (position < through) line = 0;
         int first = position;
         while (first < size && (text[first] == u' ' || text[first] == u'\t')) ++first;
         if (first > position && first + 2 < size && (text[first] == u'`' || text[first] == u'~') &&
@@ -123,10 +160,17 @@ struct LineSpan {
     bool holdsNew(int position) const {
         return position >= start && (position < newEnd || (newEnd == newSize && position == newSize));
     }
-    // Old positions outside the restyled lines, moved into the new text.
+    // Old positions outside the restyled lines, moved into the new text; a range
+    // holding the lines (a details block around them) grows with them.
     int shifted(int position) const { return position >= oldEnd ? position + delta : position; }
     void shift(int& position) const { position = shifted(position); }
-    void shift(TextRange& range) const { range.start = shifted(range.start); }
+    void shift(TextRange& range) const {
+        if (range.start <= start && range.length > 0 && range.end() >= oldEnd) {
+            range.length += delta;
+        } else {
+            range.start = shifted(range.start);
+        }
+    }
 };
 
 // Splices a vector of items that each sit at one position: the old items outside the
@@ -262,6 +306,86 @@ void spliceTables(StylePass& pass, StylePass& fresh, const LineSpan& span) {
         });
 }
 
+// Whether a "$$" between `from` and `to` lies elsewhere than on the first or last line
+// of the given display math (old positions; in the new text those from `edit` on
+// moved by `delta`).
+bool strayMathLine(const QString& text, int from, int to, const std::vector<TextRange>& math, int edit,
+                   int delta) {
+    auto moved = [&](int position) { return position < edit ? position : position + delta; };
+    for (auto at = text.indexOf(u"$$", from); at >= 0 && at < to; at = text.indexOf(u"$$", at + 2)) {
+        const int line = lineStart(text, static_cast<int>(at));
+        const bool ownLine = std::ranges::any_of(math, [&](const TextRange& range) {
+            return line == moved(range.start) || line == lineStart(text, moved(range.end()));
+        });
+        if (!ownLine) return true;
+    }
+    return false;
+}
+
+// Whether an old position lies inside code.
+bool insideCode(const std::vector<CodeBlock>& blocks, int position) {
+    const auto after =
+        std::ranges::upper_bound(blocks, position, {}, [](const CodeBlock& b) { return b.range.start; });
+    return after != blocks.begin() && std::prev(after)->range.end() >= position;
+}
+
+// Scans fences over the new text from `from` (a line start outside code) the way the
+// full pass does, to the first line past `editedEnd` at whose start code is closed
+// both in the new text and in the old pass: from there on nothing differs. Returns
+// the end of the line before it, nothing when an indented fence (whose meaning
+// depends on the lines above it) turns up.
+std::optional<int> codeAgreesAgain(const QString& text, int from, int editedEnd,
+                                   const std::vector<CodeBlock>& oldBlocks, int delta) {
+    const int size = static_cast<int>(text.size());
+    std::optional<Fence> open;
+    for (int line = from;;) {
+        if (line > editedEnd && !open && !insideCode(oldBlocks, line - delta)) return line - 1;
+        const int end = lineEnd(text, line);
+        QStringView content = QStringView(text).sliced(line, end - line);
+        if (content.endsWith(u'\r')) content.chop(1);
+        if (open) {
+            if (closesFence(content, *open)) open.reset();
+        } else if (const std::optional<Fence> fence = openingFence(content)) {
+            if (fence->indentation > 0) return std::nullopt;
+            open = fence;
+        }
+        if (end >= size) return size;
+        line = end + 1;
+    }
+}
+
+// Code blocks are numbered through the note like tables.
+void spliceCodeBlocks(StylePass& pass, StylePass& fresh, const LineSpan& span) {
+    const auto blocksAbove = static_cast<int>(std::ranges::count_if(
+        pass.codeBlocks, [&](const CodeBlock& block) { return block.range.start < span.start; }));
+    const auto blocksWithin = static_cast<int>(std::ranges::count_if(
+        pass.codeBlocks, [&](const CodeBlock& block) { return span.holdsOld(block.range.start); }));
+    const int renumbered =
+        static_cast<int>(std::ranges::count_if(
+            fresh.codeBlocks,
+            [&](const CodeBlock& block) { return span.holdsNew(span.start + block.range.start); })) -
+        blocksWithin;
+    for (DrawnObject& object : fresh.objects) {
+        if (object.kind == DrawnKind::codePanel) object.index += blocksAbove;
+    }
+    if (renumbered != 0) {
+        for (DrawnObject& object : pass.objects) {
+            if (object.kind == DrawnKind::codePanel && object.start >= span.oldEnd)
+                object.index += renumbered;
+        }
+    }
+    spliceItems(
+        pass.codeBlocks, std::move(fresh.codeBlocks), span, [](const CodeBlock& b) { return b.range.start; },
+        [](CodeBlock& block, int by) {
+            block.range.start += by;
+            block.openingFence.start += by;
+            block.closingFence.start += by;
+            block.body.start += by;
+            // Blocks outside list items keep an empty indentation at 0.
+            if (block.indentation.length > 0) block.indentation.start += by;
+        });
+}
+
 // Calls `range(start, length)` for every range and `point(position)` for every lone
 // position a pass holds.
 template <typename Range, typename Point>
@@ -355,39 +479,9 @@ StyleChange IncrementalStyler::update(const QString& text, int position, int rem
 
 bool IncrementalStyler::restyleLines(const QString& text, int position, int removed, int added,
                                      TextRange& restyled) {
-    // The edited lines, widened over the table rows around them, and the line above
-    // (whose soft break looks at the first of them) are restyled; the line below is
-    // styled along as context only. Every table lies in a run of lines holding '|', so
-    // no table crosses the restyled lines' edges.
-    LineSpan span;
     const int editedStart = lineStart(text, position);
     const int oldEditedEnd = lineEnd(text_, position + removed);
     const int newEditedEnd = lineEnd(text, position + added);
-    // Display math holding the edited lines is restyled whole: its "$$" lines pair as
-    // before as long as the edited lines hold none and keep their tags.
-    TextRange math{editedStart, 0};
-    int mathEndOld = oldEditedEnd;
-    int mathEndNew = newEditedEnd;
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.start >= editedStart) break;
-        if (object.kind == DrawnKind::displayMath && lineStart(text_, object.end()) > oldEditedEnd) {
-            math = {object.start, object.length};
-            mathEndOld = lineEnd(text_, object.end());
-            mathEndNew = mathEndOld + added - removed;
-        }
-    }
-    const int top = firstOfRowRun(text, math.start);
-    span.start = top > 0 ? lineStart(text, top - 1) : 0;
-    span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, mathEndOld));
-    span.newEnd = nextLineStart(text, lastOfRowRun(text, mathEndNew));
-    span.oldSize = static_cast<int>(text_.size());
-    span.newSize = static_cast<int>(text.size());
-    span.delta = added - removed;
-    const int contextEndOld = lineEnd(text_, span.oldEnd);
-    const int contextEndNew = lineEnd(text, span.newEnd);
-
-    const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
-    const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
     const QStringView oldEdited = QStringView(text_).sliced(editedStart, oldEditedEnd - editedStart);
     const QStringView newEdited = QStringView(text).sliced(editedStart, newEditedEnd - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
@@ -399,54 +493,170 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
         tag.start += added - removed;
     }
     if (oldTags != tagsOf(newEdited, editedStart)) return false;
-    // The run is styled without its footnote definitions' context; and a "$$" line
-    // around the edited ones may close display math that began far above, even math
-    // that a tag inside it kept from being drawn.
-    auto footnoteDefinition = [](QStringView lines) {
-        return lines.contains(u"]:") && lines.contains(u"[^");
-    };
-    if (footnoteDefinition(oldLines) || footnoteDefinition(newLines)) return false;
-    const QStringView aboveMath = QStringView(text).sliced(span.start, math.start - span.start);
-    if (aboveMath.contains(u"$$") || oldEdited.contains(u"$$") || newEdited.contains(u"$$") ||
-        QStringView(text_).sliced(mathEndOld, contextEndOld - mathEndOld).contains(u"$$") ||
-        QStringView(text).sliced(mathEndNew, contextEndNew - mathEndNew).contains(u"$$")) {
-        return false;
+    // Footnote definitions keep their markers: only their text may change.
+    std::vector<TextRange> oldMarkers = footnoteMarkersOf(oldEdited, editedStart);
+    for (TextRange& marker : oldMarkers) {
+        // One ending at the edit stays; a blank typed after it shows as a longer marker.
+        if (marker.end() <= position) continue;
+        if (marker.start < position + removed) return false;
+        marker.start += added - removed;
     }
+    if (oldMarkers != footnoteMarkersOf(newEdited, editedStart)) return false;
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
     if (angle(QStringView(text_).sliced(position, removed)) ||
         angle(QStringView(text).sliced(position, added))) {
         return false;
     }
-    auto meets = [&](TextRange range) { return range.start <= contextEndOld && range.end() >= span.start; };
-    if (std::ranges::any_of(pass_.codeBlocks, [&](const CodeBlock& block) { return meets(block.range); }) ||
-        std::ranges::any_of(pass_.detailsBlocks,
-                            [&](const DetailsBlock& block) { return meets(block.range); })) {
+
+    // A fence typed or deleted changes which lines are code down to the first line
+    // where code ends both before and after the edit; code near the lines is styled
+    // again whole, from its opening fence.
+    const bool fenceEdited = holdsFence(oldEdited) || holdsFence(newEdited);
+    // A "$$" line typed or deleted changes how every "$$" line below it pairs: the lines
+    // are restyled to the note's end.
+    const bool mathEdited = oldEdited.contains(u"$$") || newEdited.contains(u"$$");
+
+    // The lines restyled: the edited ones (with any display math, code or table rows
+    // around them) and the line above, whose soft break looks at the first of them.
+    // The line below is styled along as context only. Every table lies in a run of
+    // lines holding '|', so no table crosses the span's edges.
+    LineSpan span;
+    span.oldSize = static_cast<int>(text_.size());
+    span.newSize = static_cast<int>(text.size());
+    span.delta = added - removed;
+    int top = editedStart;
+    int lastOld = oldEditedEnd;  // the end of the last line to restyle, old text
+    // Whether the last "$$" above `at` ends drawn display math (or there is none).
+    auto mathClosesAbove = [&](int at) {
+        const auto last = static_cast<int>(text.lastIndexOf(u"$$", at - 1));
+        if (at == 0 || last < 0) return true;
+        const auto after = std::ranges::upper_bound(pass_.objects, last, {}, &DrawnObject::start);
+        for (auto object = std::make_reverse_iterator(after); object != pass_.objects.rend(); ++object) {
+            if (object->kind == DrawnKind::displayMath) {
+                return lineStart(text_, object->end()) == lineStart(text, last);
+            }
+        }
         return false;
-    }
-    for (const DrawnObject& object : pass_.objects) {
-        if (object.start > contextEndOld) break;
-        if (object.kind == DrawnKind::displayMath && object.start != math.start &&
-            meets({object.start, object.length})) {
+    };
+    std::optional<StyledLineRun> run;
+    FootnoteContext noteFootnotes;
+    // Old positions outside the edit, moved into the new text.
+    auto moved = [&](int old) { return old >= position + removed ? old + added - removed : old; };
+    bool footnotes = false;
+    bool code = false;
+    bool extended = false;
+    while (true) {
+        const int firstRow = firstOfRowRun(text, top);
+        span.start = firstRow > 0 ? lineStart(text, firstRow - 1) : 0;
+        span.oldEnd = nextLineStart(text_, lastOfRowRun(text_, lastOld));
+        span.newEnd = span.oldEnd + span.delta;
+        const int contextEndOld = lineEnd(text_, span.oldEnd);
+        const int contextEndNew = lineEnd(text, span.newEnd);
+        const QStringView oldLines = QStringView(text_).sliced(span.start, contextEndOld - span.start);
+        const QStringView newLines = QStringView(text).sliced(span.start, contextEndNew - span.start);
+
+        auto meets = [&](TextRange range) {
+            return range.start <= contextEndOld && range.end() >= span.start;
+        };
+        const auto above = std::ranges::find_if(pass_.codeBlocks, [&](const CodeBlock& block) {
+            return block.range.start < span.start && block.range.end() >= span.start;
+        });
+        if (above != pass_.codeBlocks.end()) {
+            top = above->range.start;
+            continue;
+        }
+        code = fenceEdited || std::ranges::any_of(pass_.codeBlocks,
+                                                  [&](const CodeBlock& block) { return meets(block.range); });
+        // Display math meeting the lines is restyled whole: its "$$" lines pair as before
+        // as long as the edited lines hold none, keep their tags and code stays as it is.
+        std::vector<TextRange> math;  // old positions
+        for (const DrawnObject& object : pass_.objects) {
+            if (object.start > contextEndOld) break;
+            if (object.kind == DrawnKind::displayMath && meets({object.start, object.length})) {
+                math.push_back({object.start, object.length});
+            }
+        }
+        if (!math.empty() && code) return false;
+        if (mathEdited) {
+            if (code || !mathClosesAbove(span.start)) return false;
+            if (lastOld < span.oldSize) {
+                lastOld = span.oldSize;
+                continue;
+            }
+        }
+        if (!math.empty() && (math.front().start < top || lineEnd(text_, math.back().end()) > lastOld)) {
+            top = std::min(top, math.front().start);
+            lastOld = std::max(lastOld, lineEnd(text_, math.back().end()));
+            continue;
+        }
+        // Lines turning into code (or back) lose (or gain) their tags and definitions.
+        auto tagOrDefinition = [](QStringView lines) {
+            return lines.contains(u'<') || lines.contains(u"]:");
+        };
+        if (code && !extended) {
+            const std::optional<int> agreed =
+                codeAgreesAgain(text, span.start, newEditedEnd, pass_.codeBlocks, span.delta);
+            if (!agreed) return false;
+            lastOld = std::max(lastOld, *agreed - span.delta);
+            extended = true;
+            continue;
+        }
+        if (code && (tagOrDefinition(oldLines) || tagOrDefinition(newLines))) return false;
+        // Display math whose "$$" lines lie on both sides was kept from being drawn (or
+        // it would meet the lines); code appearing in it changes how later "$$" lines
+        // pair. Drawn math closing on the last "$$" line above rules that out.
+        if (code && !mathClosesAbove(span.start) && text.indexOf(u"$$", contextEndNew) >= 0) return false;
+        // A "$$" line around the display math (or the edited lines) may close math that
+        // began far above, even math that a tag inside it kept from being drawn.
+        if (!mathEdited && (strayMathLine(text_, span.start, contextEndOld, math, position, 0) ||
+                            strayMathLine(text, span.start, contextEndNew, math, position, span.delta))) {
             return false;
         }
-    }
-    if (indentedFenceBelow(text, span.newEnd)) return false;
-
-    const bool footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
-    QHash<QString, int> definitions;
-    if (footnotes) {
-        for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
-            definitions.insert(definition.label, span.shifted(definition.marker.start));
+        // An open details block may hold the lines, away from its tags; a closed one hides
+        // them, which the run cannot know.
+        auto holdsLines = [&](const DetailsBlock& block) {
+            return block.open && block.summaryCloseTag.end() < span.start &&
+                   block.closingTag.start > contextEndOld && !holdsDetailsTag(oldLines) &&
+                   !holdsDetailsTag(newLines);
+        };
+        if (std::ranges::any_of(pass_.detailsBlocks, [&](const DetailsBlock& block) {
+                return meets(block.range) && !holdsLines(block);
+            })) {
+            return false;
         }
+        // The run cannot look above itself for the list item an indented fence belongs to.
+        if (indentedFenceBelow(text, code ? span.start : span.newEnd, span.newEnd)) return false;
+
+        footnotes = oldLines.contains(u"[^") || newLines.contains(u"[^");
+        noteFootnotes = FootnoteContext{span.start, {}, {}};
+        if (footnotes) {
+            for (const FootnoteDefinition& definition : pass_.footnoteDefinitions) {
+                const int marker = moved(definition.marker.start);
+                noteFootnotes.definitions.insert(definition.label, marker);
+                if (definition.marker.start < span.start || definition.marker.start > contextEndOld) continue;
+                const int first = definition.firstReferenceLocation;
+                if (first >= position && first < position + removed) return false;
+                noteFootnotes.taken.insert(marker, first < 0 ? -1 : moved(first));
+            }
+        }
+        LineRunContext context;
+        context.startsAtTitle = span.start == 0;
+        context.footnotes = &noteFootnotes;
+        context.linkDefinitions = &linkDefinitions_;
+        run = styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_,
+                           context);
+        break;
     }
-    LineRunContext context;
-    context.startsAtTitle = span.start == 0;
-    context.footnoteDefinitions = &definitions;
-    context.linkDefinitions = &linkDefinitions_;
-    StyledLineRun run =
-        styleLineRun(withValidUtf16(newLines.toString()), baseSize_, noteDirectory_, noteFilePath_, context);
-    StylePass& fresh = run.pass;
+    StylePass& fresh = run->pass;
+    // Table rows past where code agrees again may have carried the span into code.
+    const int runEnd = span.newEnd - span.start;
+    if (span.newEnd < span.newSize && (insideCode(pass_.codeBlocks, span.oldEnd) ||
+                                       std::ranges::any_of(fresh.codeBlocks, [&](const CodeBlock& b) {
+                                           return b.range.start < runEnd && b.range.end() >= runEnd;
+                                       }))) {
+        return false;
+    }
 
     std::vector<std::pair<std::size_t, int>> firstReferences;
     if (footnotes &&
@@ -455,6 +665,7 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     }
 
     spliceTables(pass_, fresh, span);
+    spliceCodeBlocks(pass_, fresh, span);
     spliceRuns(pass_.runs, fresh.runs, span);
     spliceItems(
         pass_.objects, std::move(fresh.objects), span, [](const DrawnObject& o) { return o.start; },
@@ -474,27 +685,28 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
             q.markers.start += by;
             q.listMarker.start += by;
         });
-    // Reference locations already point into the whole note.
-    for (FootnoteReference& reference : pass_.footnoteReferences) span.shift(reference.definitionLocation);
+    // Locations already point into the whole note.
+    for (FootnoteReference& reference : pass_.footnoteReferences) {
+        reference.definitionLocation = moved(reference.definitionLocation);
+    }
     spliceItems(
         pass_.footnoteReferences, std::move(fresh.footnoteReferences), span,
         [](const FootnoteReference& r) { return r.range.start; },
         [](FootnoteReference& r, int by) { r.range.start += by; });
     for (FootnoteDefinition& definition : pass_.footnoteDefinitions) {
-        span.shift(definition.marker);
-        span.shift(definition.body);
-        span.shift(definition.firstReferenceLocation);
+        definition.firstReferenceLocation = moved(definition.firstReferenceLocation);
     }
+    spliceItems(
+        pass_.footnoteDefinitions, std::move(fresh.footnoteDefinitions), span,
+        [](const FootnoteDefinition& d) { return d.marker.start; },
+        [](FootnoteDefinition& d, int by) {
+            d.marker.start += by;
+            d.body.start += by;
+        });
     for (const auto& [index, location] : firstReferences) {
         pass_.footnoteDefinitions[index].firstReferenceLocation = location;
     }
     if (span.delta != 0) {
-        for (CodeBlock& block : pass_.codeBlocks) {
-            for (TextRange* range :
-                 {&block.range, &block.openingFence, &block.closingFence, &block.body, &block.indentation}) {
-                span.shift(*range);
-            }
-        }
         for (DetailsBlock& block : pass_.detailsBlocks) {
             for (TextRange* range : {&block.range, &block.openingTag, &block.summaryOpenTag, &block.summary,
                                      &block.summaryCloseTag, &block.body, &block.closingTag}) {
@@ -530,7 +742,7 @@ bool IncrementalStyler::restyleInsideCode(const QString& text, int position, int
         opens(QStringView(text).sliced(editedStart, newEditedEnd - editedStart)) ||
         QStringView(text_).sliced(position, removed).contains(u'>') ||
         QStringView(text).sliced(position, added).contains(u'>') ||
-        indentedFenceBelow(text, std::min(newEditedEnd + 1, static_cast<int>(text.size())))) {
+        indentedFenceBelow(text, std::min(newEditedEnd + 1, static_cast<int>(text.size())), 0)) {
         return false;
     }
     const TextRange body = block->body;

@@ -14,7 +14,9 @@ struct StyleChange {
 // Keeps a note's styling pass up to date as the note is edited. After every call,
 // pass() equals styleMarkdown() over the same text; an edit restyles only the lines
 // it can affect and reports them, and everything outside that range is the previous
-// pass shifted by the edit's length change.
+// pass with positions after the edit shifted by its length change (only the index of
+// a drawn code panel or table may be renumbered). Whatever the edit cannot be shown
+// to leave alone, and every edit in the source presentation, restyles the whole note.
 class IncrementalStyler {
   public:
     IncrementalStyler(Presentation presentation, double baseSize, QString noteDirectory,
@@ -37,7 +39,7 @@ class IncrementalStyler {
     double baseSize_;
     QString noteDirectory_;
     QString noteFilePath_;
-    QString text_;  // valid UTF-16, as styled
+    QString text_;  // as last given
     StylePass pass_;
     QHash<QString, QString> linkDefinitions_;  // of the last full pass; edits never touch them
     bool styled_ = false;

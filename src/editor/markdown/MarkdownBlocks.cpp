@@ -18,33 +18,6 @@ int leadingBlanks(QStringView line) {
     return i;
 }
 
-struct Fence {
-    QChar marker;
-    int count = 0;
-    int indentation = 0;  // characters before the fence
-};
-
-std::optional<Fence> openingFence(QStringView line) {
-    const int at = leadingBlanks(line);
-    if (at >= line.size() || (line[at] != u'`' && line[at] != u'~')) return std::nullopt;
-    const QChar marker = line[at];
-    int count = 0;
-    while (at + count < line.size() && line[at + count] == marker) ++count;
-    if (count < 3) return std::nullopt;
-    // A backtick fence's info string may not hold a backtick: "```a```" is inline code.
-    if (marker == u'`' && line.sliced(at + count).contains(u'`')) return std::nullopt;
-    return Fence{marker, count, at};
-}
-
-bool closesFence(QStringView line, const Fence& fence) {
-    const QStringView trimmed = line.trimmed();
-    if (trimmed.size() < fence.count) return false;
-    for (const QChar c : trimmed) {
-        if (c != fence.marker) return false;
-    }
-    return true;
-}
-
 // Whether an indented fence belongs to a list item: the nearest less-indented
 // non-blank line above it is an item. The walk is bounded so that a long run of
 // indented lines cannot make the scan quadratic.
@@ -85,6 +58,33 @@ TextRange capturedRange(const QRegularExpressionMatch& match, int group, int off
 }
 
 }  // namespace
+
+const QRegularExpression& footnoteDefinitionPattern() {
+    static const QRegularExpression definition =
+        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
+    return definition;
+}
+
+std::optional<Fence> openingFence(QStringView line) {
+    const int at = leadingBlanks(line);
+    if (at >= line.size() || (line[at] != u'`' && line[at] != u'~')) return std::nullopt;
+    const QChar marker = line[at];
+    int count = 0;
+    while (at + count < line.size() && line[at + count] == marker) ++count;
+    if (count < 3) return std::nullopt;
+    // A backtick fence's info string may not hold a backtick: "```a```" is inline code.
+    if (marker == u'`' && line.sliced(at + count).contains(u'`')) return std::nullopt;
+    return Fence{marker, count, at};
+}
+
+bool closesFence(QStringView line, const Fence& fence) {
+    const QStringView trimmed = line.trimmed();
+    if (trimmed.size() < fence.count) return false;
+    for (const QChar c : trimmed) {
+        if (c != fence.marker) return false;
+    }
+    return true;
+}
 
 std::vector<CodeBlock> findCodeBlocks(const QString& text, const TextLines& lines) {
     std::vector<CodeBlock> blocks;
@@ -264,8 +264,7 @@ const QRegularExpression& footnoteReferencePattern() {
 
 Footnotes findFootnotes(const QString& text, const TextLines& lines, const RangeSet& exclusions) {
     const QRegularExpression& reference = footnoteReferencePattern();
-    static const QRegularExpression definition =
-        compilePattern(QStringLiteral(R"re((?m)^(\[\^([^\]\r\n]+)\]:[ \t]*)([^\r\n]*)$)re"));
+    const QRegularExpression& definition = footnoteDefinitionPattern();
 
     Footnotes footnotes;
     QHash<QString, int> definitionByLabel;  // label -> index into definitions
@@ -295,20 +294,30 @@ Footnotes findFootnotes(const QString& text, const TextLines& lines, const Range
     return footnotes;
 }
 
-std::vector<FootnoteReference> findFootnoteReferences(const QString& text, const TextLines& lines,
-                                                      const RangeSet& exclusions,
-                                                      const QHash<QString, int>& definitions) {
-    std::vector<FootnoteReference> references;
-    forEachMatch(footnoteReferencePattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
+Footnotes findFootnotesInRun(const QString& text, const TextLines& lines, const RangeSet& exclusions,
+                             const FootnoteContext& context) {
+    Footnotes footnotes;
+    QSet<int> definitionAt;
+    forEachMatch(footnoteDefinitionPattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
         const int start = static_cast<int>(match.capturedStart());
-        if (isDetailsTagLine(lines.content(lines.lineAt(start)))) return MatchVerdict::skip;
-        const QString label = match.captured(1);
-        const auto found = definitions.constFind(label);
-        if (found == definitions.constEnd()) return MatchVerdict::skip;
-        references.push_back({capturedRange(match, 0), label, *found});
+        definitionAt.insert(start);
+        const auto taken = context.taken.constFind(context.offset + start);
+        if (taken == context.taken.constEnd()) return MatchVerdict::skip;
+        footnotes.definitions.push_back(
+            {capturedRange(match, 1), capturedRange(match, 3), match.captured(2), *taken});
         return MatchVerdict::take;
     });
-    return references;
+    forEachMatch(footnoteReferencePattern(), text, exclusions, [&](const QRegularExpressionMatch& match) {
+        const int start = static_cast<int>(match.capturedStart());
+        if (definitionAt.contains(start)) return MatchVerdict::skip;
+        if (isDetailsTagLine(lines.content(lines.lineAt(start)))) return MatchVerdict::skip;
+        const QString label = match.captured(1);
+        const auto found = context.definitions.constFind(label);
+        if (found == context.definitions.constEnd()) return MatchVerdict::skip;
+        footnotes.references.push_back({capturedRange(match, 0), label, *found});
+        return MatchVerdict::take;
+    });
+    return footnotes;
 }
 
 }  // namespace mossly::markdown

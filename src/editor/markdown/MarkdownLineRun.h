@@ -3,6 +3,7 @@
 #include <QHash>
 #include <QString>
 
+#include "MarkdownBlocks.h"
 #include "MarkdownStyle.h"
 
 // The styled pass over a run of whole lines cut out of a note, for the incremental
@@ -12,9 +13,8 @@ namespace mossly::markdown {
 
 struct LineRunContext {
     bool startsAtTitle = true;
-    // label -> definition marker start in the whole note; set when the run holds no
-    // definition, so that its references resolve to those.
-    const QHash<QString, int>* footnoteDefinitions = nullptr;
+    // The note's footnotes, which the run's references resolve to.
+    const FootnoteContext* footnotes = nullptr;
     // normalised label -> destination; set when the run holds no link definition.
     const QHash<QString, QString>* linkDefinitions = nullptr;
 };

@@ -270,9 +270,8 @@ class StyledPass {
     // 7.
     void styleFootnotes() {
         Footnotes footnotes;
-        if (context_.footnoteDefinitions) {
-            footnotes.references =
-                findFootnoteReferences(text_, lines_, exclusions_, *context_.footnoteDefinitions);
+        if (context_.footnotes) {
+            footnotes = findFootnotesInRun(text_, lines_, exclusions_, *context_.footnotes);
         } else {
             footnotes = findFootnotes(text_, lines_, exclusions_);
         }

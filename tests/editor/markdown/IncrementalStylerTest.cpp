@@ -471,7 +471,7 @@ TEST(IncrementalStyler, TypingInAParagraphRestylesOnlyItsLines) {
     EXPECT_LT(change.restyled.length, 100);
 }
 
-TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
+TEST(IncrementalStyler, TypingAndDeletingStructuralTokensMatchesAFullPass) {
     const QString note = u"Title\n\nText\n\n```\ncode\n```\n\nMore text\n\n| a | b |\n\nEnd"_s;
     for (const QString& token :
          {u"```\n"_s, u"$$\n"_s, u"|---|---|\n"_s, u"<details><summary>S</summary>\n"_s, u"[^1]: d\n"_s,
@@ -482,6 +482,50 @@ TEST(IncrementalStyler, TypingAStructuralTokenRestylesTheWholeNoteCorrectly) {
         ASSERT_EQ(checker.edit(at, 0, token, &change), "") << token.toStdString();
         ASSERT_EQ(checker.edit(at, static_cast<int>(token.size()), {}, &change), "") << token.toStdString();
     }
+}
+
+TEST(IncrementalStyler, AFenceRestylesDownToWhereCodeEndsAsBefore) {
+    QString note = u"Title\n\n"_s;
+    for (int i = 0; i < 6; ++i) note += u"Text %1 with *words*.\n\n```cpp\nint x = %1;\n```\n\n"_s.arg(i);
+    EditChecker checker(note);
+    const int at = static_cast<int>(note.indexOf(u"Text 2"_s));
+    const int nextBlockEnd = static_cast<int>(note.indexOf(u"```\n"_s, note.indexOf(u"```cpp"_s, at))) + 4;
+    StyleChange change;
+    // A bare fence swallows the text down to the next block's closing fence, which
+    // now closes it; the "```cpp" below opens code as before.
+    ASSERT_EQ(checker.edit(at, 0, u"```\n"_s, &change), "");
+    EXPECT_LT(change.restyled.start, at);
+    EXPECT_EQ(change.restyled.end(), nextBlockEnd + 4);
+    ASSERT_EQ(checker.styler.pass().codeBlocks.size(), 6u);
+    EXPECT_EQ(checker.styler.pass().codeBlocks[2].range.start, at);
+    ASSERT_EQ(checker.edit(at, 4, {}, &change), "");
+    EXPECT_EQ(change.restyled.end(), nextBlockEnd);
+    EXPECT_EQ(checker.styler.pass().codeBlocks[2].info, u"cpp"_s);
+    // Found by the random edits: joining the last closing fence to the line above leaves
+    // the block, whose opening fence is the line above the edit, open to the end.
+    const int closing = static_cast<int>(checker.text.lastIndexOf(u"\n```\n"_s));
+    ASSERT_EQ(checker.edit(closing, 1, {}, &change), "");
+    EXPECT_EQ(change.restyled.start, static_cast<int>(checker.text.lastIndexOf(u"```cpp"_s)));
+    EXPECT_EQ(change.restyled.end(), checker.text.size());
+    ASSERT_EQ(checker.edit(closing, 0, u"\n"_s, &change), "");
+    // Typing right below a block restyles the block too, not the note.
+    const int below = static_cast<int>(note.indexOf(u"\n\nText 3"_s)) + 1;
+    ASSERT_EQ(checker.edit(below, 0, u"x"_s, &change), "");
+    EXPECT_LT(change.restyled.length, 60);
+}
+
+TEST(IncrementalStyler, ADisplayMathLineRestylesToTheNotesEnd) {
+    EditChecker checker(u"Title\n\n$$\na\n$$\n\ntext *x*\n\nmore\n$$\nb\n$$\nend"_s);
+    const int at = static_cast<int>(checker.text.indexOf(u"more"_s));
+    StyleChange change;
+    ASSERT_EQ(checker.edit(at, 0, u"$$\n"_s, &change), "");
+    EXPECT_EQ(change.restyled.start, at - 1);  // the blank line above
+    EXPECT_EQ(change.restyled.end(), checker.text.size());
+    ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
+    // Below a "$$" line that drew nothing, the pairing above may change too.
+    EditChecker unpaired(u"Title\n$$\n<b>\n$$\ntext\n$$\nx"_s);
+    ASSERT_EQ(unpaired.edit(static_cast<int>(unpaired.text.indexOf(u"text"_s)), 0, u"$$\n"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, unpaired.text.size());
 }
 
 // Found by the random edits: a "$$" pair that a tag kept from being drawn still used
@@ -533,11 +577,34 @@ TEST(IncrementalStyler, TypingInDisplayMathRestylesTheWholeBlockOnly) {
         std::ranges::find(checker.styler.pass().objects, DrawnKind::displayMath, &DrawnObject::kind);
     ASSERT_NE(math, checker.styler.pass().objects.end());
     EXPECT_TRUE(math->text.contains(u"α"_s));
+    // Next to the math, the math is restyled along; a stray "$$" line nearby is not.
+    const int after = static_cast<int>(checker.text.indexOf(u"after"_s));
+    ASSERT_EQ(checker.edit(after, 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.start, static_cast<int>(checker.text.indexOf(u"before"_s)));
+    EXPECT_LT(change.restyled.end(), static_cast<int>(checker.text.indexOf(u"\nq\n"_s)));
     // A line ending the math, or a tag in it, changes how "$$" lines pair further down.
     ASSERT_EQ(checker.edit(at, 0, u"$$\n"_s, &change), "");
     ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
     ASSERT_EQ(checker.edit(at, 0, u"<b>"_s, &change), "");
     ASSERT_EQ(checker.edit(at, 3, {}, &change), "");
+}
+
+TEST(IncrementalStyler, TypingInAnOpenDetailsBodyStaysLocalAndTheBlockGrows) {
+    const QString note =
+        u"Title\n<details open>\n<summary>S</summary>\nfirst *line*\n\nmiddle\n\nlast\n</details>\nend"_s;
+    EditChecker open(note);
+    const int length = open.styler.pass().detailsBlocks.at(0).range.length;
+    const int at = static_cast<int>(note.indexOf(u"middle"_s));
+    StyleChange change;
+    ASSERT_EQ(open.edit(at, 0, u"a **new** "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 30);
+    EXPECT_EQ(open.styler.pass().detailsBlocks.at(0).range.length, length + 10);
+    // Next to a tag line, or in a closed block (whose body is hidden), the note is styled whole.
+    ASSERT_EQ(open.edit(static_cast<int>(note.indexOf(u"first"_s)), 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, open.text.size());
+    EditChecker closed(QString(note).remove(u" open"_s));
+    ASSERT_EQ(closed.edit(static_cast<int>(closed.text.indexOf(u"middle"_s)), 0, u"x"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, closed.text.size());
 }
 
 TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
@@ -554,6 +621,28 @@ TEST(IncrementalStyler, FootnoteBackLinkFollowsTheFirstReference) {
         ASSERT_EQ(checker.edit(at, 4, {}), "");
     }
     EXPECT_EQ(checker.styler.pass().footnoteDefinitions.at(0).firstReferenceLocation, -1);
+}
+
+TEST(IncrementalStyler, TypingAFootnotesTextStaysLocal) {
+    QString note = u"Title\nSee[^a] and[^b].\n\n"_s;
+    for (int i = 0; i < 20; ++i) note += u"Filler *%1*\n\n"_s.arg(i);
+    note += u"[^a]: First text.\n[^b]: Second text.\n\nCR line\r\n[^a]: A repeat, left as typed.\n"_s;
+    EditChecker checker(note);
+    StyleChange change;
+    const int second = static_cast<int>(note.indexOf(u"Second"_s));
+    ASSERT_EQ(checker.edit(second, 0, u"The "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 80);
+    const int repeat = static_cast<int>(checker.text.indexOf(u"A repeat"_s));
+    ASSERT_EQ(checker.edit(repeat, 0, u"x[^b] "_s, &change), "");
+    EXPECT_LT(change.restyled.length, 120);
+    // Found by the random edits: joined to a line ending in "\r", a definition is none.
+    const int blank = static_cast<int>(checker.text.indexOf(u"\n\nCR line"_s));
+    ASSERT_EQ(checker.edit(blank, 2, {}, &change), "");
+    ASSERT_EQ(checker.edit(blank, 0, u"\n\n"_s, &change), "");
+    // A blank after the marker lengthens it, and a changed label defines another note.
+    ASSERT_EQ(checker.edit(second, 0, u" "_s, &change), "");
+    ASSERT_EQ(checker.edit(static_cast<int>(checker.text.indexOf(u"[^b]:"_s)) + 2, 1, u"c"_s, &change), "");
+    EXPECT_EQ(change.restyled.length, checker.text.size());
 }
 
 TEST(IncrementalStyler, SourcePresentationAndInconsistentEditsRestyleTheWholeNote) {
