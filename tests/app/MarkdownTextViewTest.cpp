@@ -315,34 +315,38 @@ TEST(MarkdownTextViewIncremental, EveryEditLeavesTheViewAsAFreshlyOpenedNoteWoul
         QStringLiteral("[ref]: https://x.test\n"), QStringLiteral("- "), QStringLiteral("> "), QStringLiteral("# "),
         QStringLiteral("\n\n"), QStringLiteral("[^2]"), QStringLiteral("&lt;"), QStringLiteral("$y$"),
     };
-    MarkdownTextView typed;
-    typed.resize(700, 500);
-    typed.setMarkdown(start, {});
-    MarkdownTextView opened;
-    opened.resize(700, 500);
-    std::mt19937 random(20261123);
-    for (int step = 0; step < 300; ++step) {
-        const int length = typed.document()->characterCount() - 1;
-        QTextCursor cursor(typed.document());
-        const int at = std::uniform_int_distribution<int>(0, length)(random);
-        cursor.setPosition(at);
-        if (random() % 3 == 0 && length > 0) {
-            const int count = std::uniform_int_distribution<int>(1, std::min(12, length - std::min(at, length - 1)))(random);
-            cursor.setPosition(std::min(at, length - 1));
-            cursor.setPosition(std::min(length, std::min(at, length - 1) + count), QTextCursor::KeepAnchor);
-            cursor.removeSelectedText();
-        } else {
-            cursor.insertText(insertions[static_cast<qsizetype>(random() % insertions.size())]);
-        }
-        const QString text = typed.markdown();
-        opened.setMarkdown(text, {});
-        ASSERT_EQ(typed.document()->blockCount(), opened.document()->blockCount());
-        QTextBlock mine = typed.document()->begin();
-        QTextBlock theirs = opened.document()->begin();
-        for (; mine.isValid(); mine = mine.next(), theirs = theirs.next()) {
-            ASSERT_EQ(describeBlock(mine), describeBlock(theirs))
-                << "step " << step << ", block " << mine.blockNumber() << " \"" << mine.text().toStdString()
-                << "\" in:\n" << text.toStdString();
+    // MOSSLY_VIEW_EDIT_SEEDS runs more seeds for a longer hunt.
+    const int seeds = std::max(3, qEnvironmentVariableIntValue("MOSSLY_VIEW_EDIT_SEEDS"));
+    for (int seed = 0; seed < seeds; ++seed) {
+        MarkdownTextView typed;
+        typed.resize(700, 500);
+        typed.setMarkdown(start, {});
+        MarkdownTextView opened;
+        opened.resize(700, 500);
+        std::mt19937 random(20261123 + seed);
+        for (int step = 0; step < 300; ++step) {
+            const int length = typed.document()->characterCount() - 1;
+            QTextCursor cursor(typed.document());
+            const int at = std::uniform_int_distribution<int>(0, length)(random);
+            cursor.setPosition(at);
+            if (random() % 3 == 0 && length > 0) {
+                const int count = std::uniform_int_distribution<int>(1, std::min(12, length - std::min(at, length - 1)))(random);
+                cursor.setPosition(std::min(at, length - 1));
+                cursor.setPosition(std::min(length, std::min(at, length - 1) + count), QTextCursor::KeepAnchor);
+                cursor.removeSelectedText();
+            } else {
+                cursor.insertText(insertions[static_cast<qsizetype>(random() % insertions.size())]);
+            }
+            const QString text = typed.markdown();
+            opened.setMarkdown(text, {});
+            ASSERT_EQ(typed.document()->blockCount(), opened.document()->blockCount());
+            QTextBlock mine = typed.document()->begin();
+            QTextBlock theirs = opened.document()->begin();
+            for (; mine.isValid(); mine = mine.next(), theirs = theirs.next()) {
+                ASSERT_EQ(describeBlock(mine), describeBlock(theirs))
+                    << "seed " << seed << ", step " << step << ", block " << mine.blockNumber() << " \"" << mine.text().toStdString()
+                    << "\" in:\n" << text.toStdString();
+            }
         }
     }
 }
