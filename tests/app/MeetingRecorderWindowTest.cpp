@@ -7,6 +7,7 @@
 #include <QLineEdit>
 #include <QPlainTextEdit>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QSettings>
 #include <QTest>
 
@@ -62,6 +63,11 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
     MeetingRecorder recorder(store, std::move(services), [] {
         return std::vector<meeting::MicrophoneDevice>{{QStringLiteral("usb-headset"), QStringLiteral("USB Headset")}};
     });
+    // The window shows the model the app keeps (the meeting itself runs on the fake one): install one there.
+    QDir().mkpath(QFileInfo(recorder.models().modelPath()).path());
+    ASSERT_TRUE(QFile::copy(QStringLiteral(MOSSLY_TEST_WHISPER_MODEL), recorder.models().modelPath()));
+    const auto uninstall = qScopeGuard([&recorder] { QFile::remove(recorder.models().modelPath()); });
+    recorder.models().refresh();
     window.setMeetingRecorder(&recorder);
 
     QAction* open = test::findAction(window, QStringLiteral("Open Meeting Recorder…"));
