@@ -692,11 +692,14 @@ void MarkdownTextView::applyFormatting(FormattingAction action) {
 }
 
 void MarkdownTextView::keyPressEvent(QKeyEvent* event) {
-    const QString text = markdown();
-    const TextSelection current = selection();
-    std::optional<TextEdit> edit;
+    static const QSet<int> structuralKeys{Qt::Key_Return, Qt::Key_Enter, Qt::Key_Down, Qt::Key_Tab,
+                                          Qt::Key_Backtab, Qt::Key_Backspace, Qt::Key_Delete};
     const bool plain = !(event->modifiers() & (Qt::ControlModifier | Qt::AltModifier | Qt::MetaModifier));
-    if (plain) {
+    std::optional<TextEdit> edit;
+    // Only the keys that may edit structure read the text: a letter in a long note should not copy it.
+    if (plain && structuralKeys.contains(event->key())) {
+        const QString text = markdown();
+        const TextSelection current = selection();
         switch (event->key()) {
             case Qt::Key_Return:
             case Qt::Key_Enter:
