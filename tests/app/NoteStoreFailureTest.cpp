@@ -10,6 +10,7 @@
 #include "AppTestSupport.h"
 #include "FaultyFileAccess.h"
 #include "LaunchNotices.h"
+#include "MeetingNoteWriter.h"
 #include "NoteListCache.h"
 #include "NoteStore.h"
 #include "QuitFlow.h"
@@ -395,6 +396,44 @@ TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFrom
     third.loadInitialNotes();
     ASSERT_TRUE(test::waitUntil([&] { return !third.isLoadingInitialNotes(); }));
     EXPECT_EQ(third.notes().size(), 2u);
+}
+
+}  // namespace
+}  // namespace mossly
+
+namespace mossly {
+namespace {
+
+// The user's text merged around the recorder's new transcript must survive a
+// save that fails: it stays pending, the user is told, and the retry writes both.
+TEST_F(NoteStoreFailureTest, AMergedMeetingNoteWhoseSaveFailsKeepsBothTexts) {
+    auto store = openStore();
+    meeting::MeetingNoteWriter writer(QUuid::createUuid(), QDateTime::currentDateTimeUtc(), folder.path());
+    auto created = writer.create(QStringLiteral("Standup"), {meeting::MeetingCaptureSource::microphone},
+                                 QStringLiteral("ggml-base.bin"), meeting::MeetingSummaryProviderKind::none);
+    ASSERT_TRUE(created);
+    const QString note = created->url;
+    store->patchMeetingNote(note);
+    const QString typed = store->body(note).replace(QStringLiteral("# Standup\n"),
+                                                    QStringLiteral("# Standup\nAsk about the budget.\n"));
+    store->setBody(note, typed);
+    ASSERT_TRUE(writer.checkpoint({{QUuid::createUuid(), meeting::MeetingCaptureSource::microphone, 0, 1,
+                                    QStringLiteral("first words"), true}},
+                                  false));
+    QSignalSpy problems(store.get(), &NoteStore::problemOccurred);
+    files->failNext(Operation::update, test::diskFull(note));
+    store->patchMeetingNote(note);
+    EXPECT_EQ(store->conflict(note), nullptr);
+
+    ASSERT_TRUE(test::waitUntil([&] { return store->saveFailure(note) != nullptr; }));
+    EXPECT_TRUE(store->hasPendingSave(note));
+    EXPECT_EQ(problems.count(), 1);
+    EXPECT_TRUE(store->body(note).contains(QStringLiteral("Ask about the budget.")));
+    EXPECT_TRUE(store->body(note).contains(QStringLiteral("first words")));
+    ASSERT_TRUE(test::waitUntil([&] { return !store->hasPendingSaves(); }, 4000)) << "the retry comes by itself";
+    const QString onDisk = QString::fromUtf8(folder.read(QFileInfo(note).fileName()));
+    EXPECT_TRUE(onDisk.contains(QStringLiteral("Ask about the budget.")));
+    EXPECT_TRUE(onDisk.contains(QStringLiteral("first words")));
 }
 
 }  // namespace
