@@ -485,23 +485,19 @@ bool IncrementalStyler::restyleLines(const QString& text, int position, int remo
     const QStringView oldEdited = QStringView(text_).sliced(editedStart, oldEditedEnd - editedStart);
     const QStringView newEdited = QStringView(text).sliced(editedStart, newEditedEnd - editedStart);
     if (holdsBlockToken(oldEdited) || holdsBlockToken(newEdited)) return false;
-    // Tags neither come nor go, nor change.
-    std::vector<TextRange> oldTags = tagsOf(oldEdited, editedStart);
-    for (TextRange& tag : oldTags) {
-        if (tag.end() <= position) continue;
-        if (tag.start < position + removed) return false;
-        tag.start += added - removed;
-    }
-    if (oldTags != tagsOf(newEdited, editedStart)) return false;
-    // Footnote definitions keep their markers: only their text may change.
-    std::vector<TextRange> oldMarkers = footnoteMarkersOf(oldEdited, editedStart);
-    for (TextRange& marker : oldMarkers) {
-        // One ending at the edit stays; a blank typed after it shows as a longer marker.
-        if (marker.end() <= position) continue;
-        if (marker.start < position + removed) return false;
-        marker.start += added - removed;
-    }
-    if (oldMarkers != footnoteMarkersOf(newEdited, editedStart)) return false;
+    // The ranges `find` sees in the edited lines are the same after the edit, those after it shifted.
+    // One ending at the edit stays; a blank typed after a marker shows as a longer one.
+    const auto keepsRanges = [&](std::vector<TextRange> (*find)(QStringView, int)) {
+        std::vector<TextRange> before = find(oldEdited, editedStart);
+        for (TextRange& range : before) {
+            if (range.end() <= position) continue;
+            if (range.start < position + removed) return false;
+            range.start += added - removed;
+        }
+        return before == find(newEdited, editedStart);
+    };
+    // Tags neither come nor go, nor change; footnote definitions keep their markers (only their text may change).
+    if (!keepsRanges(tagsOf) || !keepsRanges(footnoteMarkersOf)) return false;
     // '>' ends an opening details tag that may have begun lines above.
     auto angle = [](QStringView edit) { return edit.contains(u'>') || edit.contains(u'<'); };
     if (angle(QStringView(text_).sliced(position, removed)) ||
