@@ -85,17 +85,49 @@ std::vector<double> timeRipgrep(const QString& folder, const QStringList& querie
     return samples;
 }
 
+// The generated library's word lists, kept beside it so that a later run can reuse the library.
+void writeWords(const QString& path, const bench::GeneratedFolder& generated) {
+    QFile file(path);
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate)) return;
+    QTextStream(&file) << generated.totalBytes << '\n'
+                       << generated.mostCommon.join(u' ') << '\n'
+                       << generated.wordsPresent.join(u' ') << '\n';
+}
+
+bench::GeneratedFolder readWords(const QString& path) {
+    QFile file(path);
+    bench::GeneratedFolder generated;
+    if (!file.open(QIODevice::ReadOnly)) return generated;
+    const QStringList lines = QString::fromUtf8(file.readAll()).split(u'\n');
+    if (lines.size() < 3) return generated;
+    generated.totalBytes = lines[0].toLongLong();
+    generated.mostCommon = lines[1].split(u' ');
+    generated.wordsPresent = lines[2].split(u' ');
+    return generated;
+}
+
 void benchmark(const QString& workdir, int noteCount) {
     const QString folder = QStringLiteral("%1/notes-%2").arg(workdir).arg(noteCount);
     const QString catalogPath = QStringLiteral("%1/catalog-%2.sqlite").arg(workdir).arg(noteCount);
-    QDir(folder).removeRecursively();
-    const bench::GeneratedFolder generated = bench::generateNotesFolder(folder, noteCount, 20261122);
-    must(NoteSearchCatalog::deleteCache(catalogPath), "delete catalog");
+    const QString wordsPath = QStringLiteral("%1/notes-%2.words").arg(workdir).arg(noteCount);
+    // MOSSLY_BENCH_REUSE=1 keeps a library and catalog left by an earlier run
+    // (search timings only: the cold index is not measured again).
+    const bool reuse = qEnvironmentVariableIsSet("MOSSLY_BENCH_REUSE") && QFile::exists(wordsPath) &&
+                       QFile::exists(catalogPath);
+    bench::GeneratedFolder generated;
+    if (reuse) {
+        generated = readWords(wordsPath);
+    } else {
+        QDir(folder).removeRecursively();
+        generated = bench::generateNotesFolder(folder, noteCount, 20261122);
+        writeWords(wordsPath, generated);
+        must(NoteSearchCatalog::deleteCache(catalogPath), "delete catalog");
+    }
     const NoteRepository repository(folder);
     auto catalog = must(NoteSearchCatalog::open(catalogPath), "open");
 
     const double megabytes = static_cast<double>(generated.totalBytes) / 1e6;
-    const double cold = milliseconds([&] { must(catalog->synchronize(repository), "cold sync"); });
+    const double cold = reuse ? 0.0 : milliseconds([&] { must(catalog->synchronize(repository), "cold sync"); });
     std::vector<double> warmSamples;
     for (int i = 0; i < 5; ++i) {
         warmSamples.push_back(milliseconds([&] { must(catalog->synchronize(repository), "warm sync"); }));

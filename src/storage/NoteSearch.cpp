@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "JsonWriter.h"
+#include "KeywordRanking.h"
 #include "NoteSearchCatalog.h"
 #include "NoteSearchCatalogStatements.h"
 
@@ -138,39 +139,57 @@ Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint6
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
 
-    // Step 1: every match with its BM25 and title bonus. Titles are short and
-    // no body text is read, so this stays cheap even for common words. A row
-    // whose linked metadata row is missing is left out here and in the
-    // reference ranking alike (that one joins by identifier; the two agree
-    // because rows are always written linked, and step 2 checks it).
+    // Step 1: every match with its BM25 and title bonus, from one pass over
+    // the matches and what the snapshot holds of each note. No body text is
+    // read and nothing is looked up per row, so common words stay cheap. A row
+    // without a metadata row is left out here and in the reference ranking
+    // alike (that one joins by identifier; the two agree because rows are
+    // always written linked, and step 2 checks it).
     struct Match {
         qint64 rowid;
         double bm25;
         double titleBonus;
         double bound;  // no sort key of this row can be smaller
     };
-    std::vector<Match> matches;
+    ReadTransaction reading(*this);
+    auto snapshot = currentRankingSnapshot();
+    if (!snapshot) return fail(snapshot.error());
+    PhraseFrequencyScan scan;
     {
-        auto use = statements_->matchesWithTitleBonus->use();
-        Result<void> bound = use.bind(1, prepared->expression);
-        if (bound) bound = use.bind(2, prepared->trimmed);
-        if (!bound) return fail(bound.error());
-        for (;;) {
-            auto row = use.step();
-            if (!row) return fail(row.error());
-            if (!*row) break;
-            const double bm25 = use.real(1);
-            const double titleBonus = use.real(2);
-            matches.push_back({use.integer(0), bm25, titleBonus, bm25 - (titleBonus + 1.0)});
+        currentScan_ = &scan;
+        auto use = statements_->phraseFrequencies->use();
+        Result<void> done = use.bind(1, prepared->expression);
+        if (done) done = use.run();
+        currentScan_ = nullptr;
+        if (!done) return fail(done.error());
+    }
+    std::vector<Match> matches;
+    if (!scan.rowids.empty()) {
+        const std::vector<double> idf = KeywordRanking::inverseDocumentFrequencies(scan);
+        const double averageLength = static_cast<double>(scan.totalTokens) / static_cast<double>(scan.rowCount);
+        const std::vector<double> titleBonuses = (*snapshot)->titleBonuses(prepared->loweredUtf8);
+        const auto phrases = static_cast<size_t>(scan.phraseCount);
+        matches.reserve(scan.rowids.size());
+        for (size_t row = 0; row < scan.rowids.size(); ++row) {
+            const qsizetype note = (*snapshot)->find(scan.rowids[row]);
+            if (note < 0) continue;
+            const std::span<const double> frequencies(scan.frequencies.data() + row * phrases, phrases);
+            const double bm25 = KeywordRanking::bm25(frequencies, idf, (*snapshot)->tokenCount(note), averageLength);
+            const double titleBonus = titleBonuses[static_cast<size_t>(note)];
+            matches.push_back({scan.rowids[row], bm25, titleBonus, bm25 - (titleBonus + 1.0)});
         }
     }
-    std::sort(matches.begin(), matches.end(), [](const Match& a, const Match& b) { return a.bound < b.bound; });
+    // Only the first few are ever taken: a heap orders them as they are needed.
+    const auto later = [](const Match& a, const Match& b) { return a.bound > b.bound; };
+    std::make_heap(matches.begin(), matches.end(), later);
 
     // Step 2: walk by bound, adding the body bonus (at most 1). Once the worst
     // of the best `limit` rows sorts before the next bound, no later row can
     // enter the top. Rounding cannot break this: x − a ≥ x − b whenever a ≤ b.
     std::vector<Candidate> top;  // a max-heap on ranking: the front is the worst kept row
-    for (const Match& match : matches) {
+    for (auto unvisited = matches.end(); unvisited != matches.begin();) {
+        std::pop_heap(matches.begin(), unvisited, later);
+        const Match& match = *--unvisited;
         if (static_cast<qint64>(top.size()) == prepared->limit && top.front().key < match.bound) break;
         auto details = statements_->matchDetails->use();
         if (auto bound = details.bind(1, match.rowid); !bound) return fail(bound.error());

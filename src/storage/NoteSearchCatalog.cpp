@@ -11,6 +11,8 @@
 #include <cstring>
 #include <unistd.h>
 
+#include <sqlite3.h>
+
 #include "NoteRepository.h"
 #include "NotePrefetcher.h"
 #include "NoteSearchCatalogStatements.h"
@@ -96,16 +98,50 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         {&statements->insertSemantic, CatalogSql::insertSemantic},
         {&statements->semanticEntries, CatalogSql::semanticEntries},
         {&statements->keywordSearch, CatalogSql::keywordSearch},
-        {&statements->matchesWithTitleBonus, CatalogSql::matchesWithTitleBonus},
         {&statements->matchDetails, CatalogSql::matchDetails},
         {&statements->matchSnippet, CatalogSql::matchSnippet},
+        {&statements->beginRead, "BEGIN"},
+        {&statements->dataVersion, CatalogSql::dataVersion},
     };
     for (const auto& [slot, sql] : all) {
         auto prepared = prepare(**db, sql);
         if (!prepared) return fail(prepared.error());
         *slot = std::move(*prepared);
     }
-    return std::unique_ptr<NoteSearchCatalog>(new NoteSearchCatalog(url, std::move(*db), std::move(statements)));
+    sqlite3* handle = (*db)->handle();
+    std::unique_ptr<NoteSearchCatalog> catalog(new NoteSearchCatalog(url, std::move(*db), std::move(statements)));
+    // The function writes through the catalog's own slot, which lives as long as the connection.
+    if (auto registered = KeywordRanking::registerPhraseFrequencies(handle, &catalog->currentScan_); !registered) {
+        return fail(registered.error());
+    }
+    auto prepared = prepare(*catalog->db_, CatalogSql::phraseFrequencies);
+    if (!prepared) return fail(prepared.error());
+    catalog->statements_->phraseFrequencies = std::move(*prepared);
+    return catalog;
+}
+
+NoteSearchCatalog::ReadTransaction::ReadTransaction(NoteSearchCatalog& catalog)
+    : catalog_(catalog), begun_(catalog.statements_->beginRead->use().run().has_value()) {}
+// Inside a transaction already (a search from a progress handler) nothing was begun, nothing ends.
+
+NoteSearchCatalog::ReadTransaction::~ReadTransaction() {
+    if (begun_) (void)catalog_.statements_->commit->use().run();
+}
+
+Result<const KeywordRankingSnapshot*> NoteSearchCatalog::currentRankingSnapshot() {
+    // data_version tells of commits by other connections; writes_ of this one's.
+    auto use = statements_->dataVersion->use();
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    const qint64 version = *row ? use.integer(0) : 0;
+    if (!rankingSnapshot_ || version != rankingDataVersion_ || writes_ != rankingWrites_) {
+        auto loaded = KeywordRankingSnapshot::load(*db_);
+        if (!loaded) return fail(loaded.error());
+        rankingSnapshot_ = std::move(*loaded);
+        rankingDataVersion_ = version;
+        rankingWrites_ = writes_;
+    }
+    return &*rankingSnapshot_;
 }
 
 NoteSearchCatalog::NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db,
@@ -139,6 +175,7 @@ auto NoteSearchCatalog::inTransaction(Body&& body) -> decltype(body()) {
 }
 
 Result<void> NoteSearchCatalog::deleteRows(const QString& identifier) {
+    ++writes_;
     // The full-text row first, through the metadata row's rowid while that still exists.
     std::optional<qint64> rowid;
     {
@@ -199,6 +236,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             auto row = use.step();
             if (!row) return fail(row.error());
             if (*row && use.integer(0) > 0) {
+                ++writes_;
                 for (const char* sql : CatalogSql::clearKeywordRows) {
                     if (auto cleared = db_->execute(QString::fromLatin1(sql)); !cleared) return fail(cleared.error());
                 }
@@ -257,6 +295,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             const QString& visibleText = prepared->visibleText;
             const QString& title = prepared->title;
             qint64 metadataRowid = 0;
+            ++writes_;
             {
                 auto use = statements_->insertMetadata->use();
                 const std::optional<QString> lastEditor =
@@ -371,6 +410,7 @@ Result<void> NoteSearchCatalog::deleteCatalog() {
     std::scoped_lock guard(synchronizationLock_, lock_);
     statements_.reset();
     db_.reset();
+    rankingSnapshot_.reset();
     return deleteCache(url_);
 }
 

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Error.h"
+#include "KeywordRanking.h"
 #include "NoteSearch.h"
 
 namespace mossly {
@@ -94,6 +95,19 @@ private:
     template <typename Body>
     auto inTransaction(Body&& body) -> decltype(body());
 
+    // Keeps the snapshot check and a search's queries on one view of the catalog.
+    class ReadTransaction {
+    public:
+        explicit ReadTransaction(NoteSearchCatalog& catalog);
+        ~ReadTransaction();
+
+    private:
+        NoteSearchCatalog& catalog_;
+        bool begun_;
+    };
+    // The ranking snapshot, reloaded if this or another connection changed the catalog.
+    Result<const KeywordRankingSnapshot*> currentRankingSnapshot();
+
     QString url_;
     std::unique_ptr<SqliteDatabase> db_;
     std::unique_ptr<Statements> statements_;
@@ -102,6 +116,11 @@ private:
     // One synchronisation at a time.
     std::mutex synchronizationLock_;
     bool linksVerified_ = false;
+    std::optional<KeywordRankingSnapshot> rankingSnapshot_;
+    qint64 rankingDataVersion_ = 0;
+    quint64 rankingWrites_ = 0;
+    quint64 writes_ = 0;  // counts this connection's changes to the keyword rows
+    PhraseFrequencyScan* currentScan_ = nullptr;  // where the ranking's auxiliary function writes
     Progress progress_;  // checked once per open catalog (see synchronizeKeywords)
 };
 

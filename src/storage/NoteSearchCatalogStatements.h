@@ -72,20 +72,13 @@ inline const char* const keywordSearch =
     "        WHEN instr(lower(note_fts.body), lower(?)) > 0 THEN 1.0\n        ELSE 0.0\n    END\n"
     "), m.identifier\nLIMIT ?";
 
-// The same ranking in two steps: matches in BM25 order (cheap: no join, no
-// text functions), then the bonuses and details only for the rows that can
-// still reach the top.
-// Titles come from the metadata row linked by rowid: reading note_fts.title
-// would load each note's whole stored row, body included.
-inline const char* const matchesWithTitleBonus =
-    "SELECT f.rowid, bm25(note_fts, 0.0, 8.0, 1.0),\n"
-    "       CASE\n"
-    "           WHEN lower(m.title) = lower(?2) THEN 5.0\n"
-    "           WHEN instr(lower(m.title), lower(?2)) > 0 THEN 2.0\n"
-    "           ELSE 0.0\n"
-    "       END\n"
-    "FROM note_fts AS f JOIN note_metadata AS m ON m.rowid = f.rowid\n"
-    "WHERE note_fts MATCH ?1";
+// The same ranking in steps: BM25 and the title bonus of every match from
+// one pass (see KeywordRanking.h), then the body bonus and details only for
+// the rows that can still reach the top, then excerpts for the rows returned.
+// One pass over the matches: the auxiliary function records each row's phrase frequencies.
+inline const char* const phraseFrequencies =
+    "SELECT mossly_phrase_frequencies(note_fts) FROM note_fts WHERE note_fts MATCH ?";
+inline const char* const dataVersion = "PRAGMA data_version";
 inline const char* const matchDetails =
     "SELECT m.identifier, m.title, note_fts.body, m.revision, m.created_by, m.last_edited_by\n"
     "FROM note_fts JOIN note_metadata AS m ON m.identifier = note_fts.identifier\nWHERE note_fts.rowid = ?";
@@ -97,13 +90,13 @@ inline const char* const matchSnippet =
 namespace mossly {
 
 struct NoteSearchCatalog::Statements {
-    std::unique_ptr<SqliteStatement> begin, commit, rollback;
+    std::unique_ptr<SqliteStatement> begin, beginRead, commit, rollback, dataVersion;
     std::unique_ptr<SqliteStatement> count, fingerprints;
     std::unique_ptr<SqliteStatement> deleteMetadata, deleteFts, deleteSemantic;
     std::unique_ptr<SqliteStatement> insertMetadata;
     std::unique_ptr<SqliteStatement> metadataRowid, deleteLinkedFts, insertLinkedFts;
     std::unique_ptr<SqliteStatement> missingSemantic, insertSemantic, semanticEntries;
-    std::unique_ptr<SqliteStatement> keywordSearch, matchesWithTitleBonus, matchDetails, matchSnippet;
+    std::unique_ptr<SqliteStatement> keywordSearch, phraseFrequencies, matchDetails, matchSnippet;
 };
 
 }  // namespace mossly

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
 
@@ -161,6 +162,79 @@ TEST(KeywordSearchDifferential, AgreesWithTheReferenceStatementOnGeneratedLibrar
             }
         }
     }
+}
+
+void expectSameAsReference(NoteSearchCatalog& catalog, const QStringList& queries) {
+    for (const QString& query : queries) {
+        for (const qint64 limit : {1, 3, 20, 500}) {
+            auto fast = catalog.search(query, limit);
+            auto reference = catalog.searchWithReferenceStatement(query, limit);
+            ASSERT_TRUE(fast && reference);
+            ASSERT_EQ(fast->results, reference->results) << query.toStdString() << " limit " << limit;
+        }
+    }
+}
+
+// Libraries built to break a ranking that skips rows: one word in every note,
+// exact ties that only the identifier orders, title bonuses that outweigh any
+// BM25 difference, words whose accented or non-ASCII forms match the index but
+// earn no bonus, notes holding the word only in the title.
+void writeAdversarialLibrary(const test::TemporaryNotesFolder& folder, int variant) {
+    const QString filler = QStringLiteral("alpha beta gamma delta ");
+    for (int i = 0; i < 120; ++i) {
+        const QString repeated = QStringLiteral("common ").repeated(1 + (i + variant) % 4);
+        folder.write(QStringLiteral("n%1.md").arg(i, 3, 10, QLatin1Char('0')),
+                     ("# Note " + QString::number(i % 7) + "\n\n" + filler.repeated(i % 5) + repeated).toUtf8());
+    }
+    for (int i = 0; i < 12; ++i) {  // identical notes: only their names order them
+        folder.write(QStringLiteral("tie %1.md").arg(i), "# Tie\n\ncommon ground common sense\n");
+    }
+    const std::pair<const char*, const char*> special[] = {
+        {"title equal.md", "# Common\n\nnothing else here"},
+        {"title upper.md", "# COMMON\n\nalpha common"},
+        {"title contains.md", "# Common notes\n\nbeta"},
+        {"title accented.md", "# Cömmon\n\ngamma"},
+        {"body accented.md", "# Other\n\nCÖMMON cömmon commön"},
+        {"title only.md", "# common ground\n\nno body hit"},
+        {"rare.md", "# Rare\n\ncommon zebra zebra"},
+    };
+    for (const auto& [name, text] : special) folder.write(QString::fromUtf8(name), QByteArray(text));
+}
+
+TEST(KeywordSearchDifferential, AgreesOnAdversarialLibrariesAndAfterEveryChange) {
+    test::TemporaryNotesFolder folder;
+    test::TemporaryNotesFolder caches;
+    writeAdversarialLibrary(folder, 0);
+    const NoteRepository repository(folder.path());
+    auto catalog = std::move(*NoteSearchCatalog::open(caches.filePath("c.sqlite")));
+    ASSERT_TRUE(catalog->synchronize(repository));
+    const QStringList queries{QStringLiteral("common"), QStringLiteral("COMMON"), QStringLiteral("common notes"),
+                              QStringLiteral("common zebra"), QStringLiteral("common common"),
+                              QStringLiteral("cömmon"), QStringLiteral("ground common"), QStringLiteral("tie")};
+    expectSameAsReference(*catalog, queries);
+
+    // This connection changes the catalog: rows deleted, rewritten and added.
+    writeAdversarialLibrary(folder, 1);
+    ASSERT_TRUE(QFile::remove(folder.filePath("title equal.md")));
+    ASSERT_TRUE(QFile::remove(folder.filePath("tie 3.md")));
+    folder.write(QStringLiteral("new.md"), "# common\n\ncommon common common common common");
+    ASSERT_TRUE(catalog->synchronize(repository));
+    expectSameAsReference(*catalog, queries);
+
+    // Another connection (another process, say) changes it.
+    folder.write(QStringLiteral("title equal.md"), "# Common\n\nback again");
+    ASSERT_TRUE(QFile::remove(folder.filePath("n007.md")));
+    {
+        auto other = std::move(*NoteSearchCatalog::open(caches.filePath("c.sqlite")));
+        ASSERT_TRUE(other->synchronize(repository));
+    }
+    expectSameAsReference(*catalog, queries);
+    auto found = catalog->search(QStringLiteral("common"), 500);
+    ASSERT_TRUE(found);
+    QStringList identifiers;
+    for (const NoteSearchResult& result : found->results) identifiers.append(result.identifier);
+    EXPECT_TRUE(identifiers.contains(QStringLiteral("title equal.md")));
+    EXPECT_FALSE(identifiers.contains(QStringLiteral("n007.md")));
 }
 
 }  // namespace
