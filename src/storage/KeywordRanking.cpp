@@ -38,42 +38,90 @@ int sumOfVarints(const QByteArray& blob) {
     return sum;
 }
 
+// How often `phrase` occurs in the current row, title hits weighted 8.
+struct PhraseCount {
+    double frequency = 0;
+    bool found = false;
+    bool readable = true;
+};
+
+PhraseCount phraseFrequency(const Fts5ExtensionApi* api, Fts5Context* fts, int phrase) {
+    Fts5PhraseIter iterator;
+    int column = 0;
+    int offset = 0;
+    PhraseCount count;
+    if (api->xPhraseFirst(fts, phrase, &iterator, &column, &offset) != SQLITE_OK) return {0, false, false};
+    for (; column >= 0; api->xPhraseNext(fts, &iterator, &column, &offset)) {
+        count.frequency += column < 3 ? columnWeights[column] : 1.0;
+        count.found = true;
+    }
+    return count;
+}
+
+bool startScan(const Fts5ExtensionApi* api, Fts5Context* fts, PhraseFrequencyScan& scan) {
+    scan.started = true;
+    scan.phraseCount = api->xPhraseCount(fts);
+    if (scan.presenceOnly && scan.phraseCount > PhraseFrequencyScan::maximumPresencePhrases) return false;
+    scan.rowsWithPhrase.assign(static_cast<size_t>(scan.phraseCount), 0);
+    scan.wantedFrequencies.assign(scan.wanted.size() * static_cast<size_t>(scan.phraseCount), 0.0);
+    scan.wantedMatched.assign(scan.wanted.size(), 0);
+    return api->xRowCount(fts, &scan.rowCount) == SQLITE_OK &&
+           api->xColumnTotalSize(fts, -1, &scan.totalTokens) == SQLITE_OK;
+}
+
+// Presence bits for every row; frequencies too for the wanted ones.
+bool recordPresence(const Fts5ExtensionApi* api, Fts5Context* fts, PhraseFrequencyScan& scan, qint64 rowid) {
+    const auto phrases = static_cast<size_t>(scan.phraseCount);
+    while (scan.wantedCursor < scan.wanted.size() && scan.wanted[scan.wantedCursor] < rowid) ++scan.wantedCursor;
+    const bool wanted = scan.wantedCursor < scan.wanted.size() && scan.wanted[scan.wantedCursor] == rowid;
+    if (wanted) scan.wantedMatched[scan.wantedCursor] = 1;
+    quint64 bits = 0;
+    for (size_t phrase = 0; phrase < phrases; ++phrase) {
+        bool present = false;
+        if (wanted) {
+            const PhraseCount count = phraseFrequency(api, fts, static_cast<int>(phrase));
+            if (!count.readable) return false;
+            scan.wantedFrequencies[scan.wantedCursor * phrases + phrase] = count.frequency;
+            present = count.found;
+        } else {
+            Fts5PhraseIter iterator;
+            int column = -1;
+            int offset = 0;
+            if (api->xPhraseFirst(fts, static_cast<int>(phrase), &iterator, &column, &offset) != SQLITE_OK) return false;
+            present = column >= 0;
+        }
+        if (present) {
+            bits |= quint64{1} << phrase;
+            ++scan.rowsWithPhrase[phrase];
+        }
+    }
+    scan.presence.push_back(bits);
+    return true;
+}
+
+bool recordFrequencies(const Fts5ExtensionApi* api, Fts5Context* fts, PhraseFrequencyScan& scan) {
+    for (int phrase = 0; phrase < scan.phraseCount; ++phrase) {
+        const PhraseCount count = phraseFrequency(api, fts, phrase);
+        if (!count.readable) return false;
+        scan.frequencies.push_back(count.frequency);
+        if (count.found) ++scan.rowsWithPhrase[static_cast<size_t>(phrase)];
+    }
+    return true;
+}
+
 void collectPhraseFrequencies(const Fts5ExtensionApi* api, Fts5Context* fts, sqlite3_context* context, int,
                               sqlite3_value**) {
     PhraseFrequencyScan* scan = *static_cast<PhraseFrequencyScan**>(api->xUserData(fts));
-    if (!scan || scan->failed) {
-        sqlite3_result_error(context, "mossly_phrase_frequencies: no scan", -1);
+    bool read = scan && !scan->failed && (scan->started || startScan(api, fts, *scan));
+    if (read) {
+        const qint64 rowid = api->xRowid(fts);
+        scan->rowids.push_back(rowid);
+        read = scan->presenceOnly ? recordPresence(api, fts, *scan, rowid) : recordFrequencies(api, fts, *scan);
+    }
+    if (!read) {
+        if (scan) scan->failed = true;
+        sqlite3_result_error(context, "mossly_phrase_frequencies: the matches could not be read", -1);
         return;
-    }
-    if (!scan->started) {
-        scan->started = true;
-        scan->phraseCount = api->xPhraseCount(fts);
-        scan->rowsWithPhrase.assign(static_cast<size_t>(scan->phraseCount), 0);
-        if (api->xRowCount(fts, &scan->rowCount) != SQLITE_OK ||
-            api->xColumnTotalSize(fts, -1, &scan->totalTokens) != SQLITE_OK) {
-            scan->failed = true;
-            sqlite3_result_error(context, "mossly_phrase_frequencies: no totals", -1);
-            return;
-        }
-    }
-    scan->rowids.push_back(api->xRowid(fts));
-    for (int phrase = 0; phrase < scan->phraseCount; ++phrase) {
-        Fts5PhraseIter iterator;
-        int column = 0;
-        int offset = 0;
-        if (api->xPhraseFirst(fts, phrase, &iterator, &column, &offset) != SQLITE_OK) {
-            scan->failed = true;
-            sqlite3_result_error(context, "mossly_phrase_frequencies: no positions", -1);
-            return;
-        }
-        double frequency = 0;
-        bool found = false;
-        for (; column >= 0; api->xPhraseNext(fts, &iterator, &column, &offset)) {
-            frequency += column < 3 ? columnWeights[column] : 1.0;
-            found = true;
-        }
-        scan->frequencies.push_back(frequency);
-        if (found) ++scan->rowsWithPhrase[static_cast<size_t>(phrase)];
     }
     sqlite3_result_null(context);
 }
@@ -100,14 +148,32 @@ Result<KeywordRankingSnapshot> KeywordRankingSnapshot::load(SqliteDatabase& db) 
     return snapshot;
 }
 
-qsizetype KeywordRankingSnapshot::find(qint64 rowid) const {
-    const auto found = std::lower_bound(rowids_.begin(), rowids_.end(), rowid);
+void PhraseFrequencyScan::reset(bool onlyPresence) {
+    presenceOnly = onlyPresence;
+    phraseCount = 0;
+    rowids.clear();
+    frequencies.clear();
+    presence.clear();
+    rowsWithPhrase.clear();
+    wanted.clear();
+    wantedCursor = 0;
+    wantedFrequencies.clear();
+    wantedMatched.clear();
+    rowCount = totalTokens = 0;
+    started = failed = false;
+}
+
+qsizetype KeywordRankingSnapshot::findFrom(qsizetype from, qint64 rowid) const {
+    auto begin = rowids_.begin() + std::clamp<qsizetype>(from, 0, size());
+    // Most lookups land within a few places of the previous one.
+    for (int step = 0; step < 8 && begin != rowids_.end() && *begin < rowid; ++step) ++begin;
+    const auto found = std::lower_bound(begin, rowids_.end(), rowid);
     if (found == rowids_.end() || *found != rowid) return -1;
     return found - rowids_.begin();
 }
 
-std::vector<double> KeywordRankingSnapshot::titleBonuses(const QByteArray& loweredQuery) const {
-    std::vector<double> bonuses(rowids_.size(), 0.0);
+std::vector<KeywordRankingSnapshot::TitleHit> KeywordRankingSnapshot::titleHits(const QByteArray& loweredQuery) const {
+    std::vector<TitleHit> hits;
     // One search through all titles at once; a hit is then placed in its title.
     const QByteArrayView all(titles_);
     qsizetype from = 0;
@@ -118,13 +184,13 @@ std::vector<double> KeywordRankingSnapshot::titleBonuses(const QByteArray& lower
         const qsizetype start = title == 0 ? 0 : titleEnds_[static_cast<size_t>(title) - 1];
         const qsizetype end = titleEnds_[static_cast<size_t>(title)];
         if (hit + loweredQuery.size() <= end) {
-            bonuses[static_cast<size_t>(title)] = end - start == loweredQuery.size() ? 5.0 : 2.0;
+            hits.push_back({title, end - start == loweredQuery.size() ? 5.0 : 2.0});
             from = end;  // the next title
         } else {
             from = hit + 1;  // a hit across two titles: look again from the next byte
         }
     }
-    return bonuses;
+    return hits;
 }
 
 namespace KeywordRanking {
@@ -166,6 +232,17 @@ double bm25(std::span<const double> frequencies, std::span<const double> idf, in
         score += idf[i] * ((frequencies[i] * (k1 + 1.0)) / (frequencies[i] + k1 * (1 - b + b * D / averageLength)));
     }
     return -1.0 * score;
+}
+
+double lowestBm25(quint64 presence, std::span<const double> idf) {
+    const double k1 = 1.2;
+    double widest = 0.0;
+    for (size_t i = 0; i < idf.size(); ++i) {
+        if (presence & (quint64{1} << i)) widest += idf[i] * (k1 + 1.0);
+    }
+    // A row's own terms stay far below idf·(k1+1) (by more than 1e-7 of it);
+    // the margin covers rounding in the sum.
+    return -widest * (1.0 + 1e-12);
 }
 
 }  // namespace KeywordRanking

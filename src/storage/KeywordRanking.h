@@ -22,12 +22,17 @@ class KeywordRankingSnapshot {
 public:
     static Result<KeywordRankingSnapshot> load(SqliteDatabase& db);
 
-    // The position of `rowid`, or -1 if it has no metadata row.
-    qsizetype find(qint64 rowid) const;
+    // The position of `rowid` at or after `from`, or -1 if it has no metadata
+    // row. Cheap when rowids are looked up in ascending order.
+    qsizetype findFrom(qsizetype from, qint64 rowid) const;
     qint64 rowid(qsizetype index) const { return rowids_[static_cast<size_t>(index)]; }
     int tokenCount(qsizetype index) const { return tokenCounts_[static_cast<size_t>(index)]; }
-    // The title bonus of every note for `loweredQuery`, by position; 0 for most.
-    std::vector<double> titleBonuses(const QByteArray& loweredQuery) const;
+    // The notes whose title holds `loweredQuery` (bonus 2) or is it (bonus 5), by position.
+    struct TitleHit {
+        qsizetype index;
+        double bonus;
+    };
+    std::vector<TitleHit> titleHits(const QByteArray& loweredQuery) const;
     qsizetype size() const { return static_cast<qsizetype>(rowids_.size()); }
 
 private:
@@ -41,15 +46,26 @@ private:
 // the query occurs (title hits weighted 8, body hits 1), and per phrase the
 // number of rows holding it. Filled by the `mossly_phrase_frequencies`
 // auxiliary function while the catalog steps through a MATCH.
+// With `presenceOnly`, each row's phrases are recorded as bits, not counted.
 struct PhraseFrequencyScan {
+    static constexpr int maximumPresencePhrases = 64;
+    bool presenceOnly = false;
     int phraseCount = 0;
     std::vector<qint64> rowids;
     std::vector<double> frequencies;  // phraseCount per row
+    std::vector<quint64> presence;    // bit i: the row holds phrase i
+    // Rows (ascending) whose frequencies a presence scan records as well, and those frequencies.
+    std::vector<qint64> wanted;
+    size_t wantedCursor = 0;
+    std::vector<double> wantedFrequencies;  // phraseCount per wanted row
+    std::vector<char> wantedMatched;        // whether each wanted row was among the matches
     std::vector<qint64> rowsWithPhrase;
     qint64 rowCount = 0;     // every full-text row, as FTS5 counts for BM25
     qint64 totalTokens = 0;  // over all columns
     bool started = false;
     bool failed = false;
+
+    void reset(bool onlyPresence);
 };
 
 namespace KeywordRanking {
@@ -64,6 +80,9 @@ Result<void> registerPhraseFrequencies(sqlite3* db, PhraseFrequencyScan** scan);
 std::vector<double> inverseDocumentFrequencies(const PhraseFrequencyScan& scan);
 double bm25(std::span<const double> frequencies, std::span<const double> idf, int tokenCount,
             double averageLength);
+// No row holding exactly the phrases in `presence` has a lower BM25 than this
+// (each phrase adds less than idf·(k1+1)), whatever its frequencies and length.
+double lowestBm25(quint64 presence, std::span<const double> idf);
 
 }  // namespace KeywordRanking
 

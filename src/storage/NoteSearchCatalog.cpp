@@ -117,6 +117,9 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
     auto prepared = prepare(*catalog->db_, CatalogSql::phraseFrequencies);
     if (!prepared) return fail(prepared.error());
     catalog->statements_->phraseFrequencies = std::move(*prepared);
+    prepared = prepare(*catalog->db_, CatalogSql::rowPhraseFrequencies);
+    if (!prepared) return fail(prepared.error());
+    catalog->statements_->rowPhraseFrequencies = std::move(*prepared);
     return catalog;
 }
 

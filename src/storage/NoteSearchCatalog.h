@@ -107,6 +107,10 @@ private:
     };
     // The ranking snapshot, reloaded if this or another connection changed the catalog.
     Result<const KeywordRankingSnapshot*> currentRankingSnapshot();
+    // One pass over the matches of `expression` (or its one row `rowid`) into
+    // `matchScan_` (or `rowScan_`); see PhraseFrequencyScan.
+    Result<void> scanMatches(const QString& expression, std::optional<qint64> rowid, bool presenceOnly,
+                             std::vector<qint64> wanted = {});
 
     QString url_;
     std::unique_ptr<SqliteDatabase> db_;
@@ -121,6 +125,7 @@ private:
     quint64 rankingWrites_ = 0;
     quint64 writes_ = 0;  // counts this connection's changes to the keyword rows
     PhraseFrequencyScan* currentScan_ = nullptr;  // where the ranking's auxiliary function writes
+    PhraseFrequencyScan matchScan_, rowScan_;      // kept between searches for their buffers
     Progress progress_;  // checked once per open catalog (see synchronizeKeywords)
 };
 

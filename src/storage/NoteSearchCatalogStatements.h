@@ -78,6 +78,8 @@ inline const char* const keywordSearch =
 // One pass over the matches: the auxiliary function records each row's phrase frequencies.
 inline const char* const phraseFrequencies =
     "SELECT mossly_phrase_frequencies(note_fts) FROM note_fts WHERE note_fts MATCH ?";
+inline const char* const rowPhraseFrequencies =
+    "SELECT mossly_phrase_frequencies(note_fts) FROM note_fts WHERE note_fts MATCH ? AND rowid = ?";
 inline const char* const dataVersion = "PRAGMA data_version";
 inline const char* const matchDetails =
     "SELECT m.identifier, m.title, note_fts.body, m.revision, m.created_by, m.last_edited_by\n"
@@ -96,7 +98,7 @@ struct NoteSearchCatalog::Statements {
     std::unique_ptr<SqliteStatement> insertMetadata;
     std::unique_ptr<SqliteStatement> metadataRowid, deleteLinkedFts, insertLinkedFts;
     std::unique_ptr<SqliteStatement> missingSemantic, insertSemantic, semanticEntries;
-    std::unique_ptr<SqliteStatement> keywordSearch, phraseFrequencies, matchDetails, matchSnippet;
+    std::unique_ptr<SqliteStatement> keywordSearch, phraseFrequencies, rowPhraseFrequencies, matchDetails, matchSnippet;
 };
 
 }  // namespace mossly

@@ -3,6 +3,7 @@
 #include <QFile>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <random>
 
 #include "NoteRepository.h"
 #include "NoteSearchCatalog.h"
@@ -166,7 +167,7 @@ TEST(KeywordSearchDifferential, AgreesWithTheReferenceStatementOnGeneratedLibrar
 
 void expectSameAsReference(NoteSearchCatalog& catalog, const QStringList& queries) {
     for (const QString& query : queries) {
-        for (const qint64 limit : {1, 3, 20, 500}) {
+        for (const qint64 limit : {1, 2, 3, 5, 20, 500}) {
             auto fast = catalog.search(query, limit);
             auto reference = catalog.searchWithReferenceStatement(query, limit);
             ASSERT_TRUE(fast && reference);
@@ -235,6 +236,42 @@ TEST(KeywordSearchDifferential, AgreesOnAdversarialLibrariesAndAfterEveryChange)
     for (const NoteSearchResult& result : found->results) identifiers.append(result.identifier);
     EXPECT_TRUE(identifiers.contains(QStringLiteral("title equal.md")));
     EXPECT_FALSE(identifiers.contains(QStringLiteral("n007.md")));
+}
+
+// Many small random libraries where a rare word's weight, note lengths, title
+// hits and accented forms vary widely: the cases where a row without a title
+// hit can still overtake one with it, which a bound too tight would miss.
+TEST(KeywordSearchDifferential, AgreesOnRandomLibrariesWhereRareWordsOutweighTitles) {
+    std::mt19937 random(20261123);
+    const auto pick = [&](int low, int high) { return std::uniform_int_distribution<int>(low, high)(random); };
+    const QStringList forms{QStringLiteral("zebra"), QStringLiteral("Zebra"), QStringLiteral("ZEBRA"),
+                            QStringLiteral("zébra")};
+    for (int library = 0; library < 40; ++library) {
+        test::TemporaryNotesFolder folder;
+        test::TemporaryNotesFolder caches;
+        const auto filler = [&](int words) { return QStringLiteral("lorem ").repeated(words); };
+        // Many short notes without the word: it is rare (a high weight) and a
+        // long note is far longer than the average.
+        for (int i = pick(20, 200); i > 0; --i) {
+            folder.write(QStringLiteral("filler %1.md").arg(i), ("common " + filler(pick(0, 40))).toUtf8());
+        }
+        for (int i = pick(2, 6); i > 0; --i) {
+            const int titleKind = pick(0, 3);
+            const QString title = titleKind == 0   ? QStringLiteral("zebra")
+                                  : titleKind == 1 ? QStringLiteral("Zebra notes")
+                                                   : QStringLiteral("Other");
+            QString body = filler(pick(0, 1) ? pick(0, 20) : pick(200, 3000));
+            for (int r = pick(0, 25); r > 0; --r) body += forms[pick(0, 3)] + u' ';
+            if (pick(0, 1)) body += QStringLiteral("quokka common ");
+            folder.write(QStringLiteral("zebra %1.md").arg(i), ("# " + title + "\n\n" + body).toUtf8());
+        }
+        const NoteRepository repository(folder.path());
+        auto catalog = std::move(*NoteSearchCatalog::open(caches.filePath("c.sqlite")));
+        ASSERT_TRUE(catalog->synchronize(repository));
+        expectSameAsReference(*catalog, {QStringLiteral("zebra"), QStringLiteral("zebra quokka"),
+                                         QStringLiteral("common zebra"), QStringLiteral("common")});
+        if (::testing::Test::HasFatalFailure()) return;
+    }
 }
 
 }  // namespace
