@@ -215,6 +215,16 @@ Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, con
     std::lock_guard synchronizing(synchronizationLock_);
     auto indexed = synchronizeKeywords(repository, stop);
     if (!indexed) return indexed;
+    {
+        // A catalog that has been searched gets its ranking snapshot renewed
+        // here, on the synchronising thread, rather than in the next search.
+        std::lock_guard guard(lock_);
+        if (rankingSnapshot_ && writes_ != rankingWrites_) {
+            ReadTransaction reading(*this);
+            // Failing here costs nothing: the next search loads it again.
+            if (!currentRankingSnapshot()) rankingSnapshot_.reset();
+        }
+    }
     if (semantic) {
         if (auto done = synchronizeSemantic(repository, *semantic, stop); !done) return fail(done.error());
     }
