@@ -19,13 +19,19 @@
 
 namespace mossly {
 
-namespace {
-
-struct Fingerprint {
+struct NoteSearchCatalog::Fingerprint {
     double modificationTime;
     qint64 fileSize;
     bool operator==(const Fingerprint&) const = default;
 };
+
+struct NoteSearchCatalog::FingerprintCache {
+    qint64 dataVersion = 0;
+    QHash<QString, Fingerprint> byIdentifier;
+};
+
+namespace {
+
 
 QByteArray vectorBlob(const std::vector<double>& vector) {
     QByteArray blob(static_cast<qsizetype>(vector.size() * sizeof(double)), Qt::Uninitialized);
@@ -237,7 +243,8 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
 
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
-    return inTransaction([&]() -> Result<int> {
+    std::unique_ptr<FingerprintCache> working;
+    auto synchronized = inTransaction([&]() -> Result<int> {
         // The full-text rows are found through their metadata rows' rowids. If
         // another program (or a VACUUM) broke that link, searches would find
         // nothing and inserts could collide: the catalog is a cache, so it is
@@ -250,41 +257,61 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             if (!row) return fail(row.error());
             if (*row && use.integer(0) > 0) {
                 ++writes_;
+                fingerprints_.reset();
                 for (const char* sql : CatalogSql::clearKeywordRows) {
                     if (auto cleared = db_->execute(QString::fromLatin1(sql)); !cleared) return fail(cleared.error());
                 }
             }
             linksVerified_ = true;
         }
-        QHash<QString, Fingerprint> known;
-        {
+        // The fingerprints are kept between synchronisations and read again
+        // only when another connection changed the catalog.
+        auto version = statements_->dataVersion->use();
+        auto versionRow = version.step();
+        if (!versionRow) return fail(versionRow.error());
+        const qint64 dataVersion = *versionRow ? version.integer(0) : 0;
+        if (!fingerprints_ || fingerprints_->dataVersion != dataVersion) {
+            auto loaded = std::make_unique<FingerprintCache>();
+            loaded->dataVersion = dataVersion;
             auto use = statements_->fingerprints->use();
             for (;;) {
                 auto row = use.step();
                 if (!row) return fail(row.error());
                 if (!*row) break;
-                known.insert(use.text(0), Fingerprint{use.real(1), use.integer(2)});
+                loaded->byIdentifier.insert(use.text(0), Fingerprint{use.real(1), use.integer(2)});
             }
+            fingerprints_ = std::move(loaded);
         }
-
-        QSet<QString> listed;
-        listed.reserve(static_cast<qsizetype>(listing->size()));
-        for (const NoteFileMetadata& entry : *listing) listed.insert(entry.identifier);
-        for (auto it = known.cbegin(); it != known.cend(); ++it) {
-            if (listed.contains(it.key())) continue;
-            if (auto removed = deleteRows(it.key()); !removed) return fail(removed.error());
-        }
+        // Out of the catalog until this transaction commits: a rollback drops it.
+        working = std::move(fingerprints_);
+        QHash<QString, Fingerprint>& known = working->byIdentifier;
 
         QStringList changed;
         std::vector<Fingerprint> fingerprints;
         QSet<QString> previouslyIndexed;
+        qsizetype listedAndKnown = 0;
         for (const NoteFileMetadata& entry : *listing) {
             const Fingerprint fingerprint{secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize};
             const auto previous = known.constFind(entry.identifier);
+            if (previous != known.cend()) ++listedAndKnown;
             if (previous != known.cend() && *previous == fingerprint) continue;
             if (previous != known.cend()) previouslyIndexed.insert(entry.identifier);
             changed.append(entry.identifier);
             fingerprints.push_back(fingerprint);
+        }
+        // Every known note still listed (identifiers are unique): nothing to delete.
+        if (listedAndKnown != known.size()) {
+            QSet<QString> listed;
+            listed.reserve(static_cast<qsizetype>(listing->size()));
+            for (const NoteFileMetadata& entry : *listing) listed.insert(entry.identifier);
+            for (auto it = known.begin(); it != known.end();) {
+                if (listed.contains(it.key())) {
+                    ++it;
+                    continue;
+                }
+                if (auto removed = deleteRows(it.key()); !removed) return fail(removed.error());
+                it = known.erase(it);
+            }
         }
 
         int indexed = 0;
@@ -302,6 +329,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             // A note the catalog has never seen has no rows to replace.
             if (previouslyIndexed.contains(identifier)) {
                 if (auto removed = deleteRows(identifier); !removed) return fail(removed.error());
+                known.remove(identifier);
             }
             if (!note) continue;
 
@@ -326,6 +354,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
                 if (bound) bound = use.run();
                 if (!bound) return fail(bound.error());
                 metadataRowid = use.lastInsertRowid();
+                known.insert(identifier, fingerprint);
             }
             {
                 auto use = statements_->insertLinkedFts->use();
@@ -341,6 +370,8 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         if (progress_ && total > 0) progress_(total, total);
         return indexed;
     });
+    if (synchronized) fingerprints_ = std::move(working);
+    return synchronized;
 }
 
 Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& repository,

@@ -120,6 +120,10 @@ private:
     // One synchronisation at a time.
     std::mutex synchronizationLock_;
     bool linksVerified_ = false;
+    // Each note's modification time and size as the catalog holds them.
+    struct Fingerprint;
+    struct FingerprintCache;
+    std::unique_ptr<FingerprintCache> fingerprints_;
     std::optional<KeywordRankingSnapshot> rankingSnapshot_;
     qint64 rankingDataVersion_ = 0;
     quint64 rankingWrites_ = 0;

@@ -183,6 +183,31 @@ TEST_F(NoteSearchCatalogTest, CancelledSynchronisationRollsBack) {
     EXPECT_EQ(catalog->count(), 0);
 }
 
+// The catalog keeps the fingerprints between synchronisations: a rolled-back
+// one must not leave its half-done ones behind, and another connection's
+// changes must be read again.
+TEST_F(NoteSearchCatalogTest, KeptFingerprintsFollowRollbacksAndOtherConnections) {
+    for (int i = 0; i < 300; ++i) folder.write(QStringLiteral("n%1.md").arg(i), QByteArray("note ") + QByteArray::number(i));
+    auto catalog = openCatalog();
+    std::stop_source stop;
+    catalog->setProgressHandler([&](int done, int) {
+        if (done >= 250) stop.request_stop();
+    });
+    auto cancelled = catalog->synchronize(repository, nullptr, stop.get_token());
+    ASSERT_FALSE(cancelled);
+    catalog->setProgressHandler({});
+    EXPECT_EQ(sync(*catalog), 300);
+    EXPECT_EQ(catalog->count(), 300);
+    EXPECT_EQ(sync(*catalog), 0);
+
+    folder.write(QStringLiteral("n7.md"), "rewritten by someone else, longer than before");
+    EXPECT_EQ(sync(*openCatalog()), 1);
+    EXPECT_EQ(sync(*catalog), 0) << "the other connection's row is read, not indexed again";
+    ASSERT_TRUE(QFile::remove(folder.filePath("n8.md")));
+    EXPECT_EQ(sync(*catalog), 0);
+    EXPECT_EQ(catalog->count(), 299);
+}
+
 TEST_F(NoteSearchCatalogTest, UnreadableNotesAreSkippedNotFatal) {
     folder.write(QStringLiteral("good.md"), "alpha");
     folder.write(QStringLiteral("latin1.md"), "caf\xe9");
