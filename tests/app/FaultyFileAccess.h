@@ -36,7 +36,25 @@ public:
         held_ = false;
         gate_.release(1000);
     }
+    // Lets one waiting listing go; later ones are still held.
+    void releaseOneListing() { gate_.release(1); }
     int listingsWaiting() const { return waiting_; }
+    // Reads of single notes wait until `releaseReads` while held.
+    void holdReads() { readsHeld_ = true; }
+    void releaseReads() {
+        readsHeld_ = false;
+        readGate_.release(1 << 20);
+    }
+    int readsWaiting() const { return readsWaiting_; }
+
+    Result<StoredNote> read(const QString& identifier) const override {
+        if (readsHeld_) {
+            ++readsWaiting_;
+            readGate_.acquire();
+            --readsWaiting_;
+        }
+        return RepositoryFileAccess::read(identifier);
+    }
     int calls(Operation operation) const { return calls_[static_cast<int>(operation)]; }
 
     Result<std::vector<NoteFileMetadata>> enumerateMetadata() const override {
@@ -85,6 +103,9 @@ private:
     mutable QSemaphore gate_;
     mutable std::atomic<int> waiting_{0};
     std::atomic<bool> held_{false};
+    mutable QSemaphore readGate_;
+    mutable std::atomic<int> readsWaiting_{0};
+    std::atomic<bool> readsHeld_{false};
 };
 
 // Errors as the disk would give them.

@@ -364,7 +364,7 @@ TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFrom
     {
         NoteStore first(folder.path(), options);
         first.loadInitialNotes();
-        ASSERT_TRUE(test::waitUntil([&] { return !first.isLoadingInitialNotes(); }));
+        ASSERT_TRUE(test::waitUntil([&] { return !first.isLoadingInitialNotes() && !first.isReadingNoteDetails(); }));
         (void)first.prepareForQuit();  // writes the cache it has not written yet
     }
     ASSERT_TRUE(QFile::exists(NoteListCache::pathFor(folder.path())));
@@ -394,8 +394,59 @@ TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFrom
     EXPECT_FALSE(NoteListCache::load(folder.path()));
     NoteStore third(folder.path(), options);
     third.loadInitialNotes();
-    ASSERT_TRUE(test::waitUntil([&] { return !third.isLoadingInitialNotes(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return !third.isLoadingInitialNotes() && !third.isReadingNoteDetails(); }));
     EXPECT_EQ(third.notes().size(), 2u);
+}
+
+// Without a list cache the list comes from the folder listing at once, and
+// the notes' details follow. Nothing done in between is lost, and a list of
+// file-name titles is never cached.
+TEST_F(NoteStoreFailureTest, AFirstStartShowsTheListingThenFillsItInWithoutLosingWhatWasDoneMeanwhile) {
+    folder.write(QStringLiteral("Older title.md"), "# Older title\nfirst line of the older note");
+    test::spin(20);
+    folder.write(QStringLiteral("Plans.md"), "# Plans for the week\nmonday: write");
+    NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = false, .welcomeIconPng = {}};
+    options.usesNoteListCache = true;
+    options.fileAccess = [this](const QString& directory) {
+        files = std::make_shared<test::FaultyFileAccess>(directory);
+        return files;
+    };
+    auto store = std::make_unique<NoteStore>(folder.path(), options);
+    files->holdListings();
+    store->loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return files->listingsWaiting() == 1; }));
+    files->releaseOneListing();  // the listing goes; the read for details waits
+    ASSERT_TRUE(test::waitUntil([&] { return !store->isLoadingInitialNotes() && files->listingsWaiting() == 1; }));
+    ASSERT_TRUE(store->isReadingNoteDetails());
+    ASSERT_EQ(store->notes().size(), 2u);
+    EXPECT_EQ(store->notes()[0].title, QStringLiteral("Plans"));  // newest first, named after its file
+    EXPECT_TRUE(store->notes()[1].excerpt.isEmpty());
+
+    // Meanwhile: a note opened and typed into, a note created, a change made elsewhere.
+    EXPECT_EQ(store->body(url("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write"));
+    EXPECT_EQ(store->note(url("Plans.md"))->title, QStringLiteral("Plans for the week"));
+    store->setBody(url("Plans.md"), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
+    const auto created = store->createNote(QStringLiteral("# Made while loading"), NoteContentType::markdown);
+    ASSERT_TRUE(created);
+    (void)store->prepareForQuit();
+    EXPECT_FALSE(QFile::exists(NoteListCache::pathFor(folder.path()))) << "file-name titles were cached";
+
+    // The details read has listed the folder and is reading notes when another program writes one.
+    files->holdReads();
+    files->releaseListings();
+    ASSERT_TRUE(test::waitUntil([&] { return files->readsWaiting() > 0; }));
+    folder.write(QStringLiteral("Elsewhere.md"), "# Written elsewhere");
+    test::spin(300);
+    files->releaseReads();
+    ASSERT_TRUE(test::waitUntil([&] { return !store->isReadingNoteDetails(); }));
+    ASSERT_TRUE(test::waitUntil([&] { return store->note(url("Elsewhere.md")) != nullptr; }));
+    EXPECT_EQ(store->note(url("Older title.md"))->excerpt, QStringLiteral("first line of the older note"));
+    EXPECT_EQ(store->body(url("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
+    EXPECT_TRUE(store->note(*created));
+    ASSERT_TRUE(store->flushPendingSaves());
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
+    (void)store->prepareForQuit();
+    EXPECT_TRUE(QFile::exists(NoteListCache::pathFor(folder.path())));
 }
 
 }  // namespace

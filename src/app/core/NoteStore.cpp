@@ -16,6 +16,7 @@
 #include "NoteListCache.h"
 #include "NoteModel.h"
 #include "NoteSearchCatalog.h"
+#include "NoteTitle.h"
 #include "WelcomeNote.h"
 
 namespace mossly {
@@ -72,7 +73,8 @@ QString Note::fileText(const QString& body) const {
 }
 
 void NoteStore::saveNoteListCache(bool now) {
-    if (!options_.usesNoteListCache || isLoadingInitialNotes_) return;
+    // Never a list of placeholder titles: the cache waits for the details.
+    if (!options_.usesNoteListCache || isLoadingInitialNotes_ || readingNoteDetails_) return;
     noteListCacheTimer_.stop();
     const std::vector<Note> snapshot = notes_;
     const QString directory = directory_;
@@ -112,6 +114,7 @@ struct NoteStore::LoadedLibrary {
     std::optional<Error> listingError;
     std::vector<UnreadableNote> unreadable;
     bool fromCache = false;
+    bool listingOnly = false;
 
     // The list as last seen, when there is a cache of it; the folder is checked afterwards.
     static std::optional<LoadedLibrary> readCached(const NoteFileAccess& files) {
@@ -121,6 +124,27 @@ struct NoteStore::LoadedLibrary {
         library.notes = std::move(*cached);
         library.metadata = files.loadFolderMetadata();
         library.fromCache = true;
+        return library;
+    }
+
+    // The list from the folder listing alone, before any note is read: titles
+    // from file names (which the app gives its notes' titles), no excerpts,
+    // no revisions. Sorted like the real list (by modification date), so the
+    // read that follows only fills rows in.
+    static LoadedLibrary readListing(const NoteFileAccess& files) {
+        LoadedLibrary library;
+        auto listing = files.enumerateMetadata();
+        if (!listing) return read(files);  // the full read reports the failure
+        const QString base = QDir::cleanPath(files.directory());
+        library.notes.reserve(listing->size());
+        for (const NoteFileMetadata& entry : *listing) {
+            Note note{QDir::cleanPath(base + u'/' + entry.identifier), entry.identifier, QString(), entry.contentType,
+                      entry.modifiedAt, QString(), noteTitle(QString(), entry.identifier), QString(), nullptr};
+            note.bodyLoaded = false;
+            library.notes.push_back(std::move(note));
+        }
+        library.metadata = files.loadFolderMetadata();
+        library.listingOnly = true;
         return library;
     }
 
@@ -183,16 +207,44 @@ void NoteStore::loadInitialNotes() {
             if (cached) {
                 if (auto library = LoadedLibrary::readCached(*files)) return std::move(*library);
             }
-            return LoadedLibrary::read(*files);
+            return LoadedLibrary::readListing(*files);
         },
         [this, span, start, files](LoadedLibrary library) {
             if (files != files_) return;  // the library moved meanwhile
             span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
-            span->add(QStringLiteral("source"), library.fromCache ? QStringLiteral("cache") : QStringLiteral("folder"));
+            span->add(QStringLiteral("source"), library.fromCache     ? QStringLiteral("cache")
+                                                : library.listingOnly ? QStringLiteral("listing")
+                                                                      : QStringLiteral("folder"));
             const bool fromCache = library.fromCache;
+            const bool listingOnly = library.listingOnly;
+            if (listingOnly) readingNoteDetails_ = true;
             applyLibrary(std::move(library), start);
             // The cached list is shown; now see what changed while Mossly was closed.
             if (fromCache) scheduleExternalChanges();
+            if (listingOnly) loadNoteDetails();
+        });
+}
+
+// The second half of a first start: every note read for its title, excerpt
+// and revision, merged like any load into what the user did meanwhile.
+void NoteStore::loadNoteDetails() {
+    const std::shared_ptr<NoteFileAccess> files = files_;
+    const quint64 start = generation_;
+    auto span = std::make_shared<DiagnosticsCenter::Span>(diagnostics(), QStringLiteral("Load note details"));
+    runInBackground(
+        this, [files] { return LoadedLibrary::read(*files); },
+        [this, span, start, files](LoadedLibrary library) {
+            if (files != files_) return;  // the library moved meanwhile
+            span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
+            readingNoteDetails_ = false;
+            applyLibrary(std::move(library), start);
+            diagnostics().event(QStringLiteral("Note details loaded"),
+                                {{"noteCount", static_cast<qint64>(notes_.size())},
+                                 {"sinceProcessStartMs", millisecondsSinceProcessStart()}});
+            if (externalChangesWaiting_) {
+                externalChangesWaiting_ = false;
+                scheduleExternalChanges();
+            }
         });
 }
 
@@ -252,7 +304,8 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
         createWelcomeNoteIfNeeded();
     }
     startMonitoring();
-    refreshSearchIndexInBackground();
+    // Indexing reads every note too: it waits for the details, not to halve their pace.
+    if (!readingNoteDetails_) refreshSearchIndexInBackground();
 }
 
 void NoteStore::startMonitoring() {

@@ -126,6 +126,9 @@ public:
     void loadInitialNotes();
     const QString& directory() const { return directory_; }
     bool isLoadingInitialNotes() const { return isLoadingInitialNotes_; }
+    // A first start without a list cache: the list is shown from the folder
+    // listing (titles from file names) while every note is read for its details.
+    bool isReadingNoteDetails() const { return readingNoteDetails_; }
     Result<void> activateDirectory(const QString& directory, const QHash<QString, QString>& relocatedNotes = {});
     Result<void> reloadFromDiskPreservingSelection();
     // Cancels every debounce and writes every pending edit now, waiting up to
@@ -261,6 +264,7 @@ private:
     void dropFolderMetadataFor(const QSet<QString>& fileNames);
     void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
     void saveNoteListCache(bool now);
+    void loadNoteDetails();
     QUuid ensureImportedFolder(const QString& name, const QString& sourceIdentifier, const std::optional<QUuid>& parent);
 
     QString directory_;
@@ -276,6 +280,9 @@ private:
     std::optional<Error> metadataError_;
     bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read
     bool isLoadingInitialNotes_ = true;
+    // A first start shows the folder listing, then reads every note for its details.
+    bool readingNoteDetails_ = false;
+    bool externalChangesWaiting_ = false;
     bool didStartInitialLoad_ = false;
     std::optional<QString> selection_;
 

@@ -26,6 +26,10 @@ struct NoteStore::Scan {
 // background; the result is merged on this thread.
 void NoteStore::scheduleExternalChanges() {
     if (isLoadingInitialNotes_) return;  // the load in flight sees the folder as it is now
+    if (readingNoteDetails_) {
+        externalChangesWaiting_ = true;  // looked at once the details are in
+        return;
+    }
     const quint64 scanGeneration = ++externalSyncGeneration_;
     const quint64 start = generation_;
     QHash<QString, FileTime> known;
