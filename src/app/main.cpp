@@ -67,6 +67,8 @@ int main(int argc, char** argv) {
     NoteStore::Options options{.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()};
     options.usesNoteListCache = true;
     NoteStore store(*directory, options);
+    // Reading the list starts now, while the window is built; it is shown from the event loop.
+    store.loadInitialNotes();
     AppLifecycle lifecycle;
     diagnostics.event(QStringLiteral("Application initialized"));
 
@@ -91,7 +93,6 @@ int main(int argc, char** argv) {
         return finishWorkBeforeQuit(store, prompts, mayCancel);
     });
     window.show();
-    store.loadInitialNotes();
     diagnostics.event(QStringLiteral("Application finished launching"));
     return QApplication::exec();
 }

@@ -135,10 +135,14 @@ struct NoteStore::LoadedLibrary {
         LoadedLibrary library;
         auto listing = files.enumerateMetadata();
         if (!listing) return read(files);  // the full read reports the failure
-        const QString base = QDir::cleanPath(files.directory());
+        // Sorted here, where an entry is small, rather than as notes.
+        std::stable_sort(listing->begin(), listing->end(), [](const NoteFileMetadata& a, const NoteFileMetadata& b) {
+            return a.modifiedAt > b.modifiedAt;
+        });
+        const QString prefix = QDir::cleanPath(files.directory()) + u'/';  // identifiers come clean from the listing
         library.notes.reserve(listing->size());
         for (const NoteFileMetadata& entry : *listing) {
-            Note note{QDir::cleanPath(base + u'/' + entry.identifier), entry.identifier, QString(), entry.contentType,
+            Note note{prefix + entry.identifier, entry.identifier, QString(), entry.contentType,
                       entry.modifiedAt, QString(), noteTitle(QString(), entry.identifier), QString(), nullptr};
             note.bodyLoaded = false;
             library.notes.push_back(std::move(note));
@@ -248,18 +252,19 @@ void NoteStore::loadNoteDetails() {
         });
 }
 
-// Merges a library read from disk into what the user has done since the read
-// began (`startGeneration`): notes created, edited or saved meanwhile keep
-// their in-memory state, notes trashed meanwhile stay gone, and text not yet
-// on disk is never dropped.
-void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
-    if (library.listingError) emit problemOccurred(library.listingError->description());
+// The notes of a library read from disk, merged with those in memory (see applyLibrary).
+std::vector<Note> NoteStore::mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration) const {
     std::vector<Note> merged;
-    merged.reserve(library.notes.size() + notes_.size());
+    merged.reserve(loadedNotes.size() + notes_.size());
+    // Both sides may hold the whole library: look notes up by URL, not by walking the list.
+    QHash<QString, const Note*> currentByUrl;
+    currentByUrl.reserve(static_cast<qsizetype>(notes_.size()));
+    for (const Note& current : notes_) currentByUrl.insert(current.url, &current);
     QSet<QString> loadedUrls;
-    for (Note& loaded : library.notes) {
+    loadedUrls.reserve(static_cast<qsizetype>(loadedNotes.size()));
+    for (Note& loaded : loadedNotes) {
         loadedUrls.insert(loaded.url);
-        const Note* current = note(loaded.url);
+        const Note* current = currentByUrl.value(loaded.url);
         const bool sameLoadedText = current && current->bodyLoaded && current->revision == loaded.revision;
         if (current && (current->changeGeneration > startGeneration || pendingBaseRevisions_.contains(loaded.url) ||
                         conflicts_.contains(loaded.url) || sameLoadedText)) {
@@ -276,7 +281,20 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
             merged.push_back(current);  // created here meanwhile, or holding words not yet on disk
         }
     }
-    notes_ = std::move(merged);
+    return merged;
+}
+
+// Merges a library read from disk into what the user has done since the read
+// began (`startGeneration`): notes created, edited or saved meanwhile keep
+// their in-memory state, notes trashed meanwhile stay gone, and text not yet
+// on disk is never dropped.
+void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
+    if (library.listingError) emit problemOccurred(library.listingError->description());
+    if (notes_.empty() && trashedAt_.isEmpty()) {
+        notes_ = std::move(library.notes);  // nothing here yet to merge with
+    } else {
+        notes_ = mergedWithCurrent(std::move(library.notes), startGeneration);
+    }
     sortNotes();
     setUnreadableNotes(std::move(library.unreadable));
     for (const QString& url : QStringList(pendingBaseRevisions_.keys()) + QStringList(conflicts_.keys())) {
@@ -348,8 +366,10 @@ const Note* NoteStore::note(const QString& url) const {
 Note* NoteStore::mutableNote(const QString& url) { return const_cast<Note*>(std::as_const(*this).note(url)); }
 
 void NoteStore::sortNotes() {
-    std::stable_sort(notes_.begin(), notes_.end(),
-                     [](const Note& a, const Note& b) { return a.modifiedAt > b.modifiedAt; });
+    const auto newerFirst = [](const Note& a, const Note& b) { return a.modifiedAt > b.modifiedAt; };
+    // A list from the cache comes sorted: checking is far cheaper than moving 100,000 notes.
+    if (std::is_sorted(notes_.begin(), notes_.end(), newerFirst)) return;
+    std::stable_sort(notes_.begin(), notes_.end(), newerFirst);
 }
 
 void NoteStore::select(const std::optional<QString>& url) {

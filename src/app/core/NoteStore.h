@@ -265,6 +265,7 @@ private:
     void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
     void saveNoteListCache(bool now);
     void loadNoteDetails();
+    std::vector<Note> mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration) const;
     QUuid ensureImportedFolder(const QString& name, const QString& sourceIdentifier, const std::optional<QUuid>& parent);
 
     QString directory_;
