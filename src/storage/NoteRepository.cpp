@@ -74,11 +74,11 @@ Result<QString> NoteRepository::directoryURL() const {
     return resolution->directory;
 }
 
-Result<std::vector<NoteFileMetadata>> NoteRepository::enumerateMetadata() const {
+Result<std::vector<NoteFileMetadata>> NoteRepository::enumerateMetadata(ListingOrder order) const {
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());
     auto notes = scanNoteFiles(*directory);
-    if (!notes) return notes;
+    if (!notes || order == ListingOrder::asFound) return notes;
     return sortedByIdentifier(std::move(*notes));
 }
 

@@ -238,7 +238,7 @@ Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, con
 }
 
 Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {
-    auto listing = repository.enumerateMetadata();
+    auto listing = repository.enumerateMetadata(NoteRepository::ListingOrder::asFound);
     if (!listing) return fail(listing.error());
 
     std::lock_guard guard(lock_);
