@@ -398,6 +398,38 @@ TEST_F(NoteStoreFailureTest, TheListCacheShowsTheLibraryAtOnceAndIsCorrectedFrom
     EXPECT_EQ(third.notes().size(), 2u);
 }
 
+// Moving to another folder while the first one's details are still being read:
+// that read is dropped, and the new folder's list is cached and watched as usual.
+TEST_F(NoteStoreFailureTest, AFolderChangedWhileDetailsAreReadIsWatchedAndCached) {
+    folder.write(QStringLiteral("old.md"), "# Old");
+    test::TemporaryNotesFolder elsewhere;
+    elsewhere.write(QStringLiteral("new.md"), "# New");
+    NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = false, .welcomeIconPng = {}};
+    options.usesNoteListCache = true;
+    std::shared_ptr<test::FaultyFileAccess> first;
+    options.fileAccess = [&](const QString& directory) {
+        files = std::make_shared<test::FaultyFileAccess>(directory);
+        if (!first) first = files;
+        return files;
+    };
+    auto store = std::make_unique<NoteStore>(folder.path(), options);
+    first->holdListings();
+    store->loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return first->listingsWaiting() == 1; }));
+    first->releaseOneListing();
+    ASSERT_TRUE(test::waitUntil([&] { return !store->isLoadingInitialNotes() && first->listingsWaiting() == 1; }));
+
+    ASSERT_TRUE(store->activateDirectory(elsewhere.path()));
+    first->releaseListings();
+    test::spin(200);
+    EXPECT_FALSE(store->isReadingNoteDetails());
+    ASSERT_EQ(store->notes().size(), 1u);
+    elsewhere.write(QStringLiteral("later.md"), "# Later");
+    ASSERT_TRUE(test::waitUntil([&] { return store->notes().size() == 2; })) << "the new folder is not watched";
+    (void)store->prepareForQuit();
+    EXPECT_TRUE(QFile::exists(NoteListCache::pathFor(elsewhere.path())));
+}
+
 // Without a list cache the list comes from the folder listing at once, and
 // the notes' details follow. Nothing done in between is lost, and a list of
 // file-name titles is never cached.

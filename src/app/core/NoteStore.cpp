@@ -348,6 +348,9 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
     missingNoteNames_.clear();
     catalog_.reset();
     catalogReady_ = false;
+    // A details read of the old folder still running is dropped when it ends (its files are not ours).
+    readingNoteDetails_ = false;
+    externalChangesWaiting_ = false;
     diagnostics().addPrivatePath(directory_);
     return reloadFromDiskPreservingSelection();
 }
