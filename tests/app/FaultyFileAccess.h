@@ -46,6 +46,23 @@ public:
         readGate_.release(1 << 20);
     }
     int readsWaiting() const { return readsWaiting_; }
+    // A folder-metadata load reads the file, then waits until `releaseFolderMetadata` while held.
+    void holdFolderMetadata() { metadataHeld_ = true; }
+    void releaseFolderMetadata() {
+        metadataHeld_ = false;
+        metadataGate_.release(1000);
+    }
+    int folderMetadataWaiting() const { return metadataWaiting_; }
+
+    Result<FolderMetadata> loadFolderMetadata() const override {
+        auto loaded = RepositoryFileAccess::loadFolderMetadata();
+        if (metadataHeld_) {
+            ++metadataWaiting_;
+            metadataGate_.acquire();
+            --metadataWaiting_;
+        }
+        return loaded;
+    }
 
     Result<StoredNote> read(const QString& identifier) const override {
         if (readsHeld_) {
@@ -106,6 +123,9 @@ private:
     mutable QSemaphore readGate_;
     mutable std::atomic<int> readsWaiting_{0};
     std::atomic<bool> readsHeld_{false};
+    mutable QSemaphore metadataGate_;
+    mutable std::atomic<int> metadataWaiting_{0};
+    std::atomic<bool> metadataHeld_{false};
 };
 
 // Errors as the disk would give them.

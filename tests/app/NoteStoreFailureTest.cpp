@@ -469,12 +469,18 @@ TEST_F(NoteStoreFailureTest, AFirstStartShowsTheListingThenFillsItInWithoutLosin
     ASSERT_TRUE(test::waitUntil([&] { return files->readsWaiting() > 0; }));
     folder.write(QStringLiteral("Elsewhere.md"), "# Written elsewhere");
     test::spin(300);
+    // The read has taken the folders file when the user marks a favourite.
+    files->holdFolderMetadata();
     files->releaseReads();
+    ASSERT_TRUE(test::waitUntil([&] { return files->folderMetadataWaiting() == 1; }));
+    store->setFavorite(true, url("Older title.md"));
+    files->releaseFolderMetadata();
     ASSERT_TRUE(test::waitUntil([&] { return !store->isReadingNoteDetails(); }));
     ASSERT_TRUE(test::waitUntil([&] { return store->note(url("Elsewhere.md")) != nullptr; }));
     EXPECT_EQ(store->note(url("Older title.md"))->excerpt, QStringLiteral("first line of the older note"));
     EXPECT_EQ(store->body(url("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
     EXPECT_TRUE(store->note(*created));
+    EXPECT_TRUE(store->isFavorite(url("Older title.md"))) << "the read undid a favourite";
     ASSERT_TRUE(store->flushPendingSaves());
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
     (void)store->prepareForQuit();

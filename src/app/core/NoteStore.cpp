@@ -115,6 +115,8 @@ struct NoteStore::LoadedLibrary {
     std::vector<UnreadableNote> unreadable;
     bool fromCache = false;
     bool listingOnly = false;
+    // The folders and favourites read with the listing stay: the user may have changed them since.
+    bool keepsFolderMetadata = false;
 
     // The list as last seen, when there is a cache of it; the folder is checked afterwards.
     static std::optional<LoadedLibrary> readCached(const NoteFileAccess& files) {
@@ -241,6 +243,7 @@ void NoteStore::loadNoteDetails() {
             if (files != files_) return;  // the library moved meanwhile
             span->add(QStringLiteral("noteCount"), static_cast<qint64>(library.notes.size()));
             readingNoteDetails_ = false;
+            library.keepsFolderMetadata = true;
             applyLibrary(std::move(library), start);
             diagnostics().event(QStringLiteral("Note details loaded"),
                                 {{"noteCount", static_cast<qint64>(notes_.size())},
@@ -301,7 +304,9 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
         if (!note(url)) forgetUnsavedState(url);
     }
 
-    if (library.metadata) {
+    if (library.keepsFolderMetadata) {
+        // As they are in memory (and on disk since the user's last change).
+    } else if (library.metadata) {
         metadata_ = std::move(*library.metadata);
         metadataError_.reset();
     } else {
