@@ -457,10 +457,15 @@ TEST_F(NoteStoreFailureTest, AFirstStartShowsTheListingThenFillsItInWithoutLosin
     // Meanwhile: a note opened and typed into, a note created, a change made elsewhere.
     EXPECT_EQ(store->body(url("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write"));
     EXPECT_EQ(store->note(url("Plans.md"))->title, QStringLiteral("Plans for the week"));
+    // The disk is full when those words are first saved: quitting now names the note.
+    files->failNext(Operation::update, test::diskFull(url("Plans.md")));
     store->setBody(url("Plans.md"), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
     const auto created = store->createNote(QStringLiteral("# Made while loading"), NoteContentType::markdown);
     ASSERT_TRUE(created);
-    (void)store->prepareForQuit();
+    const QuitPreparation quit = store->prepareForQuit();
+    ASSERT_EQ(quit.unsaved.size(), 1u);
+    EXPECT_EQ(quit.unsaved[0].url, url("Plans.md"));
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write"));
     EXPECT_FALSE(QFile::exists(NoteListCache::pathFor(folder.path()))) << "file-name titles were cached";
 
     // The details read has listed the folder and is reading notes when another program writes one.
