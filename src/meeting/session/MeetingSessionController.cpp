@@ -272,7 +272,7 @@ void MeetingSessionController::apply(const MeetingBatch& batch) {
     if (session_) session_->append(batch.stable);
     for (const auto& issue : batch.issues) report(issue.operation, issue.statusText, issue.description);
     if (batch.checkpointAt) lastCheckpointAt_ = batch.checkpointAt;
-    publishSegments(batch.unstable);
+    publishSegments();
     if (batch.checkpointAt) emit noteWritten();
     setBacklog(batch.backlog);
     if (!batch.stable.isEmpty() && services_.diagnostics) {
@@ -428,7 +428,7 @@ void MeetingSessionController::reset() {
     pausedMs_ = 0;
     pausedAt_.reset();
     lastCheckpointAt_.reset();
-    publishSegments({});
+    publishSegments();
     if (elapsed_ != 0) {
         elapsed_ = 0;
         emit elapsedChanged();
@@ -555,10 +555,8 @@ void MeetingSessionController::setNoteURL(const QUrl& url) {
     emit noteURLChanged();
 }
 
-void MeetingSessionController::publishSegments(const QList<MeetingTranscriptSegment>& unstable) {
+void MeetingSessionController::publishSegments() {
     QList<MeetingTranscriptSegment> segments = session_ ? session_->state().segments : QList<MeetingTranscriptSegment>{};
-    segments += unstable;
-    sortSegments(segments);
     if (segments == segments_) return;
     segments_ = std::move(segments);
     emit segmentsChanged();

@@ -62,7 +62,7 @@ public:
     ~MeetingSessionController() override;
 
     MeetingSessionPhase phase() const { return phase_; }
-    // The stable transcript followed by the held-back preview, ordered by start time.
+    // The transcript so far, ordered by start time.
     QList<MeetingTranscriptSegment> segments() const { return segments_; }
     double elapsed() const { return elapsed_; }
     float microphoneLevel() const { return microphoneLevel_; }
@@ -131,7 +131,7 @@ private:
     void setLevel(MeetingCaptureSource source, float level);
     void setBacklog(const TranscriptionBacklog& backlog);
     void setNoteURL(const QUrl& url);
-    void publishSegments(const QList<MeetingTranscriptSegment>& unstable);
+    void publishSegments();
 
     MeetingSettings& settings_;
     MeetingSessionServices services_;

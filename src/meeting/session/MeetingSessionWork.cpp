@@ -38,10 +38,8 @@ void drain(MeetingWork& work, MeetingBatch& batch, int limit) {
         if (!*next) return;
         ++batch.chunkCount;
         auto heard = work.transcription->accept(**next);
-        if (heard)
-            commit(work, batch, *heard);
-        else
-            batch.issues.append(issue(transcribeOperation, transcribeStatus, heard.error()));
+        commit(work, batch, heard.segments);
+        if (heard.failure) batch.issues.append(issue(transcribeOperation, transcribeStatus, *heard.failure));
     }
     batch.moreQueued = !work.pipeline->backlog().isEmpty();
 }
@@ -59,7 +57,6 @@ void checkpointIfNew(MeetingWork& work, MeetingBatch& batch) {
 }
 
 void publish(MeetingWork& work, MeetingBatch& batch) {
-    batch.unstable = work.transcription->unstableSegments();
     batch.backlog = work.pipeline->backlog() + work.transcription->backlog();
 }
 
@@ -145,20 +142,18 @@ MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt) {
     }
     drain(work, batch, -1);
     auto rest = work.transcription->flush();
-    if (rest)
-        commit(work, batch, *rest);
-    else
-        batch.issues.append(issue(transcribeOperation, transcribeStatus, rest.error()));
+    commit(work, batch, rest.segments);
+    if (rest.failure) batch.issues.append(issue(transcribeOperation, transcribeStatus, *rest.failure));
 
     QStringList audioPaths;
     {
         std::lock_guard lock(work.audioMutex);
         if (work.audioStore) {
             auto finished = work.audioStore->finish();
-            if (finished)
-                audioPaths = *finished;
-            else
-                batch.issues.append(issue(audioOperation, finished.error().description(), finished.error()));
+            audioPaths = finished.paths;  // what was kept, even when another track failed
+            if (finished.failure) {
+                batch.issues.append(issue(audioOperation, finished.failure->description(), *finished.failure));
+            }
             work.audioStore.reset();
         }
     }

@@ -54,7 +54,6 @@ struct MeetingPreparation {
 
 struct MeetingBatch {
     QList<MeetingTranscriptSegment> stable;  // new this batch
-    QList<MeetingTranscriptSegment> unstable;
     TranscriptionBacklog backlog;
     QList<MeetingIssue> issues;
     std::optional<QDateTime> checkpointAt;
