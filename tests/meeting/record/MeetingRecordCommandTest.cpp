@@ -148,9 +148,11 @@ TEST_F(MeetingRecordCommandTest, RefusesArgumentsItCannotRead) {
 }
 
 TEST_F(MeetingRecordCommandTest, RecoverMarksInterruptedMeetings) {
-    const auto id = QUuid::createUuid();
-    MeetingNoteWriter writer(id, QDateTime::currentDateTimeUtc(), notesFolder.path());
-    ASSERT_TRUE(writer.create("Lost", {Source::microphone}, "ggml-base.bin", MeetingSummaryProviderKind::none));
+    {
+        // A recorder that is gone: its writer no longer holds the meeting.
+        MeetingNoteWriter writer(QUuid::createUuid(), QDateTime::currentDateTimeUtc(), notesFolder.path());
+        ASSERT_TRUE(writer.create("Lost", {Source::microphone}, "ggml-base.bin", MeetingSummaryProviderKind::none));
+    }
 
     auto command = makeCommand();
     EXPECT_EQ(run(*command, {"--recover", "--notes-dir", notesFolder.path()}), 0);
