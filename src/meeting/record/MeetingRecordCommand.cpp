@@ -140,16 +140,44 @@ void MeetingRecordCommand::record(const MeetingRecordOptions& options) {
     const auto duration = options.durationSeconds;
     controller_->start([this, duration] {
         if (controller_->phase() != MeetingSessionPhase::recording) return;
-        if (stopRequested_) return controller_->stop();
-        if (duration) QTimer::singleShot(qRound64(*duration * 1000), this, [this] { controller_->stop(); });
+        if (stopRequested_) return stopRecording();
+        if (duration) QTimer::singleShot(qRound64(*duration * 1000), this, [this] { stopRecording(); });
     });
 }
 
+void MeetingRecordCommand::stopRecording() {
+    controller_->stop([this] { afterFinalWrite(); });
+}
+
+void MeetingRecordCommand::afterFinalWrite() {
+    if (!controller_->canRetryFinalWrite()) return;  // the phase says how it went
+    // The transcript is still here: try again for a while, unless the user interrupts again.
+    if (givenUp_ || ++finalWriteRetries_ > finalWriteRetryLimit) return giveUp();
+    QTimer::singleShot(finalWriteRetryDelayMs, this, [this] {
+        if (givenUp_) return;
+        controller_->retryFinalWrite([this] { afterFinalWrite(); });
+    });
+}
+
+void MeetingRecordCommand::giveUp() {
+    givenUp_ = true;
+    err_ << controller_->errorMessage() << u'\n' << finalWriteAbandoned << u'\n' << Qt::flush;
+    end(1);
+}
+
 void MeetingRecordCommand::interrupt() {
-    stopRequested_ = true;
-    if (!controller_) return;
+    if (!controller_) {
+        stopRequested_ = true;
+        return;
+    }
     const auto phase = controller_->phase();
-    if (phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused) controller_->stop();
+    if (controller_->canRetryFinalWrite() || (stopRequested_ && phase == MeetingSessionPhase::finalizing)) {
+        givenUp_ = true;  // a second interrupt while the transcript waits to be written
+        if (controller_->canRetryFinalWrite()) giveUp();
+        return;
+    }
+    stopRequested_ = true;
+    if (phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused) stopRecording();
 }
 
 void MeetingRecordCommand::printPhase() {
