@@ -15,6 +15,8 @@ namespace mossly::meeting {
 
 // What `mossly-record` was asked to do.
 struct MeetingRecordOptions {
+    bool help = false;
+    bool acknowledgeConsent = false;  // the participant-consent reminder, confirmed from the terminal
     bool recover = false;
     QString title;
     QSet<MeetingCaptureSource> sources{MeetingCaptureSource::microphone, MeetingCaptureSource::system};

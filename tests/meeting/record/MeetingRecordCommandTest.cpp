@@ -132,6 +132,25 @@ TEST_F(MeetingRecordCommandTest, FailedStartExitsWithTheReason) {
     EXPECT_FALSE(printed("note"));
 }
 
+// A terminal user has no check box: the option acknowledges the reminder, and it stays acknowledged.
+TEST_F(MeetingRecordCommandTest, ConsentCanBeAcknowledgedFromTheTerminalAndIsRemembered) {
+    settings.setHasAcknowledgedConsent(false);
+    auto command = makeCommand();
+    EXPECT_EQ(run(*command, {"--acknowledge-consent", "--duration", "0.05", "--title", "Agreed", "--notes-dir",
+                             notesFolder.path()}),
+              0)
+        << errors.toStdString();
+    EXPECT_TRUE(MeetingSettings(preferences).hasAcknowledgedConsent());
+}
+
+TEST_F(MeetingRecordCommandTest, HelpPrintsTheUsage) {
+    auto command = makeCommand();
+    EXPECT_EQ(run(*command, {"--help"}), 0);
+    EXPECT_TRUE(output.startsWith("Usage: mossly-record"));
+    EXPECT_TRUE(output.contains("--acknowledge-consent"));
+    EXPECT_TRUE(errors.isEmpty());
+}
+
 TEST_F(MeetingRecordCommandTest, RefusesArgumentsItCannotRead) {
     for (const auto& arguments : QList<QStringList>{{"--sources", "speaker"},
                                                     {"--provider", "codexCLI"},
