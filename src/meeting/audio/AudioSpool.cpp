@@ -1,6 +1,8 @@
 #include "AudioSpool.h"
 
 #include <QDir>
+#include <QFileInfo>
+#include <QStandardPaths>
 #include <QUuid>
 #include <QtEndian>
 #include <cstring>
@@ -89,14 +91,18 @@ AudioSpoolFile::~AudioSpoolFile() {
 }
 
 std::unique_ptr<AudioSpoolFile> AudioSpoolFile::temporary() {
-    return std::make_unique<AudioSpoolFile>(QDir::tempPath() + QStringLiteral("/NotesMeetingAudioQueue-") +
-                                            QUuid::createUuid().toString(QUuid::WithoutBraces) +
-                                            QStringLiteral(".bin"));
+    // Not the temporary folder: that is often a RAM disk, and the spool exists to keep audio out of memory.
+    return std::make_unique<AudioSpoolFile>(
+        QStandardPaths::writableLocation(QStandardPaths::GenericCacheLocation) +
+        QStringLiteral("/com.bellam.notes/meeting-audio/NotesMeetingAudioQueue-") +
+        QUuid::createUuid().toString(QUuid::WithoutBraces) + QStringLiteral(".bin"));
 }
 
 bool AudioSpoolFile::ensureOpen() {
     // Created on the first overflow: most meetings never need it.
-    return file_.isOpen() || file_.open(QIODevice::ReadWrite | QIODevice::Truncate);
+    if (file_.isOpen()) return true;
+    QDir().mkpath(QFileInfo(file_.fileName()).absolutePath());
+    return file_.open(QIODevice::ReadWrite | QIODevice::Truncate);
 }
 
 std::expected<qint64, QString> AudioSpoolFile::append(const QByteArray& record) {

@@ -28,7 +28,8 @@ class AudioSpoolFile : public AudioSpoolStorage {
   public:
     explicit AudioSpoolFile(QString path);
     ~AudioSpoolFile() override;
-    // "NotesMeetingAudioQueue-<uuid>.bin" in the temporary folder.
+    // "NotesMeetingAudioQueue-<uuid>.bin" in "$XDG_CACHE_HOME/com.bellam.notes/meeting-audio",
+    // on disk rather than in a temporary folder that may live in memory.
     static std::unique_ptr<AudioSpoolFile> temporary();
 
     QString path() const { return file_.fileName(); }
