@@ -11,6 +11,7 @@
 #include "MeetingNoteWriter.h"
 #include "MeetingRecordCommand.h"
 #include "MeetingSessionFakes.h"
+#include "ProcessTestSupport.h"
 #include "TestSupport.h"
 
 namespace mossly::meeting {
@@ -31,6 +32,7 @@ protected:
         services.captureFactory = captures.factory();
         services.permissions = std::make_shared<FakePermissions>();
         services.notesDirectory = [] { return QStringLiteral("/nonexistent"); };
+        services.busyPatience = std::chrono::milliseconds(200);
         services.transcriberFactory =
             [this](const QString&) -> std::expected<std::shared_ptr<WhisperTranscribing>, MeetingSessionError> {
             return transcriber;
@@ -102,6 +104,26 @@ TEST_F(MeetingRecordCommandTest, RecordsUntilInterruptedAndPrintsTheNote) {
     EXPECT_EQ(texts, (QStringList{"microphone from 0", "microphone from 18"}));
     EXPECT_EQ(lines().last().value("note").toString(), "Standup.md");
     EXPECT_TRUE(QFile::exists(notesFolder.filePath("Standup.md")));
+}
+
+// The library stays busy at the end: the command keeps the transcript and tries again
+// until a second interrupt, which gives up with exit code 1 after every line was printed.
+TEST_F(MeetingRecordCommandTest, ALibraryThatStaysBusyIsRetriedUntilASecondInterrupt) {
+    auto command = makeCommand();
+    std::unique_ptr<ForkedChild> otherWriter;
+    const int code = run(*command, {"--title", "Busy", "--sources", "microphone", "--notes-dir", notesFolder.path()}, [&] {
+        ASSERT_TRUE(waitFor([&] { return printedPhases().contains("recording"); }));
+        captures.latest(Source::microphone).deliver(3);
+        otherWriter = std::make_unique<ForkedChild>([&] { return holdLibraryLock(notesFolder.path()); });
+        ASSERT_TRUE(otherWriter->ready());
+        command->interrupt();
+        ASSERT_TRUE(waitFor([&] { return output.contains("Transcript not saved yet: "); }));
+        command->interrupt();
+    });
+    EXPECT_EQ(code, 1);
+    EXPECT_TRUE(errors.endsWith(MeetingRecordCommand::finalWriteAbandoned + "\n")) << errors.toStdString();
+    EXPECT_TRUE(printed("segment"));
+    EXPECT_FALSE(printed("note"));
 }
 
 TEST_F(MeetingRecordCommandTest, TerminationSignalStopsTheRecording) {
