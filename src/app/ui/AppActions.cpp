@@ -94,10 +94,12 @@ void showImportReport(QWidget* parent, const NoteFileImportReport& report) {
 
 void installAppActions(MainWindow& window, NoteStore& store) {
     QMenu* file = window.menuBar()->addMenu(QObject::tr("&File"));
+    // A note made while a folder is shown goes into it, so it is in the list the user is looking at.
+    const auto createIn = [&window](NoteContentType type) { window.createNoteHere({}, type); };
     QObject::connect(addAction(file, QObject::tr("New Note"), QKeySequence(QStringLiteral("Ctrl+N"))),
-                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::markdown); });
+                     &QAction::triggered, &store, [createIn] { createIn(NoteContentType::markdown); });
     QObject::connect(addAction(file, QObject::tr("New Sketch"), QKeySequence(QStringLiteral("Shift+Ctrl+N"))),
-                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::sketch); });
+                     &QAction::triggered, &store, [createIn] { createIn(NoteContentType::sketch); });
     file->addSeparator();
     QObject::connect(addAction(file, QObject::tr("Import Note Files…")), &QAction::triggered, &window,
                      [&window, &store] {

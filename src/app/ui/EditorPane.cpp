@@ -5,6 +5,7 @@
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QVBoxLayout>
+#include <utility>
 
 #include "EditorTextSync.h"
 #include "HtmlNoteView.h"
@@ -54,8 +55,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     connect(retry_, &QPushButton::clicked, this, [this] { store_.retrySave(url_); });
     connect(markdownEditor_, &MarkdownTextView::markdownEdited, this, [this](const QString& text) {
         if (url_.isEmpty()) return;
-        shownMarkdown_ = text;
-        store_.setBody(url_, text);
+        store_.applyEditorChange(url_, std::exchange(shownMarkdown_, text), text);
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);

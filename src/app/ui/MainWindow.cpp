@@ -19,6 +19,7 @@
 #include "LaunchNotices.h"
 #include "LinkPreviews.h"
 #include "LibrarySidebar.h"
+#include "LibraryTree.h"
 #include "MarkdownTextView.h"
 #include "MeetingRecorder.h"
 #include "MeetingSessionController.h"
@@ -147,9 +148,13 @@ bool MainWindow::pasteAsHtmlNote(const QMimeData& data) {
         statusBar()->showMessage(tr("The clipboard holds no HTML to make a note of."), 10000);
         return false;
     }
-    const auto created = store_.createNote(*html, NoteContentType::html);
-    if (created) store_.select(*created);
-    return created.has_value();
+    return createNoteHere(*html, NoteContentType::html).has_value();
+}
+
+std::optional<QString> MainWindow::createNoteHere(const QString& content, NoteContentType contentType) {
+    LibraryTree* tree = sidebar_->tree();
+    if (tree->currentScope().kind == LibraryScope::Kind::favorites) tree->showAllNotes();
+    return store_.createNote(content, contentType, tree->currentFolder());
 }
 
 void MainWindow::updateUnreadableNotice() {
