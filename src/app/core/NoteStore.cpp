@@ -743,17 +743,12 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
     auto span = diagnostics().span(QStringLiteral("Preserve conflict copy"));
 
     const QString identifier = original->identifier;
-    const qsizetype dot = identifier.lastIndexOf(u'.');
-    const QString base = identifier.left(dot);
-    const QString extension = identifier.mid(dot + 1);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     const QString text = original->fileText(conflict->userContent);
     const QDeadlineTimer deadline(busyPatience);
     Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-        const QString name = counter == 1
-                                 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
-                                 : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+        const QString name = conflictCopyName(identifier, stamp, counter);
         copy = files_->createAt(name, text);
         while (!copy && copy.error().code() == Error::Code::busy && !deadline.hasExpired()) {
             QThread::msleep(50);
@@ -768,6 +763,12 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
     }
     Note copied = noteFromStored(*copy);
     touch(copied);
+    // The copy sits beside its note in the list the user is looking at.
+    if (const auto folder = folderOf(url); folder && folderMetadataWritable()) {
+        metadata_.noteAssignments.insert(copied.fileName(), *folder);
+        writeFolderMetadata();
+        emit foldersChanged();
+    }
     notes_.push_back(std::move(copied));
     diagnostics().event(QStringLiteral("Conflict copy preserved"));
     reloadConflict(url);

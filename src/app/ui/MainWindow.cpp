@@ -133,6 +133,7 @@ void MainWindow::setMeetingRecorder(MeetingRecorder* recorder) {
     connect(open, &QAction::triggered, recorder, &MeetingRecorder::showWindow);
     connect(stop, &QAction::triggered, recorder, [recorder] { recorder->controller().stop(); });
     connect(recorder, &MeetingRecorder::recordingChanged, stop, &QAction::setEnabled);
+    makeShortcutsApplicationWide(*this);  // Stop Recording from the recorder's own window too
     connect(recorder, &MeetingRecorder::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) {
             store_.select(*url);
@@ -184,6 +185,7 @@ NoteWindow* MainWindow::openNoteWindow(const QString& url) {
     if (!store_.note(url)) return nullptr;
     auto* window = new NoteWindow(store_, url, this);
     window->editorPane()->markdownEditor()->setLinkPreviews(linkPreviews_);
+    window->editorPane()->setFontPointSize(editorFontSize());  // the same text size as here
     window->show();
     return window;
 }
