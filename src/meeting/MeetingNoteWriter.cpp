@@ -3,6 +3,9 @@
 #include "MeetingNoteFormat.h"
 #include "MeetingSummaryService.h"
 
+#include <QDeadlineTimer>
+#include <QThread>
+
 namespace mossly::meeting {
 
 namespace {
@@ -83,8 +86,12 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::create(const Q
     };
     if (!audioPaths.isEmpty()) fields.insert_or_assign(Format::recordingsKey, audioPaths);
 
-    auto note = repository_.create(noteTitle, initialBody(noteTitle), Format::editor(), NoteContentType::markdown,
-                                   fields);
+    // Claimed before the first manifest exists, so recovery never takes this meeting for an interrupted one.
+    if (auto claimed = recovery_.claim(sessionID_)) claim_.emplace(std::move(*claimed));
+    auto note = waitingOutBusy([&] {
+        return repository_.create(noteTitle, initialBody(noteTitle), Format::editor(), NoteContentType::markdown,
+                                  fields);
+    });
     if (!note) return writeFailure(note.error().description());
     noteIdentifier_ = note->identifier;
     audioPaths_ = audioPaths;
@@ -118,8 +125,15 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::setSummaryStat
     return rewriteReporting(keepBody, fields);
 }
 
+std::expected<void, MeetingSessionError> MeetingNoteWriter::recordAudioPaths(const QStringList& audioPaths) {
+    audioPaths_ = audioPaths;
+    if (!noteIdentifier_) return {};
+    return saveManifest(stableSegmentCount_);
+}
+
 std::expected<std::optional<StoredNote>, MeetingSessionError> MeetingNoteWriter::finish(
-    MeetingSummaryStatus summaryStatus, const QStringList& audioPaths, const QDateTime& endedAt) {
+    MeetingSummaryStatus summaryStatus, const QStringList& audioPaths, const QDateTime& endedAt,
+    const std::optional<QList<MeetingTranscriptSegment>>& transcript) {
     std::optional<StoredNote> finished;
     if (noteIdentifier_) {
         if (!audioPaths.isEmpty()) audioPaths_ = audioPaths;
@@ -128,27 +142,49 @@ std::expected<std::optional<StoredNote>, MeetingSessionError> MeetingNoteWriter:
             {Format::summaryStatusKey, rawValue(summaryStatus)},
         };
         if (!audioPaths_.isEmpty()) fields.insert_or_assign(Format::recordingsKey, audioPaths_);
-        auto note = rewrite(keepBody, fields);
+        // The whole transcript and the meeting's end in one write: a note never holds one without the other.
+        const QString block = transcript ? renderTranscript(*transcript, false) : QString();
+        auto note = rewrite([&](const QString& body) { return transcript ? withTranscript(body, block) : body; },
+                            fields);
         if (note) {
             finished = std::move(*note);
-        } else if (note.error().code() != Error::Code::notFound) {
-            // The manifest stays, so the meeting can still be recovered.
+        } else if (note.error().code() != Error::Code::notFound || (transcript && !transcript->isEmpty())) {
+            // The manifest stays, so the meeting can still be recovered; words with no note to go
+            // to stay with the caller (the user may bring the note back from the Trash).
             return writeFailure(note.error().description());
         }
     }
-    if (auto removed = recovery_.remove(sessionID_); !removed) return std::unexpected(removed.error());
+    // The note says the meeting ended, so recovery leaves it alone even if the manifest cannot go.
+    auto removed = recovery_.remove(sessionID_);
+    if (claim_) {
+        claim_->releaseAndRemove();
+        claim_.reset();
+    }
+    if (!removed) return std::unexpected(removed.error());
     return finished;
+}
+
+template <typename Write>
+auto MeetingNoteWriter::waitingOutBusy(Write&& write) -> std::invoke_result_t<Write> {
+    const QDeadlineTimer deadline(busyPatience_);
+    while (true) {
+        auto written = write();
+        if (written || written.error().code() != Error::Code::busy || deadline.hasExpired()) return written;
+        QThread::msleep(50);  // another writer is finishing; the alternative is losing words
+    }
 }
 
 Result<StoredNote> MeetingNoteWriter::rewrite(const BodyEdit& edit, const NoteFrontMatterFields& fields) {
     std::optional<Error> lastStale;
     for (int attempt = 0; attempt < updateAttempts; ++attempt) {
-        auto note = repository_.read(*noteIdentifier_);
-        if (!note) return note;
-        const QString body = edit(note->document.body);
-        if (beforeUpdate_) beforeUpdate_();
-        auto updated = repository_.update(*noteIdentifier_, note->document.revision(), body, Format::editor(),
-                                          std::nullopt, fields);
+        auto updated = waitingOutBusy([&]() -> Result<StoredNote> {
+            auto note = repository_.read(*noteIdentifier_);
+            if (!note) return note;
+            const QString body = edit(note->document.body);
+            if (beforeUpdate_) beforeUpdate_();
+            return repository_.update(*noteIdentifier_, note->document.revision(), body, Format::editor(),
+                                      std::nullopt, fields);
+        });
         if (updated || updated.error().code() != Error::Code::stale) return updated;
         lastStale = updated.error();
     }
@@ -167,6 +203,7 @@ std::expected<StoredNote, MeetingSessionError> MeetingNoteWriter::rewriteReporti
 }
 
 std::expected<void, MeetingSessionError> MeetingNoteWriter::saveManifest(int stableSegmentCount) {
+    stableSegmentCount_ = stableSegmentCount;
     return recovery_.save(MeetingRecoveryManifest{sessionID_, *noteIdentifier_, startedAt_,
                                                   QDateTime::currentDateTimeUtc(), stableSegmentCount, audioPaths_});
 }

@@ -6,6 +6,7 @@
 #include <QString>
 #include <QStringList>
 #include <QUuid>
+#include <chrono>
 #include <expected>
 #include <functional>
 #include <optional>
@@ -28,8 +29,11 @@ QString rawValue(MeetingSummaryStatus status);
 // write, the writer reads it again and retries on the new revision; it never
 // overwrites a newer version.
 //
+// From `create` until `finish` the writer holds the meeting's recorder claim
+// (see MeetingRecorderLock), so recovery leaves its meeting alone meanwhile.
+//
 // Not thread-safe: one thread at a time (the recorder's meeting worker). Every
-// call blocks on the disk; none waits for the library lock.
+// call blocks on the disk, and waits up to `busyPatience` for a busy library.
 class MeetingNoteWriter {
 public:
     static inline const QString interruptedNotice =
@@ -38,6 +42,10 @@ public:
     static constexpr int updateAttempts = 3;
 
     MeetingNoteWriter(QUuid sessionID, QDateTime startedAt, const QString& notesDirectory);
+
+    // How long a write waits for another writer (the app saving, an agent) to
+    // release the library before it fails as busy. None by default.
+    void setBusyPatience(std::chrono::milliseconds patience) { busyPatience_ = patience; }
 
     // "Meeting 2026-11-23 14:05" in local time.
     static QString defaultTitle(const QDateTime& startedAt);
@@ -60,12 +68,19 @@ public:
     // Replaces the summary block (or appends one) and sets the summary status to "complete".
     std::expected<StoredNote, MeetingSessionError> insertSummary(const MeetingSummary& summary);
     std::expected<StoredNote, MeetingSessionError> setSummaryStatus(MeetingSummaryStatus status);
-    // Writes "meeting-ended-at", the summary status and the retained recordings, then removes
-    // the recovery manifest: the transcript is complete. No note (never created, or deleted)
-    // is not an error: the manifest is removed and there is nothing to return.
+    // Writes "meeting-ended-at", the summary status and the retained recordings, with
+    // `transcript` (when given) in the same write, then removes the recovery manifest and
+    // the claim: the transcript is complete. On failure nothing was written and the manifest
+    // stays, so the same call can be made again. No note (never created, or deleted) is not
+    // an error unless there are segments to write: the manifest is removed and there is
+    // nothing to return.
     std::expected<std::optional<StoredNote>, MeetingSessionError> finish(
         MeetingSummaryStatus summaryStatus, const QStringList& audioPaths = {},
-        const QDateTime& endedAt = QDateTime::currentDateTimeUtc());
+        const QDateTime& endedAt = QDateTime::currentDateTimeUtc(),
+        const std::optional<QList<MeetingTranscriptSegment>>& transcript = std::nullopt);
+    // Where the recordings are now (still being written, or kept at the end): saved in
+    // the manifest at once, and in the note when it is finished.
+    std::expected<void, MeetingSessionError> recordAudioPaths(const QStringList& audioPaths);
 
     const QUuid& sessionID() const { return sessionID_; }
     const std::optional<QString>& noteIdentifier() const { return noteIdentifier_; }
@@ -85,6 +100,9 @@ private:
         const BodyEdit& edit, const NoteFrontMatterFields& fields,
         const std::optional<QString>& staleText = std::nullopt);
     std::expected<void, MeetingSessionError> saveManifest(int stableSegmentCount);
+    // Runs `write` again while it fails as busy, until `busyPatience_` has passed.
+    template <typename Write>
+    auto waitingOutBusy(Write&& write) -> std::invoke_result_t<Write>;
 
     NoteRepository repository_;
     MeetingRecoveryStore recovery_;
@@ -92,6 +110,9 @@ private:
     QDateTime startedAt_;
     std::optional<QString> noteIdentifier_;
     QStringList audioPaths_;
+    int stableSegmentCount_ = 0;
+    std::chrono::milliseconds busyPatience_{0};
+    std::optional<MeetingRecorderLock> claim_;
     std::function<void()> beforeUpdate_;
 };
 

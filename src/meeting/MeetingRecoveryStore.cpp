@@ -20,13 +20,22 @@ std::unexpected<MeetingSessionError> writeFailure(const Error& error) {
     return std::unexpected(MeetingSessionError::noteWriteFailed(error.description()));
 }
 
-enum class Marking { marked, noteGone, retryLater };
+enum class Marking { marked, finished, noteGone, retryLater };
 
 // Another writer may slip in between our read and our update; a few fresh reads settle that.
 constexpr int markingAttempts = 3;
 
+// The recorder wrote the meeting's end: its transcript is complete, whatever became of the manifest.
+bool wasFinished(const StoredNote& note, const QUuid& sessionID) {
+    const auto& fields = note.document.frontMatterFields;
+    const auto id = fields.find(MeetingNoteFormat::idKey);
+    return fields.contains(MeetingNoteFormat::endedAtKey) && id != fields.end() &&
+           id->second == NoteFrontMatterValue(sessionID.toString(QUuid::WithoutBraces).toUpper());
+}
+
 // `url` receives the marked note's absolute path.
-Marking markInterrupted(const NoteRepository& repository, const QString& identifier, QString& url) {
+Marking markInterrupted(const NoteRepository& repository, const MeetingRecoveryManifest& manifest, QString& url) {
+    const QString& identifier = manifest.noteIdentifier;
     for (int attempt = 0; attempt < markingAttempts; ++attempt) {
         auto note = repository.read(identifier);
         if (!note) {
@@ -35,11 +44,14 @@ Marking markInterrupted(const NoteRepository& repository, const QString& identif
                               code == Error::Code::invalidIdentifier || code == Error::Code::invalidEncoding;
             return gone ? Marking::noteGone : Marking::retryLater;
         }
+        if (wasFinished(*note, manifest.sessionID)) return Marking::finished;
         QString body = note->document.body;
         if (!body.contains(MeetingRecoveryStore::interruptedNotice)) {
             body += QStringLiteral("\n\n") + MeetingRecoveryStore::interruptedNotice + u'\n';
         }
-        const NoteFrontMatterFields fields{{MeetingNoteFormat::interruptedKey, true}};
+        NoteFrontMatterFields fields{{MeetingNoteFormat::interruptedKey, true}};
+        // Where the recordings being written were: the note keeps them.
+        if (!manifest.audioPaths.isEmpty()) fields.insert_or_assign(MeetingNoteFormat::recordingsKey, manifest.audioPaths);
         auto updated = repository.update(identifier, note->document.revision(), body, MeetingNoteFormat::editor(),
                                          std::nullopt, fields);
         if (updated) {
@@ -87,6 +99,15 @@ QString MeetingRecoveryStore::manifestPath(const QUuid& sessionID) const {
     return folderPath() + u'/' + sessionID.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".json");
 }
 
+QString MeetingRecoveryStore::recorderLockPath(const QUuid& sessionID) const {
+    return folderPath() + u'/' + sessionID.toString(QUuid::WithoutBraces).toUpper() + QStringLiteral(".lock");
+}
+
+std::expected<MeetingRecorderLock, MeetingSessionError> MeetingRecoveryStore::claim(const QUuid& sessionID) const {
+    if (!QDir().mkpath(folderPath())) return writeFailure(Error::system(EACCES, folderPath()));
+    return MeetingRecorderLock::acquire(recorderLockPath(sessionID));
+}
+
 std::expected<void, MeetingSessionError> MeetingRecoveryStore::save(const MeetingRecoveryManifest& manifest) const {
     if (!QDir().mkpath(folderPath())) return writeFailure(Error::system(EACCES, folderPath()));
     const QByteArray bytes = QJsonDocument(manifest.toJson()).toJson(QJsonDocument::Indented);
@@ -125,18 +146,14 @@ QStringList MeetingRecoveryStore::recoverInterruptedMeetings() const {
     const NoteRepository repository(notesDirectory_);
     QStringList marked;
     for (const MeetingRecoveryManifest& manifest : *manifests) {
+        if (MeetingRecorderLock::isHeld(recorderLockPath(manifest.sessionID))) continue;  // being recorded now
+        // Its recorder may have finished it since the manifests were read.
+        if (!QFileInfo::exists(manifestPath(manifest.sessionID))) continue;
         QString url;
-        switch (markInterrupted(repository, manifest.noteIdentifier, url)) {
-        case Marking::marked:
-            marked.append(url);
-            (void)remove(manifest.sessionID);
-            break;
-        case Marking::noteGone:
-            (void)remove(manifest.sessionID);
-            break;
-        case Marking::retryLater:
-            break;
-        }
+        const Marking marking = markInterrupted(repository, manifest, url);
+        if (marking == Marking::retryLater) continue;
+        if (marking == Marking::marked) marked.append(url);
+        if (remove(manifest.sessionID)) ::unlink(QFile::encodeName(recorderLockPath(manifest.sessionID)).constData());
     }
     return marked;
 }

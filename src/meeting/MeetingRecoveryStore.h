@@ -9,6 +9,7 @@
 #include <expected>
 #include <optional>
 
+#include "MeetingRecorderLock.h"
 #include "MeetingTypes.h"
 
 namespace mossly::meeting {
@@ -47,7 +48,10 @@ public:
     const QString& notesDirectory() const { return notesDirectory_; }
     QString folderPath() const;
     QString manifestPath(const QUuid& sessionID) const;
+    QString recorderLockPath(const QUuid& sessionID) const;
 
+    // The recorder's claim on its meeting, taken before its first manifest is saved.
+    std::expected<MeetingRecorderLock, MeetingSessionError> claim(const QUuid& sessionID) const;
     // Creates the folder when missing; replaces an earlier manifest of the same session.
     std::expected<void, MeetingSessionError> save(const MeetingRecoveryManifest& manifest) const;
     // A manifest that is already gone is not an error.
@@ -56,10 +60,13 @@ public:
     // Files that do not decode are skipped and left in place (a newer version may have written them).
     std::expected<QList<MeetingRecoveryManifest>, MeetingSessionError> loadAll() const;
 
-    // Marks the note of every manifest as interrupted and removes the manifest;
-    // returns the absolute paths of the notes marked. Never fails: a manifest
-    // whose note is gone is removed, one whose note cannot be written now (the
-    // library is busy, a disk error) stays for the next launch.
+    // Marks the note of every manifest whose recorder is gone as interrupted and
+    // removes the manifest; returns the absolute paths of the notes marked. A
+    // meeting still being recorded (its recorder holds its claim) is left alone,
+    // and so is a note its recorder finished ("meeting-ended-at" written) though
+    // the manifest stayed. Never fails: a manifest whose note is gone is removed,
+    // one whose note cannot be written now (the library is busy, a disk error)
+    // stays for the next launch.
     QStringList recoverInterruptedMeetings() const;
 
 private:

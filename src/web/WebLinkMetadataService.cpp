@@ -54,7 +54,9 @@ WebLinkMetadata WebLinkMetadataService::hostOnly(const QString& url) {
     WebLinkMetadata metadata;
     metadata.url = url;
     const auto parsed = WebLinkURL::parse(url);
-    metadata.siteName = parsed ? parsed->hostForURL() : url;
+    // Never the address itself: it may carry a user name and password.
+    metadata.siteName = parsed ? parsed->hostForURL()
+                               : hostTextWithoutCredentials(url).value_or(QStringLiteral("Web link"));
     return metadata;
 }
 

@@ -1,6 +1,7 @@
 #include "WebLinkURL.h"
 
 #include <QByteArray>
+#include <algorithm>
 #include <QStringList>
 #include <QUrl>
 
@@ -149,6 +150,35 @@ WebLinkResult<WebLinkURL> WebLinkURL::parse(const QString& input) {
     if (domain.isEmpty()) return unsafe;
     url.host = domain;
     return url;
+}
+
+std::optional<QString> hostTextWithoutCredentials(const QString& input) {
+    QString text = input.trimmed();
+    text.remove(u'\t').remove(u'\n').remove(u'\r');
+    qsizetype at = 0;
+    const qsizetype colon = text.indexOf(u':');
+    const auto isSchemeCharacter = [](QChar c) {
+        return (c >= u'a' && c <= u'z') || (c >= u'A' && c <= u'Z') || (c >= u'0' && c <= u'9') || c == u'+' ||
+               c == u'-' || c == u'.';
+    };
+    if (colon > 0 && std::all_of(text.begin(), text.begin() + colon, isSchemeCharacter)) at = colon + 1;
+    while (at < text.size() && (text[at] == u'/' || text[at] == u'\\')) ++at;
+    qsizetype end = at;
+    while (end < text.size() && !QStringLiteral("/\\?#").contains(text[end])) ++end;
+    // An "@" further on may end a password that holds one of the characters that ended the authority.
+    if (text.indexOf(u'@', end) >= 0) return std::nullopt;
+    QString host = text.mid(at, end - at);
+    host = host.mid(host.lastIndexOf(u'@') + 1);
+    if (host.startsWith(u'[')) {
+        const qsizetype close = host.indexOf(u']');
+        if (close < 0) return std::nullopt;
+        host.truncate(close + 1);
+    } else if (const qsizetype portColon = host.indexOf(u':'); portColon >= 0) {
+        host.truncate(portColon);
+    }
+    host = host.trimmed();
+    if (host.isEmpty()) return std::nullopt;
+    return host;
 }
 
 QString WebLinkURL::hostForURL() const {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <optional>
 #include <variant>
 
 #include "WebLinkMetadata.h"
@@ -26,6 +27,11 @@ struct WebLinkURL {
     // The host as written in a URL: a name, a dotted IPv4 address or a bracketed IPv6 one.
     QString hostForURL() const;
 };
+
+// The host of an address the parser refused, for display: the authority
+// without user name, password or port. Nothing when the host cannot be told
+// apart from credentials with certainty (a password holding "/", "?" or "#").
+std::optional<QString> hostTextWithoutCredentials(const QString& text);
 
 // The browser's IPv4 number parser on a host that ends in a number; nothing
 // when the host is a name. Exposed for tests.

@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <QDir>
+#include <QFile>
+#include <QTemporaryDir>
 #include <QTest>
 #include <random>
 #include <QTextBlock>
@@ -150,6 +153,45 @@ TEST_F(MarkdownTextViewTest, ClickingACheckboxTogglesIt) {
     EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [x] task"));
     view.undo();
     EXPECT_EQ(view.markdown(), QStringLiteral("Title\n- [ ] task"));
+}
+
+// Clicking a link to a local file that is not a note shows its folder; the
+// file itself (a script, a launcher) is never handed to the desktop.
+TEST_F(MarkdownTextViewTest, LinksToLocalFilesShowTheirFolderAndNeverOpenTheFile) {
+    QTemporaryDir notes;
+    QFile script(notes.filePath(QStringLiteral("install.sh")));
+    ASSERT_TRUE(script.open(QIODevice::WriteOnly));
+    script.write("#!/bin/sh\ntouch ran\n");
+    script.close();
+    script.setPermissions(script.permissions() | QFile::ExeOwner);
+    QFile launcher(notes.filePath(QStringLiteral("update.desktop")));
+    ASSERT_TRUE(launcher.open(QIODevice::WriteOnly));
+    launcher.write("[Desktop Entry]\nType=Application\nExec=touch ran\n");
+    launcher.close();
+    QStringList opened;  // what the desktop was asked to open
+    view.setUrlOpener([&](const QUrl& url) {
+        opened.append(url.toString());
+        return true;
+    });
+    QStringList refusals;
+    QObject::connect(&view, &MarkdownTextView::refusedLink, [&](const QString& message) { refusals.append(message); });
+    view.setNotesFolder(notes.path());
+    const QString text = QStringLiteral("Links\n\n[Install](install.sh)\n\n[Update](update.desktop)\n\n[Shell](/bin/sh)");
+    view.setMarkdown(text, notes.filePath(QStringLiteral("Links.md")));
+    const auto click = [&](const QString& label) {
+        QTextCursor at(view.document());
+        at.setPosition(static_cast<int>(text.indexOf(label)) + 2);
+        QTest::mouseClick(view.viewport(), Qt::LeftButton, {}, view.cursorRect(at).center() + QPoint(3, 0));
+    };
+    click(QStringLiteral("Install"));
+    click(QStringLiteral("Update"));
+    const QString notesFolder = QUrl::fromLocalFile(QDir(notes.path()).canonicalPath()).toString();
+    EXPECT_EQ(opened, QStringList({notesFolder, notesFolder}));
+    opened.clear();
+    click(QStringLiteral("Shell"));
+    EXPECT_TRUE(opened.isEmpty()) << "outside the notes folder";
+    EXPECT_EQ(refusals.size(), 1);
+    EXPECT_EQ(view.markdown(), text);
 }
 
 TEST_F(MarkdownTextViewTest, FormattingCommandsAreUndoable) {

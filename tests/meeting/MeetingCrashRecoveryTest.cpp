@@ -49,3 +49,25 @@ TEST(MeetingCrashRecovery, AKilledRecorderLeavesAnInterruptedNoteWithItsLastChec
     EXPECT_EQ(note->document.frontMatterFields.at("meeting-summary-status"), NoteFrontMatterValue("pending"));
     EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{});
 }
+
+// Another process (a second Mossly, mossly-record) is recording right now: its
+// meeting is not interrupted, and recovery leaves its note and manifest alone
+// until that recorder is gone.
+TEST(MeetingCrashRecovery, AMeetingAnotherProcessIsRecordingIsLeftAlone) {
+    mossly::test::TemporaryNotesFolder folder;
+    mossly::meeting::test::ForkedChild recorder([&] {
+        auto* writer = new MeetingNoteWriter(QUuid::createUuid(), QDateTime::currentDateTimeUtc(), folder.path());
+        return writer->create("Live", {MeetingCaptureSource::microphone}, "ggml-base.bin",
+                              MeetingSummaryProviderKind::none)
+            .has_value();  // the writer lives on in the child, as a recorder's does
+    });
+    ASSERT_TRUE(recorder.ready());
+    MeetingRecoveryStore store(folder.path());
+    EXPECT_TRUE(store.recoverInterruptedMeetings().isEmpty());
+    EXPECT_EQ(store.loadAll().value_or(QList<MeetingRecoveryManifest>{}).size(), 1);
+    EXPECT_FALSE(NoteRepository(folder.path()).read("Live.md")->document.frontMatterFields.contains("meeting-interrupted"));
+
+    recorder.kill();
+    EXPECT_EQ(store.recoverInterruptedMeetings(), QStringList{folder.filePath("Live.md")});
+    EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{});
+}

@@ -3,6 +3,7 @@
 #include <QDir>
 #include <QJsonDocument>
 
+#include "MeetingNoteWriter.h"
 #include "MeetingRecoveryStore.h"
 #include "NoteRepository.h"
 #include "ProcessTestSupport.h"
@@ -125,4 +126,28 @@ TEST(MeetingRecoveryStore, DropsManifestsOfDeletedNotesAndKeepsThoseItCannotWrit
     }
     EXPECT_EQ(store.recoverInterruptedMeetings(), QStringList{folder.filePath(identifier)});
     EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{});
+}
+
+// The note was finished (its transcript complete, its end written) but the manifest could not be
+// removed: that meeting was not interrupted and its note must not say so.
+TEST(MeetingRecoveryStore, AFinishedMeetingWhoseManifestStayedIsNotMarked) {
+    TemporaryNotesFolder folder;
+    MeetingRecoveryStore store(folder.path());
+    const QUuid sessionID = QUuid::createUuid();
+    {
+        MeetingNoteWriter writer(sessionID, QDateTime::currentDateTimeUtc(), folder.path());
+        ASSERT_TRUE(writer.create("Done", {MeetingCaptureSource::microphone}, "ggml-base.bin",
+                                  MeetingSummaryProviderKind::none));
+        ASSERT_TRUE(writer.checkpoint({{QUuid::createUuid(), MeetingCaptureSource::microphone, 1, 2, "All said.", true}},
+                                      false));
+        const auto left = store.loadAll().value();
+        ASSERT_TRUE(writer.finish(MeetingSummaryStatus::disabled));
+        ASSERT_TRUE(store.save(left.front()));  // as if removing it had failed
+    }
+    EXPECT_TRUE(store.recoverInterruptedMeetings().isEmpty());
+    EXPECT_EQ(store.loadAll(), QList<MeetingRecoveryManifest>{});
+    const auto note = NoteRepository(folder.path()).read("Done.md");
+    ASSERT_TRUE(note);
+    EXPECT_FALSE(note->document.frontMatterFields.contains("meeting-interrupted"));
+    EXPECT_FALSE(note->document.body.contains(notice));
 }

@@ -13,8 +13,13 @@ namespace {
 const QString usage = QStringLiteral(
     "Usage: mossly-record [--title T] [--sources microphone,system] [--microphone NAME]\n"
     "                     [--provider none|claudeCode] [--retain-audio] [--duration SECONDS] [--notes-dir DIR]\n"
+    "                     [--acknowledge-consent]\n"
     "       mossly-record --recover [--notes-dir DIR]\n"
-    "       mossly-record --list-devices\n");
+    "       mossly-record --list-devices\n"
+    "       mossly-record --help\n"
+    "\n"
+    "--acknowledge-consent confirms, once and for the app as well: I\u2019m responsible for obtaining\n"
+    "participant consent before recording.\n");
 
 const QString recoveredEvent = QStringLiteral("Recovered interrupted meetings");
 
@@ -51,7 +56,9 @@ std::expected<MeetingRecordOptions, QString> MeetingRecordOptions::parse(const Q
     const QCommandLineOption duration(QStringLiteral("duration"), {}, QStringLiteral("SECONDS"));
     const QCommandLineOption notesDir(QStringLiteral("notes-dir"), {}, QStringLiteral("DIR"));
     const QCommandLineOption recover(QStringLiteral("recover"));
-    parser.addOptions({title, sources, microphone, provider, retainAudio, duration, notesDir, recover});
+    const QCommandLineOption consent(QStringLiteral("acknowledge-consent"));
+    const QCommandLineOption help(QStringList{QStringLiteral("help"), QStringLiteral("h")});
+    parser.addOptions({title, sources, microphone, provider, retainAudio, duration, notesDir, recover, consent, help});
     const auto refuse = [](const QString& reason) { return std::unexpected(reason + u'\n' + usage); };
     if (!parser.parse(arguments)) return refuse(parser.errorText());
     if (!parser.positionalArguments().isEmpty()) {
@@ -59,6 +66,8 @@ std::expected<MeetingRecordOptions, QString> MeetingRecordOptions::parse(const Q
     }
 
     MeetingRecordOptions options;
+    options.help = parser.isSet(help);
+    options.acknowledgeConsent = parser.isSet(consent);
     options.recover = parser.isSet(recover);
     options.title = parser.value(title);
     if (parser.isSet(sources)) {
@@ -99,6 +108,12 @@ void MeetingRecordCommand::run(const QStringList& arguments, Finished finished) 
         err_ << options.error() << Qt::flush;
         return end(2);
     }
+    if (options->help) {
+        out_ << usage << Qt::flush;
+        return end(0);
+    }
+    // Remembered like the app's check box: the user said it once, in the terminal.
+    if (options->acknowledgeConsent) settings_.setHasAcknowledgedConsent(true);
     if (options->notesDirectory) {
         services_.notesDirectory = [directory = QDir(*options->notesDirectory).absolutePath()] { return directory; };
     }
@@ -140,16 +155,44 @@ void MeetingRecordCommand::record(const MeetingRecordOptions& options) {
     const auto duration = options.durationSeconds;
     controller_->start([this, duration] {
         if (controller_->phase() != MeetingSessionPhase::recording) return;
-        if (stopRequested_) return controller_->stop();
-        if (duration) QTimer::singleShot(qRound64(*duration * 1000), this, [this] { controller_->stop(); });
+        if (stopRequested_) return stopRecording();
+        if (duration) QTimer::singleShot(qRound64(*duration * 1000), this, [this] { stopRecording(); });
     });
 }
 
+void MeetingRecordCommand::stopRecording() {
+    controller_->stop([this] { afterFinalWrite(); });
+}
+
+void MeetingRecordCommand::afterFinalWrite() {
+    if (!controller_->canRetryFinalWrite()) return;  // the phase says how it went
+    // The transcript is still here: try again for a while, unless the user interrupts again.
+    if (givenUp_ || ++finalWriteRetries_ > finalWriteRetryLimit) return giveUp();
+    QTimer::singleShot(finalWriteRetryDelayMs, this, [this] {
+        if (givenUp_) return;
+        controller_->retryFinalWrite([this] { afterFinalWrite(); });
+    });
+}
+
+void MeetingRecordCommand::giveUp() {
+    givenUp_ = true;
+    err_ << controller_->errorMessage() << u'\n' << finalWriteAbandoned << u'\n' << Qt::flush;
+    end(1);
+}
+
 void MeetingRecordCommand::interrupt() {
-    stopRequested_ = true;
-    if (!controller_) return;
+    if (!controller_) {
+        stopRequested_ = true;
+        return;
+    }
     const auto phase = controller_->phase();
-    if (phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused) controller_->stop();
+    if (controller_->canRetryFinalWrite() || (stopRequested_ && phase == MeetingSessionPhase::finalizing)) {
+        givenUp_ = true;  // a second interrupt while the transcript waits to be written
+        if (controller_->canRetryFinalWrite()) giveUp();
+        return;
+    }
+    stopRequested_ = true;
+    if (phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused) stopRecording();
 }
 
 void MeetingRecordCommand::printPhase() {

@@ -15,6 +15,8 @@ namespace mossly::meeting {
 
 // What `mossly-record` was asked to do.
 struct MeetingRecordOptions {
+    bool help = false;
+    bool acknowledgeConsent = false;  // the participant-consent reminder, confirmed from the terminal
     bool recover = false;
     QString title;
     QSet<MeetingCaptureSource> sources{MeetingCaptureSource::microphone, MeetingCaptureSource::system};
@@ -33,10 +35,18 @@ struct MeetingRecordOptions {
 // interrupted, and ends with the note's identifier. `--recover` only marks
 // the notes of interrupted meetings. Everything outside the process comes in
 // through `services` (the notes folder from `--notes-dir` replaces theirs).
+// When the transcript cannot be written at the end (the library stays busy),
+// the write is tried again every few seconds; a second interrupt gives up with
+// exit code 1, every segment having been printed already.
 class MeetingRecordCommand : public QObject {
     Q_OBJECT
 public:
     using Finished = std::function<void(int exitCode)>;
+
+    static constexpr int finalWriteRetryLimit = 10;
+    static constexpr int finalWriteRetryDelayMs = 2000;
+    static inline const QString finalWriteAbandoned =
+        QStringLiteral("The transcript was not written to the note; every segment is in the output above.");
 
     MeetingRecordCommand(MeetingSettings& settings, MeetingSessionServices services, QTextStream& out,
                          QTextStream& err, QObject* parent = nullptr);
@@ -48,6 +58,9 @@ public:
 
 private:
     void record(const MeetingRecordOptions& options);
+    void stopRecording();
+    void afterFinalWrite();
+    void giveUp();
     void recover();
     void printPhase();
     void printNewSegments();
@@ -63,6 +76,8 @@ private:
     QString notesDirectory_;
     Finished finished_;
     bool stopRequested_ = false;
+    bool givenUp_ = false;
+    int finalWriteRetries_ = 0;
 };
 
 }  // namespace mossly::meeting

@@ -137,6 +137,7 @@ void MeetingSessionController::prepareMeeting(const QString& modelPath, const Co
     work->configuration = session_->configuration();
     work->notesDirectory = services_.notesDirectory ? services_.notesDirectory() : QString();
     work->pipeline = services_.pipeline;
+    work->busyPatience = services_.busyPatience;
     work_ = work;
     onWorker<MeetingPreparation>(
         [work, modelPath, factory = services_.transcriberFactory] {
@@ -272,7 +273,7 @@ void MeetingSessionController::apply(const MeetingBatch& batch) {
     if (session_) session_->append(batch.stable);
     for (const auto& issue : batch.issues) report(issue.operation, issue.statusText, issue.description);
     if (batch.checkpointAt) lastCheckpointAt_ = batch.checkpointAt;
-    publishSegments(batch.unstable);
+    publishSegments();
     if (batch.checkpointAt) emit noteWritten();
     setBacklog(batch.backlog);
     if (!batch.stable.isEmpty() && services_.diagnostics) {
@@ -342,18 +343,41 @@ void MeetingSessionController::finalize(const Completion& completion) {
     auto work = work_;
     const QDateTime endedAt = services_.clock();
     onWorker<MeetingFinalization>([work, endedAt] { return meeting_work::finalize(*work, endedAt); },
-                                  [this, work, endedAt, completion](MeetingFinalization finalized) {
+                                  [this, work, completion](MeetingFinalization finalized) {
                                       if (work != work_) return finish(completion);
                                       apply(finalized.batch);
-                                      if (finalized.failure) {
-                                          fail(*finalized.failure);
-                                          return finish(completion);
-                                      }
-                                      if (finalized.summaryRequested)
-                                          requestSummary(false, endedAt, completion);
-                                      else
-                                          complete(false, endedAt, completion);
+                                      afterFinalWrite(finalized, false, completion);
                                   });
+}
+
+void MeetingSessionController::retryFinalWrite(Completion completion) {
+    if (!finalWritePending_) return finish(completion);
+    finalWritePending_ = false;  // one write at a time
+    emit finalWritePendingChanged();
+    auto work = work_;
+    onWorker<MeetingFinalization>([work] { return meeting_work::writeFinal(*work); },
+                                  [this, work, completion](MeetingFinalization finalized) {
+                                      if (work != work_) return finish(completion);
+                                      afterFinalWrite(finalized, true, completion);
+                                  });
+}
+
+void MeetingSessionController::afterFinalWrite(const MeetingFinalization& finalized, bool retry,
+                                               const Completion& completion) {
+    if (finalized.failure) {
+        // Nothing transcribed is dropped: the segments and the manifest stay, the user may try again.
+        finalWritePending_ = true;
+        emit finalWritePendingChanged();
+        const QString description = finalized.failure->description();
+        report(QStringLiteral("Finish meeting note"), finalWriteFailedStatus + description, description);
+        return finish(completion);
+    }
+    if (retry) setErrorMessage({});
+    const QDateTime endedAt = work_->endedAt;
+    if (finalized.summaryRequested)
+        requestSummary(false, endedAt, completion);
+    else
+        complete(false, endedAt, completion);
 }
 
 void MeetingSessionController::requestSummary(bool retry, const QDateTime& endedAt, const Completion& completion) {
@@ -364,8 +388,9 @@ void MeetingSessionController::requestSummary(bool retry, const QDateTime& ended
     onWorker<MeetingSummaryOutcome>(
         [work, provider] {
             if (!provider) {
-                return MeetingSummaryOutcome{
-                    std::nullopt, QStringLiteral("No summary provider is available."), std::nullopt};
+                MeetingSummaryOutcome none;
+                none.failure = QStringLiteral("No summary provider is available.");
+                return none;
             }
             return meeting_work::summarize(*work, *provider);
         },
@@ -375,8 +400,8 @@ void MeetingSessionController::requestSummary(bool retry, const QDateTime& ended
                 const auto& issue = *outcome.statusIssue;
                 log(issue.operation, {{QStringLiteral("error"), issue.description}});
             }
-            if (outcome.summary) {
-                session_->setSummary(*outcome.summary);
+            if (outcome.summary) session_->setSummary(*outcome.summary);
+            if (!outcome.failure) {
                 lastSummaryFailed_ = false;
                 if (retry) setErrorMessage({});
             } else {
@@ -423,12 +448,13 @@ void MeetingSessionController::reset() {
     isStarting_ = false;
     lastSummaryFailed_ = false;
     audioIssueReported_ = false;
+    if (std::exchange(finalWritePending_, false)) emit finalWritePendingChanged();
     session_.reset();
     work_.reset();
     pausedMs_ = 0;
     pausedAt_.reset();
     lastCheckpointAt_.reset();
-    publishSegments({});
+    publishSegments();
     if (elapsed_ != 0) {
         elapsed_ = 0;
         emit elapsedChanged();
@@ -456,6 +482,19 @@ void MeetingSessionController::fail(const MeetingSessionError& error) {
 }
 
 void MeetingSessionController::checkpointForTermination(Completion completion) {
+    // Stopped, but the final write failed: one more try, waiting out a busy library; if
+    // that fails too, the manifest stays and the next launch marks the last checkpoint.
+    if (finalWritePending_) {
+        isStopping_ = true;
+        auto work = work_;
+        finalWritePending_ = false;
+        onWorker<MeetingFinalization>([work] { return meeting_work::writeFinal(*work); },
+                                      [this, work, completion](MeetingFinalization finalized) {
+                                          if (work == work_ && finalized.failure) finalWritePending_ = true;
+                                          finish(completion);
+                                      });
+        return;
+    }
     if ((phase_ != recording && phase_ != paused) || isStopping_ || !work_) return finish(completion);
     isStopping_ = true;  // the app is quitting: no stop may finish the note now
     stopCaptures();
@@ -555,10 +594,8 @@ void MeetingSessionController::setNoteURL(const QUrl& url) {
     emit noteURLChanged();
 }
 
-void MeetingSessionController::publishSegments(const QList<MeetingTranscriptSegment>& unstable) {
+void MeetingSessionController::publishSegments() {
     QList<MeetingTranscriptSegment> segments = session_ ? session_->state().segments : QList<MeetingTranscriptSegment>{};
-    segments += unstable;
-    sortSegments(segments);
     if (segments == segments_) return;
     segments_ = std::move(segments);
     emit segmentsChanged();

@@ -25,6 +25,7 @@ namespace mossly::meeting {
 
 struct MeetingWork;
 struct MeetingBatch;
+struct MeetingFinalization;
 
 // The single owner of one meeting recording at a time, behind the recorder
 // window. It lives on the main thread and publishes its state there; model
@@ -53,6 +54,8 @@ public:
 
     static inline const QString queueFailureStatus =
         QStringLiteral("Capture continues, but audio could not be queued safely.");
+    // Followed by the write's error: the transcript is kept here and can be written again.
+    static inline const QString finalWriteFailedStatus = QStringLiteral("Transcript not saved yet: ");
     static inline const QString consentRequired =
         QStringLiteral("Acknowledge the participant-consent reminder before recording.");
     static constexpr int elapsedIntervalMs = 250;
@@ -62,7 +65,7 @@ public:
     ~MeetingSessionController() override;
 
     MeetingSessionPhase phase() const { return phase_; }
-    // The stable transcript followed by the held-back preview, ordered by start time.
+    // The transcript so far, ordered by start time.
     QList<MeetingTranscriptSegment> segments() const { return segments_; }
     double elapsed() const { return elapsed_; }
     float microphoneLevel() const { return microphoneLevel_; }
@@ -78,12 +81,16 @@ public:
     std::optional<QDateTime> lastCheckpointAt() const { return lastCheckpointAt_; }
     // A completed meeting with a note, a provider and a failed last summary.
     bool canRetrySummary() const;
+    // Stopped, but the final write of the transcript failed (the library stayed busy, a
+    // disk error): the meeting stays in `finalizing` with every segment until it succeeds.
+    bool canRetryFinalWrite() const { return finalWritePending_; }
 
     void start(Completion completion = {});
     void pause();
     void resume();
     void stop(Completion completion = {});
     void retrySummary(Completion completion = {});
+    void retryFinalWrite(Completion completion = {});
     void reset();
     void checkpointForTermination(Completion completion = {});
     void recoverInterruptedMeetings(Completion completion = {});
@@ -100,6 +107,7 @@ signals:
     void noteWritten();
     void errorMessageChanged();
     void configurationChanged();
+    void finalWritePendingChanged();
 
 private:
     template <typename Result>
@@ -118,6 +126,7 @@ private:
     void apply(const MeetingBatch& batch);
     void afterHandedOverChunks(std::function<void()> next, const Completion& completion);
     void finalize(const Completion& completion);
+    void afterFinalWrite(const MeetingFinalization& finalized, bool retry, const Completion& completion);
     void requestSummary(bool retry, const QDateTime& endedAt, const Completion& completion);
     void complete(bool summaryRequested, const QDateTime& endedAt, const Completion& completion);
     void fail(const MeetingSessionError& error);
@@ -131,7 +140,7 @@ private:
     void setLevel(MeetingCaptureSource source, float level);
     void setBacklog(const TranscriptionBacklog& backlog);
     void setNoteURL(const QUrl& url);
-    void publishSegments(const QList<MeetingTranscriptSegment>& unstable);
+    void publishSegments();
 
     MeetingSettings& settings_;
     MeetingSessionServices services_;
@@ -160,6 +169,7 @@ private:
     bool isStarting_ = false;
     bool processingScheduled_ = false;
     bool lastSummaryFailed_ = false;
+    bool finalWritePending_ = false;
     bool audioIssueReported_ = false;
 };
 

@@ -2,6 +2,7 @@
 
 #include <QDateTime>
 #include <QString>
+#include <chrono>
 #include <expected>
 #include <functional>
 #include <memory>
@@ -66,6 +67,9 @@ struct MeetingSessionServices {
     MeetingSummaryProviderFactory providerFactory = builtInSummaryProviders();
     std::function<QDateTime()> clock = [] { return QDateTime::currentDateTimeUtc(); };
     std::shared_ptr<MeetingDiagnostics> diagnostics;  // none: nothing is reported
+    // How long the note's creation and the writes at stop and at quit wait for a busy
+    // library (another writer finishing), as the app's own quit does.
+    std::chrono::milliseconds busyPatience{5000};
     // Created once for the controller; absent: 240 chunks in memory over a temporary spool file.
     std::shared_ptr<AudioPipeline> pipeline;
 

@@ -38,10 +38,8 @@ void drain(MeetingWork& work, MeetingBatch& batch, int limit) {
         if (!*next) return;
         ++batch.chunkCount;
         auto heard = work.transcription->accept(**next);
-        if (heard)
-            commit(work, batch, *heard);
-        else
-            batch.issues.append(issue(transcribeOperation, transcribeStatus, heard.error()));
+        commit(work, batch, heard.segments);
+        if (heard.failure) batch.issues.append(issue(transcribeOperation, transcribeStatus, *heard.failure));
     }
     batch.moreQueued = !work.pipeline->backlog().isEmpty();
 }
@@ -59,7 +57,6 @@ void checkpointIfNew(MeetingWork& work, MeetingBatch& batch) {
 }
 
 void publish(MeetingWork& work, MeetingBatch& batch) {
-    batch.unstable = work.transcription->unstableSegments();
     batch.backlog = work.pipeline->backlog() + work.transcription->backlog();
 }
 
@@ -102,8 +99,11 @@ MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const Me
 
     const auto& configuration = work.configuration;
     work.writer = std::make_unique<MeetingNoteWriter>(work.sessionID, work.startedAt, work.notesDirectory);
+    work.writer->setBusyPatience(work.busyPatience);
     auto note = work.writer->create(configuration.title, configuration.sources, configuration.modelName,
                                     configuration.provider);
+    // Checkpoints while recording do not wait: a busy one is simply written by the next.
+    work.writer->setBusyPatience(std::chrono::milliseconds{0});
     if (!work.writer->noteIdentifier()) {
         result.failure = note.error();
         return result;
@@ -119,6 +119,10 @@ MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const Me
             if (auto opened = work.audioStore->open(source); !opened && !result.issue) {
                 result.issue = issue(audioOperation, opened.error().description(), opened.error());
             }
+        }
+        // After a crash the manifest says where the recordings being written are.
+        if (auto saved = work.writer->recordAudioPaths(work.audioStore->recordingPaths()); !saved && !result.issue) {
+            result.issue = issue(checkpointOperation, saved.error().description(), saved.error());
         }
     }
     return result;
@@ -144,62 +148,86 @@ MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt) {
         batch.issues.append(issue(transcribeOperation, transcribeStatus, flushed.error()));
     }
     drain(work, batch, -1);
-    auto rest = work.transcription->flush();
-    if (rest)
-        commit(work, batch, *rest);
-    else
-        batch.issues.append(issue(transcribeOperation, transcribeStatus, rest.error()));
+    // What fails stays buffered: a second flush tries it again before the words are given up.
+    for (int attempt = 0; attempt < finalFlushAttempts; ++attempt) {
+        auto rest = work.transcription->flush();
+        commit(work, batch, rest.segments);
+        if (!rest.failure) break;
+        if (attempt + 1 == finalFlushAttempts) {
+            batch.issues.append(issue(transcribeOperation, transcribeStatus, *rest.failure));
+        }
+    }
 
-    QStringList audioPaths;
     {
         std::lock_guard lock(work.audioMutex);
         if (work.audioStore) {
             auto finished = work.audioStore->finish();
-            if (finished)
-                audioPaths = *finished;
-            else
-                batch.issues.append(issue(audioOperation, finished.error().description(), finished.error()));
+            // What was kept, even when another track failed.
+            static_cast<void>(work.writer->recordAudioPaths(finished.paths));
+            if (finished.failure) {
+                batch.issues.append(issue(audioOperation, finished.failure->description(), *finished.failure));
+            }
             work.audioStore.reset();
         }
     }
 
     result.summaryRequested =
         work.configuration.provider != MeetingSummaryProviderKind::none && holdsText(work.stableSegments);
-    if (auto written = work.writer->checkpoint(work.stableSegments, false); !written) {
-        result.failure = written.error();
+    work.finalStatus = result.summaryRequested ? MeetingSummaryStatus::pending : MeetingSummaryStatus::disabled;
+    work.endedAt = endedAt;
+    auto written = writeFinal(work);
+    result.failure = written.failure;
+    publish(work, batch);
+    return result;
+}
+
+MeetingFinalization writeFinal(MeetingWork& work) {
+    MeetingFinalization result;
+    result.summaryRequested = work.finalStatus == MeetingSummaryStatus::pending;
+    if (work.cancelled) return result;
+    work.writer->setBusyPatience(work.busyPatience);
+    auto finished = work.writer->finish(work.finalStatus, {}, work.endedAt, work.stableSegments);
+    if (!finished) {
+        result.failure = finished.error();
         return result;
     }
     work.checkpointedCount = work.stableSegments.size();
-    const auto status = result.summaryRequested ? MeetingSummaryStatus::pending : MeetingSummaryStatus::disabled;
-    if (auto finished = work.writer->finish(status, audioPaths, endedAt); !finished) {
-        result.failure = finished.error();
-    }
-    publish(work, batch);
     return result;
 }
 
 MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider) {
     MeetingSummaryOutcome outcome;
     if (work.cancelled) return outcome;
-    auto summary = provider.summarize(MeetingSummaryService::transcript(work.stableSegments));
-    if (summary) {
-        if (auto written = work.writer->insertSummary(*summary); !written) {
-            outcome.failure = written.error().description();
+    work.writer->setBusyPatience(work.busyPatience);
+    if (!work.unsavedSummary) {
+        auto summary = provider.summarize(MeetingSummaryService::transcript(work.stableSegments));
+        if (!summary) {
+            outcome.failure = summary.error().description();
+            if (auto marked = work.writer->setSummaryStatus(MeetingSummaryStatus::failed); !marked) {
+                outcome.statusIssue = issue(checkpointOperation, marked.error().description(), marked.error());
+            }
             return outcome;
         }
-        outcome.summary = std::move(*summary);
+        work.unsavedSummary = std::move(*summary);
+    }
+    outcome.summary = work.unsavedSummary;
+    if (auto written = work.writer->insertSummary(*work.unsavedSummary); !written) {
+        // Kept for the retry, which writes it without asking the provider again.
+        outcome.failure = written.error().description();
+        outcome.unsaved = true;
+        if (auto marked = work.writer->setSummaryStatus(MeetingSummaryStatus::failed); !marked) {
+            outcome.statusIssue = issue(checkpointOperation, marked.error().description(), marked.error());
+        }
         return outcome;
     }
-    outcome.failure = summary.error().description();
-    if (auto marked = work.writer->setSummaryStatus(MeetingSummaryStatus::failed); !marked) {
-        outcome.statusIssue = issue(checkpointOperation, marked.error().description(), marked.error());
-    }
+    work.unsavedSummary.reset();
     return outcome;
 }
 
 MeetingBatch checkpointForTermination(MeetingWork& work) {
     MeetingBatch batch;
     if (work.cancelled) return batch;
+    work.writer->setBusyPatience(work.busyPatience);
     if (auto flushed = work.pipeline->flush(); !flushed) {
         batch.issues.append(issue(transcribeOperation, transcribeStatus, flushed.error()));
     }

@@ -5,6 +5,7 @@
 #include <QString>
 #include <QStringList>
 #include <atomic>
+#include <chrono>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -39,6 +40,13 @@ struct MeetingWork {
     std::unique_ptr<MeetingAudioStore> audioStore;
     QList<MeetingTranscriptSegment> stableSegments;  // everything committed, in order
     qsizetype checkpointedCount = 0;
+    // How long writes at the start, at stop and at quit wait for a busy library.
+    std::chrono::milliseconds busyPatience{0};
+    // Set at stop for the final write, which may have to be made again.
+    MeetingSummaryStatus finalStatus = MeetingSummaryStatus::disabled;
+    QDateTime endedAt;
+    // A summary the provider wrote whose note write failed: written again on retry.
+    std::optional<MeetingSummary> unsavedSummary;
     std::atomic<bool> cancelled{false};
 };
 
@@ -54,7 +62,6 @@ struct MeetingPreparation {
 
 struct MeetingBatch {
     QList<MeetingTranscriptSegment> stable;  // new this batch
-    QList<MeetingTranscriptSegment> unstable;
     TranscriptionBacklog backlog;
     QList<MeetingIssue> issues;
     std::optional<QDateTime> checkpointAt;
@@ -65,13 +72,14 @@ struct MeetingBatch {
 
 struct MeetingFinalization {
     MeetingBatch batch;
-    std::optional<MeetingSessionError> failure;  // the note could not be finished
+    std::optional<MeetingSessionError> failure;  // the note could not be finished: `writeFinal` may try again
     bool summaryRequested = false;
 };
 
 struct MeetingSummaryOutcome {
     std::optional<MeetingSummary> summary;
-    std::optional<QString> failure;  // the provider's description
+    std::optional<QString> failure;  // the provider's description, or the note write's
+    bool unsaved = false;            // the summary exists but is not in the note yet
     std::optional<MeetingIssue> statusIssue;
 };
 
@@ -80,6 +88,7 @@ namespace meeting_work {
 
 inline constexpr int pipelineCapacity = 240;
 inline constexpr int batchChunkLimit = 64;
+inline constexpr int finalFlushAttempts = 2;
 inline constexpr double windowDuration = 20.0;
 inline constexpr double overlapDuration = 2.0;
 inline constexpr float silenceThreshold = 0.002f;
@@ -92,7 +101,11 @@ MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const Me
 MeetingBatch processQueued(MeetingWork& work);
 // Drains the queue, flushes the transcription, closes the audio and finishes the note.
 MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt);
-// Asks the provider and writes the summary block, or the "failed" status.
+// Writes the whole transcript and the meeting's end into the note and removes the manifest;
+// on failure everything stays as it was, for another try.
+MeetingFinalization writeFinal(MeetingWork& work);
+// Asks the provider and writes the summary block, or the "failed" status. A summary
+// whose write failed is kept and written by the next call without asking again.
 MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider);
 // Drains the queue into the transcription and writes a checkpoint; the manifest stays.
 MeetingBatch checkpointForTermination(MeetingWork& work);

@@ -3,7 +3,7 @@
 #include <QtGlobal>
 #include <algorithm>
 #include <cmath>
-#include <limits>
+#include <utility>
 
 namespace mossly::meeting {
 namespace {
@@ -11,6 +11,9 @@ namespace {
 // A larger jump between a buffer's end and the next chunk is a gap (a pause):
 // what came before is transcribed on its own.
 constexpr double continuityTolerance = 0.1;
+
+// Tries of one live window before it is set aside for the final flush.
+constexpr int windowAttempts = 3;
 
 qint64 sampleCount(double seconds) {
     const double samples = seconds * transcriptionSampleRate;
@@ -33,142 +36,138 @@ IncrementalTranscription::IncrementalTranscription(std::shared_ptr<WhisperTransc
       overlapSamples_(std::min(sampleCount(overlapDuration), windowSamples_ - 1)),  // windows must advance
       silenceThreshold_(silenceThreshold) {}
 
-std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> IncrementalTranscription::accept(
-    const MeetingAudioChunk& chunk) {
+TranscriptionStep IncrementalTranscription::accept(const MeetingAudioChunk& chunk) {
     std::lock_guard lock(mutex_);
+    TranscriptionStep step;
     if (chunk.sampleRate != transcriptionSampleRate || chunk.channelCount != 1) {
-        return std::unexpected(MeetingSessionError::transcriptionFailed(
-            QStringLiteral("Audio reached transcription before it was converted to 16 kHz mono.")));
+        step.failure = MeetingSessionError::transcriptionFailed(
+            QStringLiteral("Audio reached transcription before it was converted to 16 kHz mono."));
+        return step;
     }
-    QList<MeetingTranscriptSegment> segments;
-    std::optional<MeetingSessionError> failure;
     SourceBuffer& buffer = buffers_[chunk.source];
     if (buffer.startTime) {
         const double end = *buffer.startTime + double(buffer.samples.size()) / transcriptionSampleRate;
-        if (std::abs(chunk.startTime - end) > continuityTolerance) {
-            auto before = flushSource(chunk.source);
-            if (before)
-                segments += *before;
-            else
-                failure = before.error();
-        }
+        if (std::abs(chunk.startTime - end) > continuityTolerance) closeRun(chunk.source, step);
     }
     if (buffer.samples.empty()) buffer.startTime = chunk.startTime;
     buffer.samples.insert(buffer.samples.end(), chunk.samples.begin(), chunk.samples.end());
     while (qint64(buffer.samples.size()) >= windowSamples_) {
-        auto window = processWindow(chunk.source, false);
-        if (window)
-            segments += *window;
-        else
-            failure = window.error();
+        auto window = processWindow(chunk.source);
+        if (!window) {
+            if (!step.failure) step.failure = window.error();
+            // The window stays buffered and the next chunk tries it again; one that keeps
+            // failing waits for the final flush so that the live transcript moves on.
+            if (++buffer.failedAttempts < windowAttempts) break;
+            setAsideWindow(chunk.source);
+            continue;
+        }
+        buffer.failedAttempts = 0;
+        step.segments += *window;
     }
-    if (failure) return std::unexpected(*failure);
-    return segments;
+    return step;
 }
 
-std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> IncrementalTranscription::flush() {
+TranscriptionStep IncrementalTranscription::flush() {
     std::lock_guard lock(mutex_);
-    QList<MeetingTranscriptSegment> segments;
-    std::optional<MeetingSessionError> failure;
+    TranscriptionStep step;
     for (const auto source : {MeetingCaptureSource::microphone, MeetingCaptureSource::system}) {
-        auto final = flushSource(source);
-        if (final)
-            segments += *final;
-        else if (!failure)
-            failure = final.error();
+        retryClosedRuns(source, step);
+        closeRun(source, step);
     }
-    if (failure) return std::unexpected(*failure);
-    sortSegments(segments);
-    return segments;
+    sortSegments(step.segments);
+    return step;
 }
 
-std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> IncrementalTranscription::flushSource(
-    MeetingCaptureSource source) {
-    SourceBuffer& buffer = buffers_[source];
-    if (!buffer.samples.empty() && qint64(buffer.samples.size()) <= buffer.heardSamples) {
-        // Nothing new since the last window: its held-back tail is all there is to say.
-        auto held = unstable_[source];
-        unstable_.erase(source);
-        buffer = SourceBuffer{};
-        return commit(source, std::move(held), std::numeric_limits<double>::infinity());
+void IncrementalTranscription::retryClosedRuns(MeetingCaptureSource source, TranscriptionStep& step) {
+    auto& runs = failedRuns_[source];
+    while (!runs.empty()) {
+        auto heard = transcribe(source, runs.front().samples, runs.front().startTime);
+        if (!heard) {
+            if (!step.failure) step.failure = heard.error();
+            return;
+        }
+        step.segments += *heard;
+        runs.pop_front();
     }
-    auto segments = processWindow(source, true);
-    unstable_.erase(source);  // the final window said everything there was to say
-    return segments;
+}
+
+void IncrementalTranscription::setAsideWindow(MeetingCaptureSource source) {
+    SourceBuffer& buffer = buffers_[source];
+    const double offset = buffer.startTime.value_or(0);
+    failedRuns_[source].push_back({{buffer.samples.begin(), buffer.samples.begin() + windowSamples_}, offset});
+    const qint64 consumed = windowSamples_ - overlapSamples_;
+    buffer.samples.erase(buffer.samples.begin(), buffer.samples.begin() + consumed);
+    buffer.startTime = offset + double(consumed) / transcriptionSampleRate;
+    buffer.heardSamples = 0;
+    buffer.failedAttempts = 0;
+}
+
+void IncrementalTranscription::closeRun(MeetingCaptureSource source, TranscriptionStep& step) {
+    SourceBuffer buffer = std::exchange(buffers_[source], SourceBuffer{});
+    // Only the overlap, heard with the window before it: nothing new to say.
+    if (buffer.samples.empty() || qint64(buffer.samples.size()) <= buffer.heardSamples) return;
+    const double offset = buffer.startTime.value_or(0);
+    auto heard = transcribe(source, buffer.samples, offset);
+    if (heard) {
+        step.segments += *heard;
+        return;
+    }
+    if (!step.failure) step.failure = heard.error();
+    failedRuns_[source].push_back({std::move(buffer.samples), offset});
+}
+
+std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> IncrementalTranscription::transcribe(
+    MeetingCaptureSource source, std::span<const float> window, double offset) {
+    if (rmsLevel(window) < silenceThreshold_) return QList<MeetingTranscriptSegment>{};
+    auto heard = transcriber_->transcribe(window, source, offset);
+    if (!heard) return std::unexpected(heard.error());
+    const double windowEnd = offset + double(window.size()) / transcriptionSampleRate;
+    for (auto& segment : *heard) {  // a transcriber may place text outside the audio it was given
+        segment.startTime = std::clamp(segment.startTime, offset, windowEnd);
+        segment.endTime = std::clamp(segment.endTime, segment.startTime, windowEnd);
+    }
+    return commit(source, std::move(*heard));
 }
 
 std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> IncrementalTranscription::processWindow(
-    MeetingCaptureSource source, bool final) {
+    MeetingCaptureSource source) {
     SourceBuffer& buffer = buffers_[source];
-    if (buffer.samples.empty()) return QList<MeetingTranscriptSegment>{};
-    const qint64 length = final ? qint64(buffer.samples.size()) : windowSamples_;
-    const std::span<const float> window(buffer.samples.data(), size_t(length));
     const double offset = buffer.startTime.value_or(0);
-
-    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> result;
-    if (rmsLevel(window) < silenceThreshold_) {
-        unstable_.erase(source);
-        result = QList<MeetingTranscriptSegment>{};
-    } else if (auto heard = transcriber_->transcribe(window, source, offset); heard) {
-        const double windowEnd = offset + double(length) / transcriptionSampleRate;
-        const double holdBackFrom =
-            final ? windowEnd + 1 : windowEnd - double(overlapSamples_) / transcriptionSampleRate;
-        for (auto& segment : *heard) {  // a transcriber may place text outside the audio it was given
-            segment.startTime = std::clamp(segment.startTime, offset, windowEnd);
-            segment.endTime = std::clamp(segment.endTime, segment.startTime, windowEnd);
-        }
-        result = commit(source, std::move(*heard), holdBackFrom);
-    } else {
-        result = std::unexpected(heard.error());
-    }
-
-    // Keep the overlap for the next window; a final window keeps nothing.
-    const qint64 consumed = final ? length : length - overlapSamples_;
+    auto heard = transcribe(source, std::span<const float>(buffer.samples.data(), size_t(windowSamples_)), offset);
+    if (!heard) return heard;
+    // Keep the overlap for the next window.
+    const qint64 consumed = windowSamples_ - overlapSamples_;
     buffer.samples.erase(buffer.samples.begin(), buffer.samples.begin() + consumed);
-    buffer.startTime = buffer.samples.empty()
-                           ? std::nullopt
-                           : std::optional(offset + double(consumed) / transcriptionSampleRate);
-    buffer.heardSamples = final ? 0 : overlapSamples_;
-    return result;
+    buffer.startTime = offset + double(consumed) / transcriptionSampleRate;
+    buffer.heardSamples = overlapSamples_;
+    return heard;
 }
 
 QList<MeetingTranscriptSegment> IncrementalTranscription::commit(MeetingCaptureSource source,
-                                                                 QList<MeetingTranscriptSegment> heard,
-                                                                 double holdBackFrom) {
+                                                                 QList<MeetingTranscriptSegment> heard) {
     QList<MeetingTranscriptSegment> committed;
-    QList<MeetingTranscriptSegment> unstable;
     for (auto& segment : heard) {
         const QString text = normalizedText(segment.text);
         if (text.isEmpty()) continue;
-        segment.source = source;
-        if (segment.startTime >= holdBackFrom) {
-            segment.isStable = false;
-            unstable.append(segment);
-            continue;
-        }
         QString& last = lastCommittedText_[source];
         if (text == last) continue;  // heard again in the overlap
         last = text;
+        segment.source = source;
         segment.isStable = true;
         committed.append(segment);
     }
-    unstable_[source] = unstable;
     return committed;
-}
-
-QList<MeetingTranscriptSegment> IncrementalTranscription::unstableSegments() const {
-    std::lock_guard lock(mutex_);
-    QList<MeetingTranscriptSegment> segments;
-    for (const auto& [source, held] : unstable_) segments += held;
-    sortSegments(segments);
-    return segments;
 }
 
 TranscriptionBacklog IncrementalTranscription::backlog() const {
     std::lock_guard lock(mutex_);
     const auto seconds = [&](MeetingCaptureSource source) {
-        const auto found = buffers_.find(source);
-        return found == buffers_.end() ? 0.0 : double(found->second.samples.size()) / transcriptionSampleRate;
+        qint64 samples = 0;
+        if (const auto buffer = buffers_.find(source); buffer != buffers_.end()) samples += qint64(buffer->second.samples.size());
+        if (const auto runs = failedRuns_.find(source); runs != failedRuns_.end()) {
+            for (const auto& run : runs->second) samples += qint64(run.samples.size());
+        }
+        return double(samples) / transcriptionSampleRate;
     };
     return {seconds(MeetingCaptureSource::microphone), seconds(MeetingCaptureSource::system)};
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -12,13 +13,20 @@
 
 namespace mossly::meeting {
 
+// What one call heard, and the first error it met: segments heard before or
+// after a failure are never dropped because of it.
+struct TranscriptionStep {
+    QList<MeetingTranscriptSegment> segments;
+    std::optional<MeetingSessionError> failure;
+};
+
 // Live transcription of a meeting: each source's 16 kHz chunks are collected
 // in a buffer of its own and cut into windows (20 s, overlapping by 2 s, so a
 // word cut at one edge is heard whole in the next window). Silent windows are
-// skipped without inference. Segments that begin in a window's trailing
-// overlap are held back as unstable: the next window hears them with their
-// full context. A segment repeating the text just committed for its source
-// (case and surrounding white space ignored) is dropped.
+// skipped without inference. Every segment heard is stable at once, except one
+// repeating the text just committed for its source (case and surrounding white
+// space ignored), which is dropped. Audio whose inference fails stays buffered
+// and is tried again, so the transcript catches up rather than skipping it.
 //
 // Thread safety: one call at a time inside; inference runs on the caller's thread.
 class IncrementalTranscription {
@@ -26,18 +34,15 @@ class IncrementalTranscription {
     IncrementalTranscription(std::shared_ptr<WhisperTranscribing> transcriber, double windowDuration = 20.0,
                              double overlapDuration = 2.0, float silenceThreshold = 0.002f);
 
-    // Adds a normalized chunk and transcribes every full window; returns the
-    // new stable segments. A window whose inference fails is consumed (the
-    // transcript catches up after it) and the error is returned.
-    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> accept(
-        const MeetingAudioChunk& chunk);
-    // Transcribes what is left in every buffer as a final window; every
-    // segment is stable. Sorted by start time, the microphone first at a tie.
-    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> flush();
+    // Adds a normalized chunk and transcribes every full window. A window whose inference
+    // fails stays buffered and is tried again with the next chunks; after a few failures it
+    // is set aside, still buffered, for `flush`.
+    TranscriptionStep accept(const MeetingAudioChunk& chunk);
+    // Transcribes what is left of every source as a final window. Sorted by start
+    // time, the microphone first at a tie. What fails stays buffered for another flush.
+    TranscriptionStep flush();
 
-    // The held-back tail of each source's last window, for a live preview; never written to a note.
-    QList<MeetingTranscriptSegment> unstableSegments() const;
-    // Buffered audio per source, overlap included.
+    // Buffered audio per source, overlap and failed windows included.
     TranscriptionBacklog backlog() const;
 
   private:
@@ -45,14 +50,21 @@ class IncrementalTranscription {
         std::vector<float> samples;
         std::optional<double> startTime;
         qint64 heardSamples = 0;  // the leading overlap, already transcribed once
+        int failedAttempts = 0;   // of the window at the buffer's start
+    };
+    // Audio whose inference failed, kept for the next flush.
+    struct ClosedRun {
+        std::vector<float> samples;
+        double startTime = 0;
     };
 
-    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> processWindow(
-        MeetingCaptureSource source, bool final);
-    QList<MeetingTranscriptSegment> commit(MeetingCaptureSource source, QList<MeetingTranscriptSegment> heard,
-                                           double holdBackFrom);
-    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> flushSource(
-        MeetingCaptureSource source);
+    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> transcribe(
+        MeetingCaptureSource source, std::span<const float> window, double offset);
+    std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> processWindow(MeetingCaptureSource source);
+    void setAsideWindow(MeetingCaptureSource source);
+    void retryClosedRuns(MeetingCaptureSource source, TranscriptionStep& step);
+    void closeRun(MeetingCaptureSource source, TranscriptionStep& step);
+    QList<MeetingTranscriptSegment> commit(MeetingCaptureSource source, QList<MeetingTranscriptSegment> heard);
 
     std::shared_ptr<WhisperTranscribing> transcriber_;
     qint64 windowSamples_;
@@ -60,8 +72,8 @@ class IncrementalTranscription {
     float silenceThreshold_;
     mutable std::mutex mutex_;
     std::map<MeetingCaptureSource, SourceBuffer> buffers_;
+    std::map<MeetingCaptureSource, std::deque<ClosedRun>> failedRuns_;
     std::map<MeetingCaptureSource, QString> lastCommittedText_;
-    std::map<MeetingCaptureSource, QList<MeetingTranscriptSegment>> unstable_;
 };
 
 }  // namespace mossly::meeting

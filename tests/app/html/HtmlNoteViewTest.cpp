@@ -143,6 +143,35 @@ TEST_F(HtmlNoteViewTest, TheViewRefusesWhatThePolicyWouldHaveRemoved) {
     }
 }
 
+// A saved page's links to local files: none of them runs, whatever it is.
+TEST_F(HtmlNoteViewTest, LinksToLocalFilesShowTheirFolderAndNeverOpenTheFile) {
+    folder.write(QStringLiteral("install.sh"), "#!/bin/sh\ntouch ran\n");
+    QFile::setPermissions(folder.filePath(QStringLiteral("install.sh")), QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    folder.write(QStringLiteral("update.desktop"), "[Desktop Entry]\nType=Application\nExec=touch ran\n");
+    folder.write(QStringLiteral("Saved.html"), "<p><a href=\"install.sh\">install</a></p>");
+    open();
+    HtmlNoteView view(*store);
+    QStringList opened;  // what the desktop was asked to open
+    view.setUrlOpener([&](const QUrl& url) {
+        opened.append(url.toString());
+        return true;
+    });
+    QStringList refusals;
+    QObject::connect(&view, &HtmlNoteView::refusedLink, [&](const QString& message) { refusals.append(message); });
+    view.showNote(url(QStringLiteral("Saved.html")));
+
+    const QString notesFolder = QUrl::fromLocalFile(QDir(folder.path()).canonicalPath()).toString();
+    emit view.pageView()->linkActivated(QUrl::fromLocalFile(folder.filePath(QStringLiteral("install.sh"))));
+    emit view.pageView()->linkActivated(QUrl::fromLocalFile(folder.filePath(QStringLiteral("update.desktop"))));
+    EXPECT_EQ(opened, QStringList({notesFolder, notesFolder}));
+    opened.clear();
+    emit view.pageView()->linkActivated(QUrl::fromLocalFile(QStringLiteral("/bin/sh")));
+    EXPECT_TRUE(opened.isEmpty());
+    EXPECT_EQ(refusals.size(), 1) << "the user is told why nothing happened";
+    emit view.pageView()->linkActivated(QUrl(QStringLiteral("https://example.com/page")));
+    EXPECT_EQ(opened, QStringList({QStringLiteral("https://example.com/page")}));
+}
+
 TEST_F(HtmlNoteViewTest, EditingInSplitModeKeepsTheAuthorsScriptOnDisk) {
     folder.write(QStringLiteral("Page.html"),
                  "<html><head><title>Tide tables</title><script>var x = 1;</script>\n"

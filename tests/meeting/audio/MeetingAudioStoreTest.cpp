@@ -30,10 +30,10 @@ TEST(MeetingAudioStore, WritesOneTrackPerSourceAndMovesThemBesideTheNote) {
     // Playable while still recording: the header follows every write.
     EXPECT_EQ(readSoundFile(notes.filePath(audioFolder + "system.wav.recording")).frames(), speech.frames());
 
-    const auto paths = store.finish();
-    ASSERT_TRUE(paths);
-    EXPECT_EQ(*paths, (QStringList{"Assets/Standup/Meeting Audio/microphone.wav",
-                                   "Assets/Standup/Meeting Audio/system.wav"}));
+    const auto finished = store.finish();
+    ASSERT_FALSE(finished.failure);
+    EXPECT_EQ(finished.paths, (QStringList{"Assets/Standup/Meeting Audio/microphone.wav",
+                                           "Assets/Standup/Meeting Audio/system.wav"}));
     const SoundFile system = readSoundFile(notes.filePath(audioFolder + "system.wav"));
     EXPECT_EQ(system.sampleRate, 48000);
     EXPECT_EQ(system.channelCount, 2);
@@ -53,9 +53,9 @@ TEST(MeetingAudioStore, ASilentTrackLeavesNoFileAndDiscardDeletesEverything) {
         ASSERT_TRUE(store.open(MeetingCaptureSource::system));
         ASSERT_TRUE(store.append(MeetingAudioChunk::captured(MeetingCaptureSource::system, 0,
                                                              std::vector<float>(160, 0.1f), 16000)));
-        const auto paths = store.finish();
-        ASSERT_TRUE(paths);
-        EXPECT_EQ(*paths, QStringList{"Assets/Standup/Meeting Audio/system.wav"});
+        const auto finished = store.finish();
+        ASSERT_FALSE(finished.failure);
+        EXPECT_EQ(finished.paths, QStringList{"Assets/Standup/Meeting Audio/system.wav"});
     }
     MeetingAudioStore discarded(notes.path(), QStringLiteral("Meetings/Retro.md"));
     ASSERT_TRUE(discarded.open(MeetingCaptureSource::microphone));
@@ -66,6 +66,45 @@ TEST(MeetingAudioStore, ASilentTrackLeavesNoFileAndDiscardDeletesEverything) {
               (QStringList{"Meetings", "Meetings/Assets", "Meetings/Assets/Standup",
                            "Meetings/Assets/Standup/Meeting Audio",
                            "Meetings/Assets/Standup/Meeting Audio/system.wav", "Meetings/Standup.md"}));
+}
+
+// "Standup.md" was trashed or renamed and kept its audio; a new "Standup" must not touch it,
+// nor the recording an interrupted meeting of that name left behind.
+TEST(MeetingAudioStore, EarlierRecordingsOfTheSameNoteNameAreNeverReplaced) {
+    TemporaryNotesFolder notes;
+    notes.write(audioFolder + "microphone.wav", "last week's recording");
+    notes.write(audioFolder + "system.wav.recording", "a meeting that never finished");
+    MeetingAudioStore store(notes.path(), QStringLiteral("Meetings/Standup.md"));
+    ASSERT_TRUE(store.open(MeetingCaptureSource::microphone));
+    ASSERT_TRUE(store.open(MeetingCaptureSource::system));
+    for (auto source : {MeetingCaptureSource::microphone, MeetingCaptureSource::system}) {
+        ASSERT_TRUE(store.append(MeetingAudioChunk::captured(source, 0, std::vector<float>(160, 0.1f), 16000)));
+    }
+    EXPECT_EQ(store.recordingPaths(), (QStringList{"Assets/Standup/Meeting Audio/microphone 2.wav.recording",
+                                                   "Assets/Standup/Meeting Audio/system 2.wav.recording"}));
+    const auto finished = store.finish();
+    ASSERT_FALSE(finished.failure);
+    EXPECT_EQ(finished.paths, (QStringList{"Assets/Standup/Meeting Audio/microphone 2.wav",
+                                           "Assets/Standup/Meeting Audio/system 2.wav"}));
+    EXPECT_EQ(notes.read(audioFolder + "microphone.wav"), "last week's recording");
+    EXPECT_EQ(notes.read(audioFolder + "system.wav.recording"), "a meeting that never finished");
+    EXPECT_EQ(readSoundFile(notes.filePath(audioFolder + "microphone 2.wav")).frames(), 160);
+}
+
+TEST(MeetingAudioStore, APartlyFailedFinishListsTheRecordingsItKept) {
+    TemporaryNotesFolder notes;
+    MeetingAudioStore store(notes.path(), QStringLiteral("Meetings/Standup.md"));
+    ASSERT_TRUE(store.open(MeetingCaptureSource::microphone));
+    ASSERT_TRUE(store.open(MeetingCaptureSource::system));
+    for (auto source : {MeetingCaptureSource::microphone, MeetingCaptureSource::system}) {
+        ASSERT_TRUE(store.append(MeetingAudioChunk::captured(source, 0, std::vector<float>(160, 0.1f), 16000)));
+    }
+    ASSERT_TRUE(QFile::remove(notes.filePath(audioFolder + "microphone.wav.recording")));
+    const auto finished = store.finish();
+    ASSERT_TRUE(finished.failure);
+    EXPECT_EQ(finished.failure->description(),
+              "The meeting recording could not be written: the recording could not be moved beside the note.");
+    EXPECT_EQ(finished.paths, QStringList{"Assets/Standup/Meeting Audio/system.wav"});
 }
 
 TEST(MeetingAudioStore, TroubleIsReportedAsACaptureError) {

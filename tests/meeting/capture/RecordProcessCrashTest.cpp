@@ -12,6 +12,7 @@
 #include "MeetingRecoveryStore.h"
 #include "NoteRepository.h"
 #include "PrivatePulseServer.h"
+#include "ProcessTestSupport.h"
 #include "TestSupport.h"
 
 namespace mossly::meeting {
@@ -136,6 +137,68 @@ TEST(MeetingRecordProcess, AKilledRecordingIsRecoveredWithItsCheckpointedSegment
         player->kill();
         player->waitForFinished(5000);
     }
+}
+
+// Another writer (the app saving the note being typed in, an agent) holds the
+// library for 3 s just as the recording stops: the recorder waits for it, exits
+// 0, and every segment it printed is in the note.
+TEST(MeetingRecordProcess, AStopWhileTheLibraryIsBusyWritesEverySegment) {
+    PrivatePulseServer server(AudioServerKind::pulseAudio);
+    if (!server.failure().isEmpty()) {
+        if (qEnvironmentVariableIsSet("MOSSLY_REQUIRE_AUDIO_SERVER")) FAIL() << server.failure().toStdString();
+        GTEST_SKIP() << "a private audio server cannot run here: " << server.failure().toStdString();
+    }
+    RecordProcess setup;
+    QProcess record;
+    setup.configure(record);
+    record.setArguments({"--title", "Busy", "--sources", "microphone", "--duration", "600", "--notes-dir", setup.notes()});
+    record.start();
+    ASSERT_TRUE(record.waitForStarted());
+
+    QProcess noise;
+    noise.start(QStringLiteral(MOSSLY_SOX), {"-n", "-r", QString::number(server.sampleRate()), "-c", "1", "-t", "wav", "-",
+                                             "synth", "120", "pinknoise", "vol", "0.5"});
+    ASSERT_TRUE(noise.waitForFinished(20000));
+    QTemporaryDir audio;
+    QFile wav(audio.filePath("noise.wav"));
+    ASSERT_TRUE(wav.open(QIODevice::WriteOnly));
+    wav.write(noise.readAllStandardOutput());
+    wav.close();
+    auto player = server.play("micfeed", wav.fileName());
+
+    QString output;
+    const auto printedSegments = [&] {
+        output += QString::fromUtf8(record.readAllStandardOutput());
+        QStringList segments;
+        for (const QString& line : output.split(u'\n', Qt::SkipEmptyParts)) {
+            const QJsonObject object = QJsonDocument::fromJson(line.toUtf8()).object();
+            if (object.contains("segment")) segments.append(object.value("segment").toObject().value("text").toString());
+        }
+        return segments;
+    };
+    ASSERT_TRUE(waitFor(record, [&] { return !printedSegments().isEmpty(); }, 90000))
+        << "no segment; output:\n" << output.toStdString() << record.readAllStandardError().toStdString();
+
+    {
+        test::ForkedChild otherWriter([&] { return test::holdLibraryLock(setup.notes()); });
+        ASSERT_TRUE(otherWriter.ready());
+        ::kill(static_cast<pid_t>(record.processId()), SIGINT);
+        QElapsedTimer held;
+        held.start();
+        while (held.elapsed() < 3000 && record.state() != QProcess::NotRunning) record.waitForReadyRead(100);
+    }
+    ASSERT_TRUE(record.waitForFinished(60000));
+    const QStringList segments = printedSegments();
+    EXPECT_EQ(record.exitStatus(), QProcess::NormalExit);
+    EXPECT_EQ(record.exitCode(), 0) << record.readAllStandardError().toStdString();
+    ASSERT_FALSE(segments.isEmpty());
+    auto note = NoteRepository(setup.notes()).read("Busy.md");
+    ASSERT_TRUE(note);
+    EXPECT_TRUE(note->document.frontMatterFields.contains("meeting-ended-at"));
+    for (const QString& text : segments) EXPECT_TRUE(note->document.body.contains(text.trimmed())) << text.toStdString();
+    EXPECT_EQ(MeetingRecoveryStore(setup.notes()).loadAll(), QList<MeetingRecoveryManifest>{});
+    player->kill();
+    player->waitForFinished(5000);
 }
 
 }  // namespace

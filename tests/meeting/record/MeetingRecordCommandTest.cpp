@@ -132,6 +132,25 @@ TEST_F(MeetingRecordCommandTest, FailedStartExitsWithTheReason) {
     EXPECT_FALSE(printed("note"));
 }
 
+// A terminal user has no check box: the option acknowledges the reminder, and it stays acknowledged.
+TEST_F(MeetingRecordCommandTest, ConsentCanBeAcknowledgedFromTheTerminalAndIsRemembered) {
+    settings.setHasAcknowledgedConsent(false);
+    auto command = makeCommand();
+    EXPECT_EQ(run(*command, {"--acknowledge-consent", "--duration", "0.05", "--title", "Agreed", "--notes-dir",
+                             notesFolder.path()}),
+              0)
+        << errors.toStdString();
+    EXPECT_TRUE(MeetingSettings(preferences).hasAcknowledgedConsent());
+}
+
+TEST_F(MeetingRecordCommandTest, HelpPrintsTheUsage) {
+    auto command = makeCommand();
+    EXPECT_EQ(run(*command, {"--help"}), 0);
+    EXPECT_TRUE(output.startsWith("Usage: mossly-record"));
+    EXPECT_TRUE(output.contains("--acknowledge-consent"));
+    EXPECT_TRUE(errors.isEmpty());
+}
+
 TEST_F(MeetingRecordCommandTest, RefusesArgumentsItCannotRead) {
     for (const auto& arguments : QList<QStringList>{{"--sources", "speaker"},
                                                     {"--provider", "codexCLI"},
@@ -148,9 +167,11 @@ TEST_F(MeetingRecordCommandTest, RefusesArgumentsItCannotRead) {
 }
 
 TEST_F(MeetingRecordCommandTest, RecoverMarksInterruptedMeetings) {
-    const auto id = QUuid::createUuid();
-    MeetingNoteWriter writer(id, QDateTime::currentDateTimeUtc(), notesFolder.path());
-    ASSERT_TRUE(writer.create("Lost", {Source::microphone}, "ggml-base.bin", MeetingSummaryProviderKind::none));
+    {
+        // A recorder that is gone: its writer no longer holds the meeting.
+        MeetingNoteWriter writer(QUuid::createUuid(), QDateTime::currentDateTimeUtc(), notesFolder.path());
+        ASSERT_TRUE(writer.create("Lost", {Source::microphone}, "ggml-base.bin", MeetingSummaryProviderKind::none));
+    }
 
     auto command = makeCommand();
     EXPECT_EQ(run(*command, {"--recover", "--notes-dir", notesFolder.path()}), 0);

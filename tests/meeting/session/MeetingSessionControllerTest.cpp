@@ -2,12 +2,14 @@
 
 #include <QDir>
 #include <QFile>
+#include <QFileInfo>
 #include <QJsonDocument>
 #include <QJsonObject>
 
 #include "MeetingRecoveryStore.h"
 #include "MeetingSessionController.h"
 #include "MeetingSessionFakes.h"
+#include "ProcessTestSupport.h"
 #include "TestSupport.h"
 
 namespace mossly::meeting {
@@ -39,6 +41,7 @@ public:  // the table of refused starts arranges through the fixture
         services.clock = [this] { return now; };
         services.diagnostics = diagnostics;
         services.pipeline = pipeline;
+        services.busyPatience = busyPatience;
         auto made = std::make_unique<MeetingSessionController>(settings, std::move(services));
         QObject::connect(made.get(), &MeetingSessionController::phaseChanged, made.get(),
                          [this, controller = made.get()] { phases.append(rawValue(controller->phase())); });
@@ -72,7 +75,7 @@ public:  // the table of refused starts arranges through the fixture
     }
 
     QStringList manifests() const {
-        return QDir(notesFolder.filePath(MeetingRecoveryStore::folderName)).entryList(QDir::Files);
+        return QDir(notesFolder.filePath(MeetingRecoveryStore::folderName)).entryList({"*.json"}, QDir::Files);
     }
 
     mossly::test::TemporaryNotesFolder notesFolder;
@@ -87,6 +90,7 @@ public:  // the table of refused starts arranges through the fixture
     std::shared_ptr<FakeProvider> provider = std::make_shared<FakeProvider>();
     std::shared_ptr<RecordingDiagnostics> diagnostics = std::make_shared<RecordingDiagnostics>();
     std::shared_ptr<AudioPipeline> pipeline;
+    std::chrono::milliseconds busyPatience{5000};
     QDateTime now = QDateTime(QDate(2026, 11, 23), QTime(9, 0), Qt::UTC);
     QStringList phases;
 };
@@ -254,6 +258,13 @@ TEST_F(MeetingSessionControllerTest, RetainedAudioIsMovedBesideTheNote) {
     controller->setConfiguration(configuration);
     startRecording(*controller);
     captures.latest(Source::microphone).deliver(2);
+    // After a crash the manifest says where the recording being written is.
+    const auto manifest = MeetingRecoveryStore(notesDirectory).loadAll();
+    ASSERT_TRUE(manifest && manifest->size() == 1);
+    EXPECT_EQ(manifest->front().audioPaths, QStringList{"Assets/Standup/Meeting Audio/microphone.wav.recording"});
+    EXPECT_TRUE(waitFor([&] {
+        return QFileInfo(notesFolder.filePath("Assets/Standup/Meeting Audio/microphone.wav.recording")).size() > 0;
+    }));
     run([&](auto done) { controller->stop(done); });
     ASSERT_EQ(controller->phase(), completed);
     EXPECT_TRUE(noteText(*controller).contains(R"(meeting-recordings: ["Assets\/Standup\/Meeting Audio\/microphone.wav"])"));
@@ -298,6 +309,37 @@ TEST_F(MeetingSessionControllerTest, FailedSummaryKeepsTheTranscriptAndCanBeRetr
     EXPECT_TRUE(note.contains("Write tests"));
     EXPECT_TRUE(note.contains("[00:00] You: microphone from 0"));
     EXPECT_EQ(provider->calls, 3);
+}
+
+// The provider answered but the library stayed busy: the summary is kept, the note says
+// "failed" rather than "pending" once it can, and the retry writes the same summary.
+TEST_F(MeetingSessionControllerTest, ASummaryWhoseNoteWriteFailsIsKeptForTheRetry) {
+    busyPatience = std::chrono::milliseconds(300);
+    provider->hold = true;
+    auto controller = makeController();
+    configure(*controller, {Source::microphone}, MeetingSummaryProviderKind::claudeCode);
+    startRecording(*controller);
+    captures.latest(Source::microphone).deliver(3);
+    bool stopped = false;
+    controller->stop([&] { stopped = true; });
+    ASSERT_TRUE(waitFor([&] { return provider->calls == 1; }));
+    {
+        ForkedChild otherWriter([&] { return holdLibraryLock(notesDirectory); });
+        ASSERT_TRUE(otherWriter.ready());
+        provider->hold = false;
+        ASSERT_TRUE(waitFor([&] { return stopped; }));
+    }
+    EXPECT_EQ(controller->phase(), completed);
+    EXPECT_EQ(controller->errorMessage(), "Transcript saved. Summary failed: The notes library is busy. Try again.");
+    ASSERT_TRUE(controller->session()->state().summary);
+    EXPECT_TRUE(controller->canRetrySummary());
+    EXPECT_FALSE(noteText(*controller).contains("Write tests"));
+
+    run([&](auto done) { controller->retrySummary(done); });
+    EXPECT_EQ(controller->errorMessage(), "");
+    EXPECT_TRUE(noteText(*controller).contains("Write tests"));
+    EXPECT_TRUE(noteText(*controller).contains("meeting-summary-status: \"complete\""));
+    EXPECT_EQ(provider->calls, 1) << "the kept summary is written, the provider is not asked again";
 }
 
 TEST_F(MeetingSessionControllerTest, SilentMeetingAsksNoProvider) {
@@ -377,11 +419,12 @@ TEST_F(MeetingSessionControllerTest, NoteThatCannotBeCreatedFailsTheMeeting) {
     EXPECT_EQ(captures.created(Source::microphone), 0);
 }
 
-TEST_F(MeetingSessionControllerTest, NoteLostMidMeetingIsReportedAndStopFailsKeepingTheManifest) {
+TEST_F(MeetingSessionControllerTest, NoteLostMidMeetingKeepsTheTranscriptUntilItCanBeWritten) {
     auto controller = makeController();
     configure(*controller, {Source::microphone});
     startRecording(*controller);
-    ASSERT_TRUE(QFile::remove(controller->noteURL().toLocalFile()));
+    const QString notePath = controller->noteURL().toLocalFile();
+    ASSERT_TRUE(QFile::rename(notePath, notesFolder.filePath("Elsewhere.md")));
     captures.latest(Source::microphone).deliver(21);
     ASSERT_TRUE(waitFor([&] { return diagnostics->find("Checkpoint meeting transcript") != nullptr; }));
     EXPECT_EQ(controller->errorMessage(), diagnostics->find("Checkpoint meeting transcript")->field("error"));
@@ -389,9 +432,70 @@ TEST_F(MeetingSessionControllerTest, NoteLostMidMeetingIsReportedAndStopFailsKee
     EXPECT_EQ(controller->phase(), recording);
 
     run([&](auto done) { controller->stop(done); });
-    EXPECT_EQ(controller->phase(), failed);
-    EXPECT_EQ(diagnostics->find("Meeting session")->field("error"), controller->errorMessage());
-    EXPECT_EQ(manifests().size(), 1);  // the next launch tidies it up
+    EXPECT_EQ(controller->phase(), finalizing) << "only a note that cannot be created fails a meeting";
+    EXPECT_TRUE(controller->canRetryFinalWrite());
+    EXPECT_TRUE(controller->errorMessage().startsWith("Transcript not saved yet: "));
+    EXPECT_EQ(controller->segments().size(), 2);
+    EXPECT_EQ(manifests().size(), 1);
+
+    ASSERT_TRUE(QFile::rename(notesFolder.filePath("Elsewhere.md"), notePath));  // the user brings it back
+    run([&](auto done) { controller->retryFinalWrite(done); });
+    EXPECT_EQ(controller->phase(), completed);
+    EXPECT_EQ(controller->errorMessage(), "");
+    EXPECT_TRUE(noteText(*controller).contains("[00:18] You: microphone from 18"));
+    EXPECT_TRUE(manifests().isEmpty());
+}
+
+// A library that stays busy past the wait: the meeting keeps every segment and its
+// manifest, says so, and writes everything once the user retries.
+TEST_F(MeetingSessionControllerTest, ALibraryBusyPastTheWaitKeepsTheTranscriptForARetry) {
+    busyPatience = std::chrono::milliseconds(300);
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    startRecording(*controller);
+    captures.latest(Source::microphone).deliver(23);
+    ASSERT_TRUE(waitFor([&] { return controller->lastCheckpointAt().has_value(); }));
+    {
+        ForkedChild otherWriter([&] { return holdLibraryLock(notesDirectory); });
+        ASSERT_TRUE(otherWriter.ready());
+        run([&](auto done) { controller->stop(done); });
+        EXPECT_EQ(controller->phase(), finalizing);
+        EXPECT_EQ(controller->errorMessage(), "Transcript not saved yet: The notes library is busy. Try again.");
+        EXPECT_EQ(diagnostics->find("Finish meeting note")->field("error"), "The notes library is busy. Try again.");
+        EXPECT_FALSE(noteText(*controller).contains("microphone from 18"));
+        EXPECT_EQ(manifests().size(), 1);
+        run([&](auto done) { controller->retryFinalWrite(done); });
+        EXPECT_TRUE(controller->canRetryFinalWrite());
+    }
+    run([&](auto done) { controller->retryFinalWrite(done); });
+    EXPECT_EQ(controller->phase(), completed);
+    EXPECT_FALSE(controller->canRetryFinalWrite());
+    const QString note = noteText(*controller);
+    EXPECT_TRUE(note.contains("[00:00] You: microphone from 0\n[00:18] You: microphone from 18"));
+    EXPECT_TRUE(note.contains("meeting-ended-at:"));
+    EXPECT_TRUE(manifests().isEmpty());
+}
+
+// The app saving the note being typed in, or an agent, holds the library for a
+// moment just as the meeting stops: the final write waits for it.
+TEST_F(MeetingSessionControllerTest, ABusyLibraryAtStopIsWaitedOut) {
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    startRecording(*controller);
+    captures.latest(Source::microphone).deliver(23);
+    ASSERT_TRUE(waitFor([&] { return controller->lastCheckpointAt().has_value(); }));
+
+    auto otherWriter = std::make_unique<ForkedChild>([&] { return holdLibraryLock(notesDirectory); });
+    ASSERT_TRUE(otherWriter->ready());
+    std::thread release([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+        otherWriter->kill();
+    });
+    run([&](auto done) { controller->stop(done); });
+    release.join();
+    EXPECT_EQ(controller->phase(), completed) << controller->errorMessage().toStdString();
+    EXPECT_TRUE(noteText(*controller).contains("[00:18] You: microphone from 18"));
+    EXPECT_TRUE(manifests().isEmpty());
 }
 
 // MARK: Pause, invalid requests

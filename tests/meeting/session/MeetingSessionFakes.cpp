@@ -88,6 +88,7 @@ std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summari
         std::lock_guard lock(mutex);
         lastTranscript = transcript;
     }
+    while (hold) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     if (fails) return std::unexpected(MeetingSummaryProviderError::unavailable(QStringLiteral("Claude is offline.")));
     return MeetingSummary{QStringLiteral("Standup"), QStringLiteral("We met."), {QStringLiteral("Ship it")},
                           {QStringLiteral("Write tests")}, {}};

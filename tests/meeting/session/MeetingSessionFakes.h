@@ -104,6 +104,7 @@ public:
     std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override;
 
     std::atomic<bool> fails{false};
+    std::atomic<bool> hold{false};  // summarize waits while it is set
     mutable std::atomic<int> calls{0};
     mutable std::mutex mutex;
     mutable QString lastTranscript;

@@ -66,10 +66,10 @@ TEST(WhisperTranscriber, RunsEndToEndBehindIncrementalTranscription) {
     const auto samples = voiceLike(24.0);
     const auto accepted =
         transcription.accept({MeetingCaptureSource::microphone, 0, samples, 16000, 1, 0.1f});
-    ASSERT_TRUE(accepted) << accepted.error().description().toStdString();
+    ASSERT_FALSE(accepted.failure) << accepted.failure->description().toStdString();
     const auto flushed = transcription.flush();
-    ASSERT_TRUE(flushed) << flushed.error().description().toStdString();
-    for (const auto& segment : *accepted + *flushed) {
+    ASSERT_FALSE(flushed.failure) << flushed.failure->description().toStdString();
+    for (const auto& segment : accepted.segments + flushed.segments) {
         EXPECT_TRUE(segment.isStable);
         EXPECT_GE(segment.startTime, 0);
         EXPECT_LE(segment.endTime, 24.0);

@@ -16,12 +16,14 @@
 #include "HtmlPageView.h"
 #include "HtmlSourceHighlighter.h"
 #include "NoteContentType.h"
+#include "NoteLinkPolicy.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
 namespace mossly {
 
-HtmlNoteView::HtmlNoteView(NoteStore& store, QWidget* parent) : QWidget(parent), store_(store) {
+HtmlNoteView::HtmlNoteView(NoteStore& store, QWidget* parent)
+    : QWidget(parent), store_(store), openUrl_(&QDesktopServices::openUrl) {
     setObjectName(QStringLiteral("htmlNoteView"));
     source_ = new PlainNoteEditor(store_, this);
     source_->setObjectName(QStringLiteral("htmlSourceEditor"));
@@ -160,20 +162,20 @@ void HtmlNoteView::collectVisualEdit(const std::function<void()>& then) {
         });
 }
 
-// Web links go to the browser; links to notes open them here; nothing else is followed.
+// Notes open here, web links in the browser; any other file only shows its folder,
+// so a saved page's link to a script or a launcher can never start it.
 void HtmlNoteView::openLink(const QUrl& url) {
-    if (url.isLocalFile()) {
-        const QString path = url.toLocalFile();
-        if (noteContentTypeForFileName(path)) {
-            emit openNoteRequested(path);
-        } else if (QFileInfo(path).isFile()) {
-            QDesktopServices::openUrl(url);
-        }
+    const auto action = noteLinkAction(url, store_.directory());
+    if (!action) {
+        emit refusedLink(action.error().description());
         return;
     }
-    const QString scheme = url.scheme().toLower();
-    if (scheme == QLatin1String("http") || scheme == QLatin1String("https") || scheme == QLatin1String("mailto")) {
-        QDesktopServices::openUrl(url);
+    if (const auto* note = std::get_if<OpenNoteLink>(&*action)) {
+        emit openNoteRequested(note->path);
+    } else if (const auto* web = std::get_if<OpenWebLink>(&*action)) {
+        openUrl_(web->url);
+    } else {
+        openUrl_(std::get<ShowFolderLink>(*action).folder);
     }
 }
 

@@ -43,11 +43,16 @@ public:
     // can be put back between the author's own tags.
     bool isVisuallyEditable() const { return visuallyEditable_; }
 
+    // Hands web links and folders to the desktop; tests put a recorder in its place.
+    void setUrlOpener(std::function<bool(const QUrl&)> open) { openUrl_ = std::move(open); }
+
     static constexpr int refreshDelayMs = 300;
     static constexpr int visualEditPollMs = 150;  // a flag check in the page: cheap
 
 signals:
     void openNoteRequested(const QString& path);
+    // A clicked link was not followed; the text says why.
+    void refusedLink(const QString& message);
 
 private:
     void render();
@@ -69,6 +74,7 @@ private:
     int blockedElements_ = 0;
     bool visuallyEditable_ = false;
     bool collecting_ = false;
+    std::function<bool(const QUrl&)> openUrl_;
 };
 
 }  // namespace mossly

@@ -6,6 +6,8 @@
 #include <QPainter>
 #include <QPainterPath>
 
+#include "WebLinkMetadataService.h"
+
 namespace mossly {
 
 double linkCardHeight(const QFont& base) { return std::round(QFontMetricsF(base).height() * 4.4); }
@@ -44,7 +46,8 @@ void paintLinkCard(QPainter& painter, const QRectF& card, const std::optional<We
     const QString title = !metadata ? QObject::tr("Loading preview…")
                           : metadata->title ? *metadata->title
                                             : QObject::tr("Web preview unavailable");
-    const QString site = metadata ? metadata->siteName : url;
+    // While loading, the host alone: the address may carry a user name and password.
+    const QString site = metadata ? metadata->siteName : WebLinkMetadataService::hostOnly(url).siteName;
     const QFontMetricsF titleMetrics(titleFont);
     const QFontMetricsF smallMetrics(small);
 

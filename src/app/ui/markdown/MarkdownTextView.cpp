@@ -27,6 +27,7 @@
 #include "MarkdownStyler.h"
 #include "NoteAssets.h"
 #include "NoteContentType.h"
+#include "NoteLinkPolicy.h"
 #include "NoteListModel.h"
 
 namespace mossly {
@@ -93,7 +94,7 @@ double reservedWidth(const DrawnObject& object, const ObjectMetrics& metrics) {
 }  // namespace
 
 MarkdownTextView::MarkdownTextView(QWidget* parent)
-    : QTextEdit(parent), highlighter_(std::make_unique<MarkdownHighlighter>(document())) {
+    : QTextEdit(parent), highlighter_(std::make_unique<MarkdownHighlighter>(document())), openUrl_(&QDesktopServices::openUrl) {
     setObjectName(QStringLiteral("markdownEditor"));
     setAcceptRichText(false);
     setFrameShape(QFrame::NoFrame);
@@ -1140,14 +1141,24 @@ void MarkdownTextView::openLink(const QString& href) {
             emit refusedLink(QStringLiteral("This note cannot link to itself."));
             return;
         }
-        if (noteContentTypeForFileName(path)) {
-            emit openNoteRequested(path);
-        } else {
-            QDesktopServices::openUrl(QUrl::fromLocalFile(path));
-        }
+    }
+    // Notes open here, web links in the browser; any other file only shows its folder.
+    const QString folder = !notesFolder_.isEmpty() ? notesFolder_
+                           : noteFile_.isEmpty()   ? QString()
+                                                   : QFileInfo(noteFile_).absolutePath();
+    const QUrl target = url.scheme().isEmpty() ? QUrl::fromLocalFile(href) : url;
+    const auto action = noteLinkAction(target, folder);
+    if (!action) {
+        emit refusedLink(action.error().description());
         return;
     }
-    QDesktopServices::openUrl(url);
+    if (const auto* note = std::get_if<OpenNoteLink>(&*action)) {
+        emit openNoteRequested(note->path);
+    } else if (const auto* web = std::get_if<OpenWebLink>(&*action)) {
+        openUrl_(web->url);
+    } else {
+        openUrl_(std::get<ShowFolderLink>(*action).folder);
+    }
 }
 
 }  // namespace mossly

@@ -47,6 +47,11 @@ public:
     // Where lone web links get their cards from; none draws them as plain links.
     void setLinkPreviews(LinkPreviews* previews);
 
+    // The library's folder: links to files outside it are not followed. Unset, the note's own folder.
+    void setNotesFolder(const QString& folder) { notesFolder_ = folder; }
+    // Hands web links and folders to the desktop; tests put a recorder in its place.
+    void setUrlOpener(std::function<bool(const QUrl&)> open) { openUrl_ = std::move(open); }
+
     // Titles of notes dragged in as references (from the note list); the file name without one.
     void setNoteTitles(std::function<QString(const QString& noteFile)> titleOf) { noteTitle_ = std::move(titleOf); }
 
@@ -114,6 +119,8 @@ private:
     markdown::Presentation presentation_ = markdown::Presentation::styled;
     double baseSize_ = 13;
     QString noteFile_;
+    QString notesFolder_;
+    std::function<bool(const QUrl&)> openUrl_;
     QString styledText_;
     bool styling_ = false;
     int previousCaret_ = 0;

@@ -91,7 +91,8 @@ void MeetingRecorder::microphonesChanged() {
 }
 
 void MeetingRecorder::checkpointBeforeQuit(int timeoutMs) {
-    if (!isRecording()) return;
+    // A stopped meeting whose final write failed gets one more try as well.
+    if (!isRecording() && !controller_->canRetryFinalWrite()) return;
     bool done = false;
     controller_->checkpointForTermination([&done] { done = true; });
     // Quitting waits for the transcript to be durable; the app does nothing else meanwhile.

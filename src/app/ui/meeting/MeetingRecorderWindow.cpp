@@ -89,6 +89,8 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     pause_ = new QPushButton(tr("Pause"), this);
     stop_ = new QPushButton(tr("Stop"), this);
     retrySummary_ = new QPushButton(tr("Retry Summary"), this);
+    saveTranscript_ = new QPushButton(tr("Save Transcript"), this);
+    saveTranscript_->setObjectName(QStringLiteral("meetingSaveTranscript"));
     openNote_ = new QPushButton(tr("Open Meeting Note"), this);
     newMeeting_ = new QPushButton(tr("New Meeting"), this);
 
@@ -111,7 +113,7 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     meters->addRow(QStringLiteral("You"), microphoneLevel_);
     meters->addRow(QStringLiteral("System"), systemLevel_);
     auto* buttons = new QHBoxLayout;
-    for (QPushButton* button : {record_, pause_, stop_, retrySummary_, openNote_, newMeeting_}) buttons->addWidget(button);
+    for (QPushButton* button : {record_, pause_, stop_, retrySummary_, saveTranscript_, openNote_, newMeeting_}) buttons->addWidget(button);
     buttons->addStretch(1);
     auto* layout = new QVBoxLayout(this);
     layout->addLayout(form);
@@ -151,6 +153,8 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     });
     connect(stop_, &QPushButton::clicked, this, [this] { controller_.stop(); });
     connect(retrySummary_, &QPushButton::clicked, this, [this] { controller_.retrySummary(); });
+    connect(saveTranscript_, &QPushButton::clicked, this, [this] { controller_.retryFinalWrite(); });
+    connect(&controller_, &MeetingSessionController::finalWritePendingChanged, this, &MeetingRecorderWindow::showPhase);
     connect(openNote_, &QPushButton::clicked, this, [this] {
         if (!controller_.noteURL().isEmpty()) emit openNoteRequested(controller_.noteURL().toLocalFile());
     });
@@ -202,6 +206,8 @@ void MeetingRecorderWindow::showPhase() {
     pause_->setText(phase == MeetingSessionPhase::paused ? tr("Resume") : tr("Pause"));
     stop_->setVisible(running);
     retrySummary_->setVisible(done && controller_.canRetrySummary());
+    // The transcript is only in memory until it is written: no New Meeting may drop it meanwhile.
+    saveTranscript_->setVisible(controller_.canRetryFinalWrite());
     openNote_->setVisible(!controller_.noteURL().isEmpty() && !running);
     newMeeting_->setVisible(done || phase == MeetingSessionPhase::failed);
     switch (phase) {

@@ -80,6 +80,7 @@ private:
     QPushButton* pause_;
     QPushButton* stop_;
     QPushButton* retrySummary_;
+    QPushButton* saveTranscript_;
     QPushButton* openNote_;
     QPushButton* newMeeting_;
 };
