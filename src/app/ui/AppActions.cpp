@@ -153,7 +153,12 @@ void installAppActions(MainWindow& window, NoteStore& store) {
                      });
     file->addSeparator();
     // Closes the window the user is in; closing the library window quits, as its close button does.
-    QObject::connect(addAction(file, QObject::tr("Close Window"), QKeySequence::Close), &QAction::triggered, &window,
+    QAction* close = addAction(file, QObject::tr("Close Window"));
+    // Ctrl+W on every desktop, whatever key scheme the platform theme reports.
+    QList<QKeySequence> closeKeys = QKeySequence::keyBindings(QKeySequence::Close);
+    if (!closeKeys.contains(QKeySequence(QStringLiteral("Ctrl+W")))) closeKeys.prepend(QKeySequence(QStringLiteral("Ctrl+W")));
+    close->setShortcuts(closeKeys);
+    QObject::connect(close, &QAction::triggered, &window,
                      [&window] {
                          QWidget* active = QApplication::activeWindow();
                          (active ? active : &window)->close();
