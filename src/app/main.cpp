@@ -6,14 +6,10 @@
 
 #include "AppIcon.h"
 #include "AppLifecycle.h"
+#include "AppSession.h"
 #include "Diagnostics.h"
-#include "EditorPane.h"
 #include "MainWindow.h"
-#include "MeetingRecorder.h"
-#include "PulseDevices.h"
-#include "NoteStore.h"
 #include "NotesLocation.h"
-#include "QuitFlow.h"
 
 using namespace mossly;
 
@@ -64,34 +60,9 @@ int main(int argc, char** argv) {
         return 1;
     }
 
-    NoteStore::Options options{.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = appIconPng()};
-    options.usesNoteListCache = true;
-    NoteStore store(*directory, options);
-    // Reading the list starts now, while the window is built; it is shown from the event loop.
-    store.loadInitialNotes();
-    AppLifecycle lifecycle;
-    diagnostics.event(QStringLiteral("Application initialized"));
-
-    MainWindow window(store);
-    // Meetings record from the desktop's audio server (PulseAudio, or PipeWire's).
-    meeting::MeetingSessionServices meetingServices;
-    meetingServices.captureFactory = meeting::makePulseCapture;
-    meetingServices.permissions = std::make_shared<meeting::PulseMeetingPermissions>();
-    MeetingRecorder recorder(store, std::move(meetingServices),
-                             [] { return meeting::listMicrophones().value_or(std::vector<meeting::MicrophoneDevice>{}); });
-    window.setMeetingRecorder(&recorder);
-    // Headsets come and go: the recorder's input list follows (no audio server: no list to follow).
-    auto microphoneWatcher = meeting::MicrophoneWatcher::start([&recorder] {
-        QMetaObject::invokeMethod(&recorder, &MeetingRecorder::microphonesChanged, Qt::QueuedConnection);
-    });
-    recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
-    lifecycle.handleTerminationSignals();
-    lifecycle.watchMainWindow(&window);
-    lifecycle.setTerminationHandler([&store, &recorder, &window, prompts = dialogQuitPrompts(&window)](bool mayCancel) {
-        recorder.checkpointBeforeQuit();  // a running meeting is kept, to be recovered next time
-        for (EditorPane* pane : window.findChildren<EditorPane*>()) pane->flushWebEdits();
-        return finishWorkBeforeQuit(store, prompts, mayCancel);
-    });
+    AppSession session(*directory);
+    session.lifecycle().handleTerminationSignals();
+    MainWindow& window = session.window();
     window.show();
     diagnostics.event(QStringLiteral("Application finished launching"));
     return QApplication::exec();

@@ -351,6 +351,27 @@ QString HtmlDocumentCodec::encode(const QString& body, const std::optional<NoteE
     return QString::fromUtf8(leadingHead + cleanBytes);
 }
 
+QString HtmlDocumentCodec::documentTitle(const QString& html) {
+    const ParsedHtml parsed(html.toUtf8());
+    const GumboNode* head = parsed.rootChild(GUMBO_TAG_HEAD);
+    if (!head) return {};
+    const GumboVector& children = head->v.element.children;
+    for (unsigned i = 0; i < children.length; ++i) {
+        const auto* child = static_cast<const GumboNode*>(children.data[i]);
+        if (!isElement(child) || child->v.element.tag != GUMBO_TAG_TITLE) continue;
+        QString title;
+        const GumboVector& texts = child->v.element.children;
+        for (unsigned t = 0; t < texts.length; ++t) {
+            const auto* text = static_cast<const GumboNode*>(texts.data[t]);
+            if (text->type == GUMBO_NODE_TEXT || text->type == GUMBO_NODE_WHITESPACE) {
+                title += QString::fromUtf8(text->v.text.text);
+            }
+        }
+        return title.simplified();
+    }
+    return {};
+}
+
 QString HtmlDocumentCodec::visibleText(const NoteDocumentPayload& payload) const {
     const ParsedHtml parsed(payload.body.toUtf8());
     const GumboNode* body = parsed.rootChild(GUMBO_TAG_BODY);

@@ -20,6 +20,8 @@ class HtmlDocumentCodec final : public NoteDocumentCodec {
                    const NoteDocumentPayload& payload) const override;
     // The text of the document's <body>, as a reader would see it.
     QString visibleText(const NoteDocumentPayload& payload) const override;
+    // The text of the page's <title>, white space folded; empty when it has none.
+    static QString documentTitle(const QString& html);
 };
 
 }  // namespace mossly

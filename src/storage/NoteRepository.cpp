@@ -14,6 +14,7 @@
 #include "AtomicFile.h"
 #include "NoteFileLock.h"
 #include "NoteFolderScan.h"
+#include "SketchDocumentCodec.h"
 
 namespace mossly {
 
@@ -153,7 +154,10 @@ Result<StoredNote> NoteRepository::create(const QString& title, const QString& b
                                           const NoteFrontMatterFields& frontMatterFields) const {
     if (auto name = validateEditor(createdBy); !name) return fail(name.error());
     if (auto keys = validateFrontMatterKeys(frontMatterFields); !keys) return fail(keys.error());
-    const NoteDocument document(body, createdBy, contentType, frontMatterFields);
+    // A new sketch is a drawing from its first write: tldraw opens no empty file.
+    const bool blankSketch = contentType == NoteContentType::sketch && body.trimmed().isEmpty();
+    const NoteDocument document(blankSketch ? SketchDocumentCodec::emptyDocument() : body, createdBy, contentType,
+                                frontMatterFields);
     return createFromText(title, document.serialized(), contentType);
 }
 

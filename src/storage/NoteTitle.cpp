@@ -2,6 +2,9 @@
 
 #include <QTextBoundaryFinder>
 
+#include "HtmlDocumentCodec.h"
+#include "NoteDocument.h"
+
 namespace mossly {
 
 namespace {
@@ -48,6 +51,14 @@ QString leadingGraphemes(const QString& text, qsizetype count) {
         ++taken;
     }
     return text.left(end);
+}
+
+QString suggestedNoteName(const QString& body, NoteContentType contentType) {
+    const QString untitled = QStringLiteral("Untitled");
+    if (contentType == NoteContentType::html) {
+        if (QString title = HtmlDocumentCodec::documentTitle(body); !title.isEmpty()) return title;
+    }
+    return noteTitle(NoteDocument(body, NoteEditor::human(), contentType).visibleText(), untitled);
 }
 
 }  // namespace mossly

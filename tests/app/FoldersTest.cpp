@@ -1,9 +1,13 @@
 #include <gtest/gtest.h>
 
+#include <QComboBox>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <QPushButton>
+#include <QTest>
 
 #include "AppTestSupport.h"
+#include "DeleteFolderDialog.h"
 #include "FolderMetadata.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
@@ -101,6 +105,27 @@ TEST_F(FolderStoreTest, DeletingTheFolderThatHoldsTheNotesMovesThemElsewhere) {
     EXPECT_EQ(store->folderOf(folder.filePath("b.md")), other);
 }
 
+// The dialog a person sees when deleting a folder that holds notes: the notes
+// can go into another folder, chosen with the keyboard, and the button does it.
+TEST_F(FolderStoreTest, TheDeleteDialogMovesTheNotesIntoAnotherFolder) {
+    const QUuid other = *store->createFolder(QStringLiteral("Other"), std::nullopt);
+    DeleteFolderDialog dialog(*store, parent);
+    dialog.show();
+    QComboBox* destination = dialog.destinationBox();
+    // Folders inside the deleted tree are no destination.
+    ASSERT_EQ(destination->count(), 2);
+    EXPECT_EQ(destination->itemText(1), QStringLiteral("Other"));
+    destination->setFocus();
+    QTest::keyClick(destination, Qt::Key_Down);
+    ASSERT_EQ(destination->currentText(), QStringLiteral("Other"));
+    QTest::mouseClick(dialog.moveButton(), Qt::LeftButton);
+    EXPECT_EQ(dialog.result(), QDialog::Accepted);
+    EXPECT_FALSE(store->folderMetadata().folder(parent));
+    EXPECT_EQ(store->folderOf(folder.filePath("a.md")), other);
+    EXPECT_EQ(store->folderOf(folder.filePath("b.md")), other);
+    EXPECT_EQ(FolderMetadata::load(folder.path())->noteAssignments.value(QStringLiteral("b.md")), other);
+}
+
 TEST_F(FolderStoreTest, FavouritesFollowTheList) {
     ASSERT_EQ(store->favoriteNotes().size(), 1u);
     EXPECT_EQ(store->favoriteNotes()[0]->identifier, QStringLiteral("b.md"));
@@ -109,20 +134,35 @@ TEST_F(FolderStoreTest, FavouritesFollowTheList) {
     EXPECT_FALSE(store->moveFolder(parent, {child, 0}));
 }
 
+// Files a person or another program could leave: none is read as something
+// smaller and then written back without what it held.
 TEST(FolderStoreUnreadable, AnUndecodableFileIsReportedAndNeverOverwritten) {
-    test::TemporaryNotesFolder folder;
-    folder.write(QStringLiteral("a.md"), "a");
-    folder.write(QStringLiteral(".folders.json"), "{ this is not json");
-    NoteStore store(folder.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
-    ASSERT_TRUE(store.folderMetadataError());
-    EXPECT_TRUE(store.folderMetadataError()->description().contains(QStringLiteral(".folders.json")));
-    QStringList problems;
-    QObject::connect(&store, &NoteStore::problemOccurred, [&](const QString& m) { problems.append(m); });
-    EXPECT_FALSE(store.createFolder(QStringLiteral("New"), std::nullopt));
-    store.setFavorite(true, folder.filePath("a.md"));
-    EXPECT_EQ(problems.size(), 2);
-    EXPECT_EQ(folder.read(QStringLiteral(".folders.json")), "{ this is not json");
-    EXPECT_EQ(store.notes().size(), 1u);
+    const QByteArray folders = R"("folders":[{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","name":"Work"}])";
+    const QByteArray assignments = R"("noteAssignments":{"a.md":"6F9619FF-8B86-D011-B42D-00C04FC964FF"})";
+    const QList<QByteArray> files{
+             QByteArray("{ this is not json"),
+             "{" + folders + "," + assignments + R"(,"favoriteNoteNames":"a.md"})",
+             "{" + folders + "," + assignments + R"(,"favoriteNoteNames":["a.md", 7]})",
+             R"({"folders":[{"id":"6F9619FF-8B86-D011-B42D-00C04FC964FF","name":"Work","sourceIdentifier":12}],)" +
+                 assignments + "}",
+             R"({"folders":["Work"],"noteAssignments":{}})",
+         };
+    for (const QByteArray& bytes : files) {
+        SCOPED_TRACE(bytes.toStdString());
+        test::TemporaryNotesFolder folder;
+        folder.write(QStringLiteral("a.md"), "a");
+        folder.write(QStringLiteral(".folders.json"), bytes);
+        NoteStore store(folder.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+        ASSERT_TRUE(store.folderMetadataError());
+        EXPECT_TRUE(store.folderMetadataError()->description().contains(QStringLiteral(".folders.json")));
+        QStringList problems;
+        QObject::connect(&store, &NoteStore::problemOccurred, [&](const QString& m) { problems.append(m); });
+        EXPECT_FALSE(store.createFolder(QStringLiteral("New"), std::nullopt));
+        store.setFavorite(true, folder.filePath("a.md"));
+        store.deleteNotes({folder.filePath("a.md")});
+        EXPECT_EQ(problems.size(), 2);
+        EXPECT_EQ(folder.read(QStringLiteral(".folders.json")), bytes);
+    }
 }
 
 }  // namespace

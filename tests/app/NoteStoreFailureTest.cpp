@@ -5,11 +5,14 @@
 #include <QFile>
 #include <QProcess>
 #include <QSignalSpy>
+#include <QTest>
 #include <QThreadPool>
 
 #include "AppTestSupport.h"
+#include "EditorPane.h"
 #include "FaultyFileAccess.h"
 #include "LaunchNotices.h"
+#include "MarkdownTextView.h"
 #include "MeetingNoteWriter.h"
 #include "NoteListCache.h"
 #include "NoteStore.h"
@@ -490,6 +493,41 @@ TEST_F(NoteStoreFailureTest, AFirstStartShowsTheListingThenFillsItInWithoutLosin
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Plans.md")), QStringLiteral("# Plans for the week\nmonday: write\ntuesday: read"));
     (void)store->prepareForQuit();
     EXPECT_TRUE(QFile::exists(NoteListCache::pathFor(folder.path())));
+}
+
+// A note opened during a first start's details read, changed by an agent
+// before the read reached it: the read's text reaches the open editor, and
+// typing goes on from it instead of writing the older text back.
+TEST_F(NoteStoreFailureTest, ANoteOpenedDuringTheDetailsReadTakesTheTextTheReadFound) {
+    folder.write(QStringLiteral("Plan.md"), "# Plan\nold line");
+    NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = false, .welcomeIconPng = {}};
+    options.usesNoteListCache = true;
+    options.fileAccess = [this](const QString& directory) {
+        files = std::make_shared<test::FaultyFileAccess>(directory);
+        return files;
+    };
+    auto store = std::make_unique<NoteStore>(folder.path(), options);
+    EditorPane pane(*store);
+    files->holdListings();
+    store->loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return files->listingsWaiting() == 1; }));
+    files->releaseOneListing();
+    ASSERT_TRUE(test::waitUntil([&] { return !store->isLoadingInitialNotes() && files->listingsWaiting() == 1; }));
+    store->select(url("Plan.md"));
+    MarkdownTextView* editor = pane.markdownEditor();
+    ASSERT_EQ(editor->markdown(), QStringLiteral("# Plan\nold line"));
+
+    test::spin(20);
+    folder.write(QStringLiteral("Plan.md"), "# Plan\nthe agent's line");
+    files->releaseListings();
+    ASSERT_TRUE(test::waitUntil([&] { return !store->isReadingNoteDetails(); }));
+    EXPECT_EQ(editor->markdown(), QStringLiteral("# Plan\nthe agent's line"));
+    QTextCursor end = editor->textCursor();
+    end.movePosition(QTextCursor::End);
+    editor->setTextCursor(end);
+    QTest::keyClicks(editor, QStringLiteral(", kept"));
+    ASSERT_TRUE(store->flushPendingSaves());
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Plan.md")), QStringLiteral("# Plan\nthe agent's line, kept"));
 }
 
 }  // namespace

@@ -4,10 +4,12 @@
 #include <QElapsedTimer>
 #include <QFile>
 #include <QProcess>
+#include <QSignalSpy>
 
 #include "AppTestSupport.h"
 #include "MeetingNoteWriter.h"
 #include "NoteFileImporter.h"
+#include "NoteListCache.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
 
@@ -194,6 +196,7 @@ TEST_F(NoteStoreTest, ActivatingAnotherFolderFollowsRelocatedNotes) {
     store->setBody(url("a.md"), QStringLiteral("edited before the move"));
     // What the storage coordinator does: flush, move the files, switch the library.
     ASSERT_TRUE(store->flushPendingSaves());
+    QSignalSpy selectionChanges(store.get(), &NoteStore::selectionChanged);
     test::TemporaryNotesFolder moved;
     moved.write(QStringLiteral("a.md"), folder.read(QStringLiteral("a.md")));
     ASSERT_TRUE(store->activateDirectory(moved.path(), {{url("a.md"), moved.filePath("a.md")}}));
@@ -201,6 +204,28 @@ TEST_F(NoteStoreTest, ActivatingAnotherFolderFollowsRelocatedNotes) {
     EXPECT_EQ(store->selection(), moved.filePath("a.md"));
     EXPECT_EQ(store->body(moved.filePath("a.md")), QStringLiteral("edited before the move"));
     EXPECT_EQ(store->resolveNoteID(url("a.md")), moved.filePath("a.md"));
+    EXPECT_EQ(selectionChanges.count(), 1) << "an editor still showing the old place would type into nothing";
+}
+
+// An editor whose text is older than its note (it never took a change) must
+// not win with its next keystroke: both texts are kept, the file untouched.
+TEST_F(NoteStoreTest, AnEditorChangeMadeOnOlderTextBecomesAConflict) {
+    folder.write(QStringLiteral("a.md"), "the agent's newer text");
+    auto store = openStore();
+    store->applyEditorChange(url("a.md"), QStringLiteral("what the editor showed"),
+                             QStringLiteral("what the editor showed, typed on"));
+    ASSERT_TRUE(store->conflict(url("a.md")));
+    EXPECT_EQ(store->conflict(url("a.md"))->disk.content, QStringLiteral("the agent's newer text"));
+    EXPECT_EQ(store->conflict(url("a.md"))->userContent, QStringLiteral("what the editor showed, typed on"));
+    EXPECT_FALSE(store->hasPendingSaves());
+    test::spin(400);
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("a.md")), QStringLiteral("the agent's newer text"));
+    // Typing on the current text is an ordinary edit.
+    store->reloadConflict(url("a.md"));
+    store->applyEditorChange(url("a.md"), QStringLiteral("the agent's newer text"), QStringLiteral("the agent's newer text!"));
+    EXPECT_FALSE(store->conflict(url("a.md")));
+    ASSERT_TRUE(store->flushPendingSaves());
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("a.md")), QStringLiteral("the agent's newer text!"));
 }
 
 TEST(Diagnostics, UserPathsAreHidden) {
@@ -262,6 +287,26 @@ TEST_F(NoteStoreTest, WelcomeNoteOnlyInAnEmptyLibrary) {
     test::TemporaryNotesFolder empty;
     NoteStore without(empty.path(), {.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
     EXPECT_TRUE(without.notes().empty());
+
+    // The list cache says "empty" but notes arrived since (synced, copied in): no welcome note among them.
+    test::TemporaryNotesFolder synced;
+    ASSERT_TRUE(NoteListCache::save(synced.path(), {}));
+    synced.write(QStringLiteral("From the other laptop.md"), "# From the other laptop");
+    NoteStore::Options cached{.createsWelcomeNote = true, .loadsNotesSynchronously = false, .welcomeIconPng = {}};
+    cached.usesNoteListCache = true;
+    NoteStore fromCache(synced.path(), cached);
+    fromCache.loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return fromCache.notes().size() == 1; }));
+    test::spin(300);
+    EXPECT_EQ(fromCache.notes().size(), 1u);
+    EXPECT_FALSE(synced.exists(QStringLiteral("Welcome to Mossly.md")));
+    // An empty cache of a folder that really is empty still greets.
+    test::TemporaryNotesFolder fresh;
+    ASSERT_TRUE(NoteListCache::save(fresh.path(), {}));
+    NoteStore greeted(fresh.path(), cached);
+    greeted.loadInitialNotes();
+    ASSERT_TRUE(test::waitUntil([&] { return greeted.notes().size() == 1; }));
+    EXPECT_TRUE(fresh.exists(QStringLiteral("Welcome to Mossly.md")));
 }
 
 TEST_F(NoteStoreTest, ImportCopiesNotesUnderUniqueNamesAndReportsFailures) {

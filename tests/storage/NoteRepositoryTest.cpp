@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QFile>
+#include <QJsonDocument>
 #include <csignal>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include "AtomicFile.h"
 #include "NoteFileLock.h"
 #include "NoteRepository.h"
+#include "SketchDocumentCodec.h"
 #include "TestSupport.h"
 
 namespace mossly {
@@ -69,6 +71,19 @@ TEST_F(NoteRepositoryTest, CreateWritesTheDocumentAndReadsItBack) {
     EXPECT_EQ(read->url, folder.filePath("Standup.md"));
     // A caller's non-meeting field is written, then kept as an unrelated line.
     EXPECT_EQ(read->document.frontMatterFields.count("status"), 0u);
+}
+
+// A blank new sketch is an empty drawing on disk, for a person's and an agent's alike.
+TEST_F(NoteRepositoryTest, ABlankNewSketchIsAnEmptyDrawing) {
+    for (const NoteEditor& editor : {NoteEditor::human(), NoteEditor::agent(QStringLiteral("codex"))}) {
+        auto created = repository.create(QStringLiteral("Untitled"), QString(), editor, NoteContentType::sketch, {});
+        ASSERT_TRUE(created);
+        const QJsonDocument onDisk = QJsonDocument::fromJson(folder.read(created->identifier));
+        ASSERT_TRUE(onDisk.isObject()) << folder.read(created->identifier).toStdString();
+        EXPECT_EQ(onDisk[QStringLiteral("tldrawFileFormatVersion")].toInt(), 1);
+        EXPECT_EQ(QJsonDocument::fromJson(created->document.body.toUtf8()),
+                  QJsonDocument::fromJson(SketchDocumentCodec::emptyDocument().toUtf8()));
+    }
 }
 
 TEST_F(NoteRepositoryTest, CreateRejectsReservedAndMalformedKeysWritingNothing) {

@@ -37,6 +37,7 @@ Result<FolderMetadata> FolderMetadata::load(const QString& notesDirectory) {
         return fail(folderFileError(QStringLiteral("expected \"folders\" and \"noteAssignments\"")));
     }
     for (const QJsonValue& value : root.value(u"folders").toArray()) {
+        if (!value.isObject()) return fail(folderFileError(QStringLiteral("bad folder entry")));
         const QJsonObject object = value.toObject();
         NoteFolder folder;
         const auto id = uuidFrom(object.value(u"id"));
@@ -47,8 +48,11 @@ Result<FolderMetadata> FolderMetadata::load(const QString& notesDirectory) {
             folder.parentID = uuidFrom(object.value(u"parentID"));
             if (!folder.parentID) return fail(folderFileError(QStringLiteral("bad parentID")));
         }
-        if (object.value(u"sourceIdentifier").isString()) {
-            folder.sourceIdentifier = object.value(u"sourceIdentifier").toString();
+        // A value of another type would be lost at the next write: the file is not ours to read.
+        if (const QJsonValue source = object.value(u"sourceIdentifier"); source.isString()) {
+            folder.sourceIdentifier = source.toString();
+        } else if (!source.isUndefined() && !source.isNull()) {
+            return fail(folderFileError(QStringLiteral("bad sourceIdentifier")));
         }
         metadata.folders.push_back(std::move(folder));
     }
@@ -58,7 +62,12 @@ Result<FolderMetadata> FolderMetadata::load(const QString& notesDirectory) {
         if (!id) return fail(folderFileError(QStringLiteral("bad assignment for ") + it.key()));
         metadata.noteAssignments.insert(it.key(), *id);
     }
-    for (const QJsonValue& name : root.value(u"favoriteNoteNames").toArray()) {
+    const QJsonValue favorites = root.value(u"favoriteNoteNames");  // absent in files older than favourites
+    if (!favorites.isUndefined() && !favorites.isArray()) {
+        return fail(folderFileError(QStringLiteral("expected \"favoriteNoteNames\" to be a list")));
+    }
+    for (const QJsonValue& name : favorites.toArray()) {
+        if (!name.isString()) return fail(folderFileError(QStringLiteral("bad favourite")));
         metadata.favoriteNoteNames.insert(name.toString());
     }
     metadata.otherKeys = root;

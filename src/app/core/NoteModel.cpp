@@ -79,4 +79,19 @@ Note noteListEntryFromStored(const StoredNote& stored) {
     return note;
 }
 
+std::optional<QString> conflictCopyStamp(const QString& fileName) {
+    static const QRegularExpression pattern(QStringLiteral(R"( \(Conflict ([^()]+)\)(?:-\d+)?\.[^.]+$)"));
+    const QRegularExpressionMatch match = pattern.match(fileName);
+    if (!match.hasMatch()) return std::nullopt;
+    return match.captured(1);
+}
+
+QString conflictCopyName(const QString& identifier, const QString& stamp, int counter) {
+    const qsizetype dot = identifier.lastIndexOf(u'.');
+    const QString base = identifier.left(dot);
+    const QString extension = identifier.mid(dot + 1);
+    return counter == 1 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
+                        : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+}
+
 }  // namespace mossly

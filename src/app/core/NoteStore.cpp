@@ -255,8 +255,11 @@ void NoteStore::loadNoteDetails() {
         });
 }
 
-// The notes of a library read from disk, merged with those in memory (see applyLibrary).
-std::vector<Note> NoteStore::mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration) const {
+// The notes of a library read from disk, merged with those in memory (see
+// applyLibrary). `replacedTexts` receives the notes whose text an editor may
+// show and that now hold what the disk says instead.
+std::vector<Note> NoteStore::mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration,
+                                               QStringList& replacedTexts) const {
     std::vector<Note> merged;
     merged.reserve(loadedNotes.size() + notes_.size());
     // Both sides may hold the whole library: look notes up by URL, not by walking the list.
@@ -275,6 +278,7 @@ std::vector<Note> NoteStore::mergedWithCurrent(std::vector<Note> loadedNotes, qu
             continue;
         }
         if (!current && trashedAt_.value(loaded.identifier) > startGeneration) continue;
+        if (current && current->bodyLoaded) replacedTexts.append(loaded.url);
         merged.push_back(std::move(loaded));
     }
     for (const Note& current : notes_) {
@@ -293,10 +297,11 @@ std::vector<Note> NoteStore::mergedWithCurrent(std::vector<Note> loadedNotes, qu
 // on disk is never dropped.
 void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
     if (library.listingError) emit problemOccurred(library.listingError->description());
+    QStringList replacedTexts;
     if (notes_.empty() && trashedAt_.isEmpty()) {
         notes_ = std::move(library.notes);  // nothing here yet to merge with
     } else {
-        notes_ = mergedWithCurrent(std::move(library.notes), startGeneration);
+        notes_ = mergedWithCurrent(std::move(library.notes), startGeneration, replacedTexts);
     }
     sortNotes();
     setUnreadableNotes(std::move(library.unreadable));
@@ -321,10 +326,17 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
     emit notesChanged();
     emit foldersChanged();
     if (wasLoading) emit loadingChanged();
+    // An editor showing one of these must take the file's text before the user types on.
+    for (const QString& url : std::as_const(replacedTexts)) emit noteContentChanged(url);
     if (selection_ && !note(*selection_)) select(std::nullopt);
 
     if (wasLoading && options_.createsWelcomeNote && notes_.empty() && !library.listingError) {
-        createWelcomeNoteIfNeeded();
+        // An empty list from the cache says nothing about the folder: the scan that follows decides.
+        if (library.fromCache) {
+            welcomeNoteAwaitsScan_ = true;
+        } else {
+            createWelcomeNoteIfNeeded();
+        }
     }
     startMonitoring();
     // Indexing reads every note too: it waits for the details, not to halve their pace.
@@ -345,7 +357,8 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
     if (!conflicts_.isEmpty()) return fail(Error::unsavedEdits());
     monitor_.reset();
     for (auto it = relocatedNotes.begin(); it != relocatedNotes.end(); ++it) relocatedNoteIDs_.insert(it.key(), it.value());
-    if (selection_ && relocatedNotes.contains(*selection_)) selection_ = relocatedNotes.value(*selection_);
+    const bool selectionMoves = selection_ && relocatedNotes.contains(*selection_);
+    if (selectionMoves) selection_ = relocatedNotes.value(*selection_);
     directory_ = QDir::cleanPath(directory);
     files_ = options_.fileAccess(directory_);
     notes_.clear();
@@ -357,12 +370,10 @@ Result<void> NoteStore::activateDirectory(const QString& directory, const QHash<
     readingNoteDetails_ = false;
     externalChangesWaiting_ = false;
     diagnostics().addPrivatePath(directory_);
-    return reloadFromDiskPreservingSelection();
-}
-
-Result<void> NoteStore::reloadFromDiskPreservingSelection() {
     ++externalSyncGeneration_;
     applyLibrary(LoadedLibrary::read(*files_), generation_);
+    // Editors follow their note to its new place (an unmoved selection was cleared by the load).
+    if (selectionMoves && selection_) emit selectionChanged();
     return {};
 }
 
@@ -386,9 +397,9 @@ void NoteStore::select(const std::optional<QString>& url) {
     emit selectionChanged();
 }
 
-std::optional<QString> NoteStore::createNote(const QString& content, NoteContentType contentType) {
-    const QString title = content.trimmed().isEmpty() ? QStringLiteral("Untitled") : content.section(u'\n', 0, 0);
-    auto created = files_->create(title, content, contentType);
+std::optional<QString> NoteStore::createNote(const QString& content, NoteContentType contentType,
+                                             const std::optional<QUuid>& folder) {
+    auto created = files_->create(suggestedNoteName(content, contentType), content, contentType);
     if (!created) {
         diagnostics().event(QStringLiteral("Create note failed"), {{"reason", created.error().description()}});
         emit problemOccurred(created.error().description());
@@ -397,6 +408,11 @@ std::optional<QString> NoteStore::createNote(const QString& content, NoteContent
     Note fresh = noteFromStored(*created);
     touch(fresh);
     trashedAt_.remove(fresh.identifier);
+    if (folder && metadata_.folder(*folder) && folderMetadataWritable()) {
+        metadata_.noteAssignments.insert(fresh.fileName(), *folder);
+        writeFolderMetadata();
+        emit foldersChanged();
+    }
     notes_.insert(notes_.begin(), std::move(fresh));
     diagnostics().event(QStringLiteral("Create note"), {{"noteCount", static_cast<qint64>(notes_.size())}});
     emit notesChanged();
@@ -451,6 +467,23 @@ void NoteStore::setBody(const QString& url, const QString& body) {
     }
     if (!pendingBaseRevisions_.contains(url)) pendingBaseRevisions_.insert(url, target->revision);
     scheduleSave(url);
+}
+
+void NoteStore::applyEditorChange(const QString& url, const QString& shownBefore, const QString& body) {
+    if (!isBodyAvailable(url)) return;
+    const Note* target = note(url);
+    if (!target || target->content == shownBefore || conflicts_.contains(url)) {
+        setBody(url, body);
+        return;
+    }
+    // Every change of a note's text is announced, so this is a fault: keep both.
+    diagnostics().event(QStringLiteral("Editor text behind its note"));
+    if (pendingBaseRevisions_.contains(url) && !persistPendingSave(url)) {
+        setBody(url, body);  // both texts are this user's own, and the newer one is not on disk yet
+        return;
+    }
+    beginConflict(url, *target, body);
+    setBody(url, body);
 }
 
 void NoteStore::scheduleSave(const QString& url) { startSaveTimer(url, saveDelayMilliseconds); }
@@ -670,10 +703,14 @@ Result<QStringList> NoteStore::saveUnsavedNotesTo(const QString& folder) {
 
 void NoteStore::beginConflict(const QString& url, const StoredNote& disk, const QString& userContent) {
     if (!conflicts_.contains(url) && mergeRecorderBlocks(url, disk, userContent)) return;
+    beginConflict(url, noteFromStored(disk), userContent);
+}
+
+void NoteStore::beginConflict(const QString& url, Note other, const QString& userContent) {
     stopSaveTimer(url);
     pendingBaseRevisions_.remove(url);
     if (saveFailures_.remove(url) > 0) emit saveStateChanged(url);
-    conflicts_.insert(url, NoteConflict{noteFromStored(disk), userContent});
+    conflicts_.insert(url, NoteConflict{std::move(other), userContent});
     diagnostics().event(QStringLiteral("Concurrent note edit detected"));
     emit conflictsChanged();
 }
@@ -706,17 +743,12 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
     auto span = diagnostics().span(QStringLiteral("Preserve conflict copy"));
 
     const QString identifier = original->identifier;
-    const qsizetype dot = identifier.lastIndexOf(u'.');
-    const QString base = identifier.left(dot);
-    const QString extension = identifier.mid(dot + 1);
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     const QString text = original->fileText(conflict->userContent);
     const QDeadlineTimer deadline(busyPatience);
     Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-        const QString name = counter == 1
-                                 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
-                                 : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+        const QString name = conflictCopyName(identifier, stamp, counter);
         copy = files_->createAt(name, text);
         while (!copy && copy.error().code() == Error::Code::busy && !deadline.hasExpired()) {
             QThread::msleep(50);
@@ -731,6 +763,12 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
     }
     Note copied = noteFromStored(*copy);
     touch(copied);
+    // The copy sits beside its note in the list the user is looking at.
+    if (const auto folder = folderOf(url); folder && folderMetadataWritable()) {
+        metadata_.noteAssignments.insert(copied.fileName(), *folder);
+        writeFolderMetadata();
+        emit foldersChanged();
+    }
     notes_.push_back(std::move(copied));
     diagnostics().event(QStringLiteral("Conflict copy preserved"));
     reloadConflict(url);

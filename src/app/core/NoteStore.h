@@ -153,13 +153,20 @@ public:
     // Note files that could not be read, by identifier, as of the last load or scan.
     const std::vector<UnreadableNote>& unreadableNotes() const { return unreadableNotes_; }
     const Note* note(const QString& url) const;
-    std::optional<QString> createNote(const QString& content, NoteContentType contentType);
+    // A new note, selected; with `folder`, it is in that folder before anyone sees it.
+    std::optional<QString> createNote(const QString& content, NoteContentType contentType,
+                                      const std::optional<QUuid>& folder = std::nullopt);
     // The editor binding: the body (read from disk the first time a note is
     // opened), and a change to it. A note whose body cannot be read cannot be
     // changed either.
     QString body(const QString& url);
     bool isBodyAvailable(const QString& url);
     void setBody(const QString& url, const QString& body);
+    // An editor's change: `shownBefore` is the text the editor showed when the
+    // user changed it. When the note no longer holds that text (it changed
+    // under the editor, which never took the new text), the edit cannot win:
+    // the note's text and the editor's are both kept, as a conflict.
+    void applyEditorChange(const QString& url, const QString& shownBefore, const QString& body);
     void deleteNotes(const QSet<QString>& urls);
     std::optional<QString> resolveNoteID(const QString& url) const;
 
@@ -249,8 +256,10 @@ private:
     void forgetUnsavedState(const QString& url);
     Result<void> restoreDeletedNote(const QString& url);
     void beginConflict(const QString& url, const StoredNote& disk, const QString& userContent);
+    void beginConflict(const QString& url, Note other, const QString& userContent);
     bool mergeRecorderBlocks(const QString& url, const StoredNote& disk, const QString& userContent);
     void scheduleExternalChanges();
+    QHash<QString, FileTime> knownModificationDates() const;
     void applyExternalChanges(Scan scan, quint64 startGeneration);
     void refreshSearchIndexInBackground();
     void runSearch();
@@ -265,7 +274,8 @@ private:
     void setUnreadableNotes(std::vector<UnreadableNote> unreadable);
     void saveNoteListCache(bool now);
     void loadNoteDetails();
-    std::vector<Note> mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration) const;
+    std::vector<Note> mergedWithCurrent(std::vector<Note> loadedNotes, quint64 startGeneration,
+                                        QStringList& replacedTexts) const;
     QUuid ensureImportedFolder(const QString& name, const QString& sourceIdentifier, const std::optional<QUuid>& parent);
 
     QString directory_;
@@ -284,6 +294,7 @@ private:
     // A first start shows the folder listing, then reads every note for its details.
     bool readingNoteDetails_ = false;
     bool externalChangesWaiting_ = false;
+    bool welcomeNoteAwaitsScan_ = false;  // the list came from an empty cache
     bool didStartInitialLoad_ = false;
     std::optional<QString> selection_;
 

@@ -1,5 +1,6 @@
 #include <QTimer>
 #include <cerrno>
+#include <utility>
 
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
@@ -17,9 +18,63 @@ constexpr int unavailableRecheckMilliseconds = 2000;
 struct NoteStore::Scan {
     bool available = true;  // false: the folder was missing or unreadable, which says nothing about its notes
     QSet<QString> present;  // identifiers of every note file seen
-    std::vector<StoredNote> loaded;  // new files, and files whose modification date changed
+    std::vector<StoredNote> loaded;  // new files, and files whose modification date differs from `known`
     std::vector<UnreadableNote> unreadable;
+
+    // Safe on any thread: reads only what is new or changed.
+    static Scan read(const NoteFileAccess& files, const QHash<QString, FileTime>& known) {
+        Scan scan;
+        auto listing = files.directoryAvailable() ? files.enumerateMetadata()
+                                                  : fail(Error::system(ENOENT, files.directory()));
+        if (!listing) {
+            scan.available = false;
+            return scan;
+        }
+        for (const NoteFileMetadata& entry : *listing) {
+            scan.present.insert(entry.identifier);
+            const auto it = known.constFind(entry.identifier);
+            if (it != known.cend() && *it == entry.modifiedAt) continue;  // unchanged: not read
+            auto stored = files.read(entry.identifier);
+            if (stored) {
+                scan.loaded.push_back(std::move(*stored));
+            } else if (stored.error().code() != Error::Code::notFound) {
+                scan.unreadable.push_back({entry.identifier, stored.error().description()});
+                if (it == known.cend()) scan.present.remove(entry.identifier);  // not shown
+            }
+        }
+        return scan;
+    }
 };
+
+QHash<QString, FileTime> NoteStore::knownModificationDates() const {
+    QHash<QString, FileTime> known;
+    known.reserve(static_cast<qsizetype>(notes_.size()));
+    for (const Note& n : notes_) known.insert(n.identifier, n.modifiedAt);
+    // Unreadable files are read again on every scan: fixing one is a change the user expects to see.
+    for (const UnreadableNote& unreadable : unreadableNotes_) known.remove(unreadable.identifier);
+    return known;
+}
+
+// After an import wrote into the folder: the same reconciliation as for any
+// change made elsewhere, at once. An open note takes the new text, one with
+// unsaved words becomes a conflict; a scan in flight is superseded by this one.
+Result<void> NoteStore::reloadFromDiskPreservingSelection() {
+    if (isLoadingInitialNotes_ || readingNoteDetails_) {
+        scheduleExternalChanges();  // the load in flight reads the folder as it is now
+        return {};
+    }
+    ++externalSyncGeneration_;
+    applyExternalChanges(Scan::read(*files_, knownModificationDates()), generation_);
+    if (auto metadata = files_->loadFolderMetadata()) {
+        metadata_ = std::move(*metadata);
+        metadataError_.reset();
+    } else {
+        metadataError_ = metadata.error();  // never written over; folder changes are refused
+        emit problemOccurred(metadata.error().description());
+    }
+    emit foldersChanged();
+    return {};
+}
 
 // Something changed in the notes folder. Only files that are new or whose
 // modification date differs from the note in memory are read, in the
@@ -32,35 +87,9 @@ void NoteStore::scheduleExternalChanges() {
     }
     const quint64 scanGeneration = ++externalSyncGeneration_;
     const quint64 start = generation_;
-    QHash<QString, FileTime> known;
-    for (const Note& n : notes_) known.insert(n.identifier, n.modifiedAt);
-    // Unreadable files are read again on every scan: fixing one is a change the user expects to see.
-    for (const UnreadableNote& unreadable : unreadableNotes_) known.remove(unreadable.identifier);
     const std::shared_ptr<NoteFileAccess> files = files_;
     runInBackground(
-        this,
-        [files, known] {
-            Scan scan;
-            auto listing = files->directoryAvailable() ? files->enumerateMetadata()
-                                                       : fail(Error::system(ENOENT, files->directory()));
-            if (!listing) {
-                scan.available = false;
-                return scan;
-            }
-            for (const NoteFileMetadata& entry : *listing) {
-                scan.present.insert(entry.identifier);
-                const auto it = known.constFind(entry.identifier);
-                if (it != known.cend() && *it == entry.modifiedAt) continue;  // unchanged: not read
-                auto stored = files->read(entry.identifier);
-                if (stored) {
-                    scan.loaded.push_back(std::move(*stored));
-                } else if (stored.error().code() != Error::Code::notFound) {
-                    scan.unreadable.push_back({entry.identifier, stored.error().description()});
-                    if (it == known.cend()) scan.present.remove(entry.identifier);  // not shown
-                }
-            }
-            return scan;
-        },
+        this, [files, known = knownModificationDates()] { return Scan::read(*files, known); },
         [this, scanGeneration, start, files](Scan scan) {
             if (scanGeneration != externalSyncGeneration_ || files != files_) return;  // superseded
             applyExternalChanges(std::move(scan), start);
@@ -153,6 +182,10 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
     }
     if (lookAgain) QTimer::singleShot(saveDelayMilliseconds, this, &NoteStore::scheduleExternalChanges);
 
+    if (std::exchange(welcomeNoteAwaitsScan_, false) && scan.present.isEmpty() && scan.unreadable.empty() &&
+        notes_.empty()) {
+        createWelcomeNoteIfNeeded();
+    }
     const int removedCount = static_cast<int>(removed.size());
     if (!confirmedGone.isEmpty()) dropFolderMetadataFor(confirmedGone);
     if (added + updated + removedCount + conflicts == 0) return;

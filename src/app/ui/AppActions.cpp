@@ -43,6 +43,17 @@ QAction* addAction(QMenu* menu, const QString& text, const QKeySequence& shortcu
 // Formatting commands act on the focused Markdown editor; without one they are disabled.
 MarkdownTextView* focusedMarkdownEditor() { return qobject_cast<MarkdownTextView*>(QApplication::focusWidget()); }
 
+// The pane of the window the user is in: a note window's, else the library window's.
+EditorPane* activeEditorPane(MainWindow& window) {
+    for (QWidget* widget = QApplication::focusWidget(); widget; widget = widget->parentWidget()) {
+        if (auto* pane = qobject_cast<EditorPane*>(widget)) return pane;
+    }
+    if (QWidget* active = QApplication::activeWindow(); active && active != &window) {
+        if (auto* pane = active->findChild<EditorPane*>()) return pane;
+    }
+    return window.editorPane();
+}
+
 void installFormatMenu(MainWindow& window) {
     using markdown::FormattingAction;
     QMenu* format = window.menuBar()->addMenu(QObject::tr("F&ormat"));
@@ -76,7 +87,7 @@ void installFormatMenu(MainWindow& window) {
     format->addSeparator();
     QAction* split = addAction(format, QObject::tr("Split Mode"), QKeySequence(QStringLiteral("Ctrl+Alt+S")));
     split->setCheckable(true);
-    QObject::connect(split, &QAction::toggled, &window, [&window](bool on) { window.editorPane()->setHtmlSplitMode(on); });
+    QObject::connect(split, &QAction::toggled, &window, [&window](bool on) { activeEditorPane(window)->setHtmlSplitMode(on); });
     QObject::connect(qApp, &QApplication::focusChanged, &window, update);
     update();
 }
@@ -94,10 +105,12 @@ void showImportReport(QWidget* parent, const NoteFileImportReport& report) {
 
 void installAppActions(MainWindow& window, NoteStore& store) {
     QMenu* file = window.menuBar()->addMenu(QObject::tr("&File"));
+    // A note made while a folder is shown goes into it, so it is in the list the user is looking at.
+    const auto createIn = [&window](NoteContentType type) { window.createNoteHere({}, type); };
     QObject::connect(addAction(file, QObject::tr("New Note"), QKeySequence(QStringLiteral("Ctrl+N"))),
-                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::markdown); });
+                     &QAction::triggered, &store, [createIn] { createIn(NoteContentType::markdown); });
     QObject::connect(addAction(file, QObject::tr("New Sketch"), QKeySequence(QStringLiteral("Shift+Ctrl+N"))),
-                     &QAction::triggered, &store, [&store] { store.createNote({}, NoteContentType::sketch); });
+                     &QAction::triggered, &store, [createIn] { createIn(NoteContentType::sketch); });
     file->addSeparator();
     QObject::connect(addAction(file, QObject::tr("Import Note Files…")), &QAction::triggered, &window,
                      [&window, &store] {
@@ -124,9 +137,32 @@ void installAppActions(MainWindow& window, NoteStore& store) {
                      });
     QObject::connect(&store, &NoteStore::importFinished, &window,
                      [&window](const NoteFileImportReport& report) { showImportReport(&window, report); });
-    QObject::connect(addAction(file, QObject::tr("Show Notes Folder")), &QAction::triggered, &store,
-                     [&store] { QDesktopServices::openUrl(QUrl::fromLocalFile(store.directory())); });
+    QObject::connect(addAction(file, QObject::tr("Show Notes Folder")), &QAction::triggered, &window,
+                     [&window, &store] {
+                         if (QDesktopServices::openUrl(QUrl::fromLocalFile(store.directory()))) return;
+                         // No file manager answered: the user still learns where the notes are.
+                         auto* box = new QMessageBox(QMessageBox::Information, QObject::tr("Show Notes Folder"),
+                                                     QObject::tr("No file manager could be started to show the "
+                                                                 "notes folder. Your notes are in:\n%1")
+                                                         .arg(QDir::toNativeSeparators(store.directory())),
+                                                     QMessageBox::Ok, &window);
+                         box->setObjectName(QStringLiteral("notesFolderMessage"));
+                         box->setTextInteractionFlags(Qt::TextSelectableByMouse);
+                         box->setAttribute(Qt::WA_DeleteOnClose);
+                         box->open();
+                     });
     file->addSeparator();
+    // Closes the window the user is in; closing the library window quits, as its close button does.
+    QAction* close = addAction(file, QObject::tr("Close Window"));
+    // Ctrl+W on every desktop, whatever key scheme the platform theme reports.
+    QList<QKeySequence> closeKeys = QKeySequence::keyBindings(QKeySequence::Close);
+    if (!closeKeys.contains(QKeySequence(QStringLiteral("Ctrl+W")))) closeKeys.prepend(QKeySequence(QStringLiteral("Ctrl+W")));
+    close->setShortcuts(closeKeys);
+    QObject::connect(close, &QAction::triggered, &window,
+                     [&window] {
+                         QWidget* active = QApplication::activeWindow();
+                         (active ? active : &window)->close();
+                     }, Qt::QueuedConnection);
     // Quitting is closing the library window: the app's lifecycle then saves first.
     QAction* quit = addAction(file, QObject::tr("Quit"), QKeySequence::Quit);
     QObject::connect(quit, &QAction::triggered, &window, &QWidget::close, Qt::QueuedConnection);
@@ -157,20 +193,19 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QAction* bigger = addAction(view, QObject::tr("Make Text Bigger"), QKeySequence(QStringLiteral("Ctrl++")));
     bigger->setShortcuts({QKeySequence(QStringLiteral("Ctrl++")), QKeySequence(QStringLiteral("Ctrl+="))});
     QAction* smaller = addAction(view, QObject::tr("Make Text Smaller"), QKeySequence(QStringLiteral("Ctrl+-")));
+    // One text size for every window showing notes.
     const auto applySize = [&window](qreal delta) {
-        QSettings settings;
-        const qreal size = std::clamp(settings.value(fontSizeKey, defaultFontSize).toReal() + delta, minimumFontSize,
-                                      maximumFontSize);
-        settings.setValue(fontSizeKey, size);
-        window.editorPane()->setFontPointSize(size);
+        const qreal size = std::clamp(editorFontSize() + delta, minimumFontSize, maximumFontSize);
+        QSettings().setValue(fontSizeKey, size);
+        for (EditorPane* pane : window.findChildren<EditorPane*>()) pane->setFontPointSize(size);
     };
     view->addSeparator();
     QAction* source = view->addAction(QObject::tr("Show Markdown Source"));
     source->setCheckable(true);
     source->setShortcut(QKeySequence(QStringLiteral("Ctrl+Shift+M")));
     QObject::connect(source, &QAction::toggled, &window, [&window](bool showSource) {
-        window.editorPane()->markdownEditor()->setPresentation(showSource ? markdown::Presentation::source
-                                                                          : markdown::Presentation::styled);
+        activeEditorPane(window)->markdownEditor()->setPresentation(showSource ? markdown::Presentation::source
+                                                                               : markdown::Presentation::styled);
     });
     QAction* linkPreviews = view->addAction(QObject::tr("Link Previews"));
     linkPreviews->setCheckable(true);
@@ -206,6 +241,15 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QAction* updates = help->addAction(QObject::tr("Check for Updates…"));
     updates->setEnabled(false);
     updates->setStatusTip(QObject::tr("Updates come from your system's package manager."));
+    makeShortcutsApplicationWide(window);
 }
+
+void makeShortcutsApplicationWide(MainWindow& window) {
+    for (QAction* action : window.menuBar()->findChildren<QAction*>()) {
+        if (!action->shortcut().isEmpty()) action->setShortcutContext(Qt::ApplicationShortcut);
+    }
+}
+
+qreal editorFontSize() { return QSettings().value(fontSizeKey, defaultFontSize).toReal(); }
 
 }  // namespace mossly

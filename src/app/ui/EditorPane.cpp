@@ -5,6 +5,7 @@
 #include <QPushButton>
 #include <QStackedWidget>
 #include <QVBoxLayout>
+#include <utility>
 
 #include "EditorTextSync.h"
 #include "HtmlNoteView.h"
@@ -54,11 +55,13 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     connect(retry_, &QPushButton::clicked, this, [this] { store_.retrySave(url_); });
     connect(markdownEditor_, &MarkdownTextView::markdownEdited, this, [this](const QString& text) {
         if (url_.isEmpty()) return;
-        shownMarkdown_ = text;
-        store_.setBody(url_, text);
+        store_.applyEditorChange(url_, std::exchange(shownMarkdown_, text), text);
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
+    // Links may reach any file of the library, not only the note's own folder.
+    markdownEditor_->setNotesFolder(store_.directory());
+    connect(&store_, &NoteStore::notesChanged, this, [this] { markdownEditor_->setNotesFolder(store_.directory()); });
     connect(markdownEditor_, &MarkdownTextView::insertRefused, &store_, &NoteStore::problemOccurred);
     connect(markdownEditor_, &MarkdownTextView::noteFilesDropped, &store_, &NoteStore::importNoteFiles);
     markdownEditor_->setNoteTitles([this](const QString& url) {
@@ -136,6 +139,7 @@ void EditorPane::showNote(const QString& url) {
                 connect(htmlView_, &HtmlNoteView::openNoteRequested, this, [this](const QString& path) {
                     if (const auto url = store_.resolveNoteID(path)) store_.select(*url);
                 });
+                connect(htmlView_, &HtmlNoteView::refusedLink, &store_, &NoteStore::problemOccurred);
             }
             htmlView_->showNote(note->url);
             stack_->setCurrentWidget(htmlView_);

@@ -1,5 +1,7 @@
 #include "LibrarySidebar.h"
 
+#include <QKeyEvent>
+#include <QLabel>
 #include <QLineEdit>
 #include <QListView>
 #include <QMenu>
@@ -9,6 +11,7 @@
 #include "LibraryTree.h"
 #include "NoteListDelegate.h"
 #include "NoteListModel.h"
+#include "NoteListView.h"
 #include "NoteStore.h"
 
 namespace mossly {
@@ -20,7 +23,7 @@ LibrarySidebar::LibrarySidebar(NoteStore& store, QWidget* parent) : QWidget(pare
     search_->setClearButtonEnabled(true);
     tree_ = new LibraryTree(store_, this);
     model_ = new NoteListModel(store_, this);
-    list_ = new QListView(this);
+    list_ = new NoteListView(this);
     list_->setObjectName(QStringLiteral("noteList"));
     list_->setModel(model_);
     list_->setItemDelegate(new NoteListDelegate(list_));
@@ -51,6 +54,48 @@ LibrarySidebar::LibrarySidebar(NoteStore& store, QWidget* parent) : QWidget(pare
     });
     connect(&store_, &NoteStore::selectionChanged, this, &LibrarySidebar::followSelection);
     connect(model_, &QAbstractItemModel::modelReset, this, &LibrarySidebar::followSelection);
+
+    // A search that finds nothing says so, and Escape takes it back.
+    emptyState_ = new QLabel(list_->viewport());
+    emptyState_->setObjectName(QStringLiteral("noteListEmptyState"));
+    emptyState_->setAlignment(Qt::AlignCenter);
+    emptyState_->setWordWrap(true);
+    emptyState_->setEnabled(false);
+    emptyState_->hide();
+    search_->installEventFilter(this);
+    list_->viewport()->installEventFilter(this);
+    connect(search_, &QLineEdit::textEdited, this, [this] { searchChoosesNote_ = true; });
+    connect(&store_, &NoteStore::searchChanged, this, &LibrarySidebar::searchSettled);
+    connect(model_, &QAbstractItemModel::modelReset, this, &LibrarySidebar::updateEmptyState);
+}
+
+bool LibrarySidebar::eventFilter(QObject* watched, QEvent* event) {
+    if (watched == search_ && event->type() == QEvent::KeyPress &&
+        static_cast<QKeyEvent*>(event)->key() == Qt::Key_Escape && !search_->text().isEmpty()) {
+        search_->clear();
+        return true;
+    }
+    if (watched == list_->viewport() && event->type() == QEvent::Resize) emptyState_->resize(list_->viewport()->size());
+    return QWidget::eventFilter(watched, event);
+}
+
+// Once the results of what the user typed are in, the editor shows a note of
+// the list (the first) or none: never a note the list does not hold.
+void LibrarySidebar::searchSettled() {
+    updateEmptyState();
+    if (!searchChoosesNote_ || store_.isSearching() || !store_.searchResults()) return;
+    searchChoosesNote_ = false;
+    const auto& selection = store_.selection();
+    if (selection && model_->indexOf(*selection).isValid()) return;
+    const QModelIndex first = model_->index(0);
+    store_.select(first.isValid() ? std::optional(first.data(NoteListModel::UrlRole).toString()) : std::nullopt);
+}
+
+void LibrarySidebar::updateEmptyState() {
+    const bool nothingFound = store_.searchResults() && !store_.isSearching() && model_->rowCount() == 0;
+    emptyState_->setText(tr("No notes match \u201C%1\u201D").arg(store_.searchText().trimmed()));
+    emptyState_->resize(list_->viewport()->size());
+    emptyState_->setVisible(nothingFound);
 }
 
 void LibrarySidebar::focusSearch() {
@@ -65,6 +110,10 @@ void LibrarySidebar::followSelection() {
         const QSignalBlocker quiet(list_->selectionModel());
         // Only the selected note looks selected: the one before it does not stay highlighted.
         list_->selectionModel()->setCurrentIndex(index, QItemSelectionModel::ClearAndSelect);
+        list_->viewport()->update();
+    } else if (!index.isValid() && list_->selectionModel()->hasSelection()) {
+        const QSignalBlocker quiet(list_->selectionModel());
+        list_->selectionModel()->clear();  // the open note is not in this list
         list_->viewport()->update();
     }
 }

@@ -2,6 +2,7 @@
 
 #include <QWidget>
 
+class QLabel;
 class QLineEdit;
 class QListView;
 
@@ -27,9 +28,14 @@ signals:
     // The user asked for a note in a window of its own (double click, context menu).
     void openInWindowRequested(const QString& url);
 
+protected:
+    bool eventFilter(QObject* watched, QEvent* event) override;
+
 private:
     void showNoteMenu(const QPoint& position);
     void followSelection();
+    void searchSettled();
+    void updateEmptyState();
     QStringList selectedUrls() const;
 
     NoteStore& store_;
@@ -37,6 +43,8 @@ private:
     LibraryTree* tree_;
     NoteListModel* model_;
     QListView* list_;
+    QLabel* emptyState_;
+    bool searchChoosesNote_ = false;  // the user changed the search; its results pick the note shown
 };
 
 }  // namespace mossly

@@ -4,10 +4,9 @@
 #include <QHeaderView>
 #include <QInputDialog>
 #include <QMenu>
-#include <QMessageBox>
 #include <QMimeData>
-#include <QPushButton>
 
+#include "DeleteFolderDialog.h"
 #include "NoteStore.h"
 
 namespace mossly {
@@ -93,6 +92,8 @@ void LibraryTree::selectFolder(const QUuid& id) {
         if (folderOf(*it) == id) setCurrentItem(*it);
     }
 }
+
+void LibraryTree::showAllNotes() { setCurrentItem(allNotes_); }
 
 void LibraryTree::dragEnterEvent(QDragEnterEvent* event) {
     if (event->mimeData()->hasFormat(QString::fromLatin1(NoteListModel::noteUrlsMimeType))) {
@@ -185,15 +186,7 @@ void LibraryTree::deleteFolderAsking(const QUuid& id) {
         store_.deleteFolder(id, FolderNoteDisposition::moveOut);
         return;
     }
-    QMessageBox box(QMessageBox::Question, tr("Move Notes Before Deleting Folder"),
-                    tr("This folder holds notes. Keep them in the library, or move them to the Trash?"),
-                    QMessageBox::Cancel, this);
-    QPushButton* keep = box.addButton(tr("Keep Notes"), QMessageBox::AcceptRole);
-    QPushButton* trash = box.addButton(tr("Move Notes to Trash"), QMessageBox::DestructiveRole);
-    box.setDefaultButton(keep);
-    box.exec();
-    if (box.clickedButton() == keep) store_.deleteFolder(id, FolderNoteDisposition::moveOut);
-    if (box.clickedButton() == trash) store_.deleteFolder(id, FolderNoteDisposition::trash);
+    DeleteFolderDialog(store_, id, this).exec();
 }
 
 }  // namespace mossly

@@ -20,6 +20,7 @@ public:
     LibraryScope currentScope() const;
     std::optional<QUuid> currentFolder() const;
     void selectFolder(const QUuid& id);
+    void showAllNotes();
 
 signals:
     void scopeChanged(const LibraryScope& scope);

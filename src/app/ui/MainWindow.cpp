@@ -19,6 +19,7 @@
 #include "LaunchNotices.h"
 #include "LinkPreviews.h"
 #include "LibrarySidebar.h"
+#include "LibraryTree.h"
 #include "MarkdownTextView.h"
 #include "MeetingRecorder.h"
 #include "MeetingSessionController.h"
@@ -132,6 +133,7 @@ void MainWindow::setMeetingRecorder(MeetingRecorder* recorder) {
     connect(open, &QAction::triggered, recorder, &MeetingRecorder::showWindow);
     connect(stop, &QAction::triggered, recorder, [recorder] { recorder->controller().stop(); });
     connect(recorder, &MeetingRecorder::recordingChanged, stop, &QAction::setEnabled);
+    makeShortcutsApplicationWide(*this);  // Stop Recording from the recorder's own window too
     connect(recorder, &MeetingRecorder::openNoteRequested, this, [this](const QString& path) {
         if (const auto url = store_.resolveNoteID(path)) {
             store_.select(*url);
@@ -147,9 +149,13 @@ bool MainWindow::pasteAsHtmlNote(const QMimeData& data) {
         statusBar()->showMessage(tr("The clipboard holds no HTML to make a note of."), 10000);
         return false;
     }
-    const auto created = store_.createNote(*html, NoteContentType::html);
-    if (created) store_.select(*created);
-    return created.has_value();
+    return createNoteHere(*html, NoteContentType::html).has_value();
+}
+
+std::optional<QString> MainWindow::createNoteHere(const QString& content, NoteContentType contentType) {
+    LibraryTree* tree = sidebar_->tree();
+    if (tree->currentScope().kind == LibraryScope::Kind::favorites) tree->showAllNotes();
+    return store_.createNote(content, contentType, tree->currentFolder());
 }
 
 void MainWindow::updateUnreadableNotice() {
@@ -179,6 +185,7 @@ NoteWindow* MainWindow::openNoteWindow(const QString& url) {
     if (!store_.note(url)) return nullptr;
     auto* window = new NoteWindow(store_, url, this);
     window->editorPane()->markdownEditor()->setLinkPreviews(linkPreviews_);
+    window->editorPane()->setFontPointSize(editorFontSize());  // the same text size as here
     window->show();
     return window;
 }

@@ -1,6 +1,9 @@
 #pragma once
 
 #include <QMainWindow>
+#include <optional>
+
+#include "NoteContentType.h"
 
 class QMimeData;
 class QProgressBar;
@@ -37,6 +40,8 @@ public:
 
     // Creates an HTML note from what the clipboard holds; false when it holds no HTML.
     bool pasteAsHtmlNote(const QMimeData& data);
+    // A new note where the user is looking: in the folder shown, or in the list of all notes.
+    std::optional<QString> createNoteHere(const QString& content, NoteContentType contentType);
 
 protected:
     // Note files dropped on the window are imported (the editors take their own drops).

@@ -7,6 +7,7 @@
 #include <QDateTime>
 #include <QMimeData>
 
+#include "NoteModel.h"
 #include "NoteStore.h"
 
 namespace mossly {
@@ -66,7 +67,13 @@ QVariant NoteListModel::data(const QModelIndex& index, int role) const {
     if (!note) return {};
     switch (role) {
         case Qt::DisplayRole:
-        case TitleRole: return note->title;
+        case TitleRole: {
+            // A conflict copy has its note's words: its title says which it is.
+            if (const auto stamp = conflictCopyStamp(note->fileName())) {
+                return tr("%1 (Conflict copy, %2)").arg(note->title, *stamp);
+            }
+            return note->title;
+        }
         case UrlRole: return note->url;
         case ExcerptRole: {
             const NoteSearchResult* result = store_.searchResult(note->url);

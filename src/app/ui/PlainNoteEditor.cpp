@@ -1,5 +1,7 @@
 #include "PlainNoteEditor.h"
 
+#include <utility>
+
 #include "EditorTextSync.h"
 #include "NoteStore.h"
 
@@ -11,8 +13,8 @@ PlainNoteEditor::PlainNoteEditor(NoteStore& store, QWidget* parent) : QPlainText
     document()->setDocumentMargin(16);
     connect(this, &QPlainTextEdit::textChanged, this, [this] {
         if (loading_ || url_.isEmpty()) return;
-        shownText_ = documentText(*document());
-        store_.setBody(url_, shownText_);
+        const QString text = documentText(*document());
+        store_.applyEditorChange(url_, std::exchange(shownText_, text), text);
     });
     connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
         if (url == url_) reloadText();

@@ -326,10 +326,10 @@ std::optional<TextEdit> insertNewline(const QString& text, TextSelection selecti
 
     const QString indentation = item.captured(1);
     if (item.captured(5).trimmed().isEmpty()) {
-        // Return on an empty item ends the list: the marker goes, no line is added.
-        const int markerStart = start + static_cast<int>(indentation.size());
-        const Rewritten edited = rewrite(text, {{markerStart, end - markerStart, QString()}});
-        return withRenumbering(text, edited, {markerStart, markerStart});
+        // Return on an empty item ends the list: the marker goes with its indentation
+        // (left behind, it would be trailing spaces), and no line is added.
+        const Rewritten edited = rewrite(text, {{start, end - start, QString()}});
+        return withRenumbering(text, edited, {start, start});
     }
     QString marker = item.captured(2);
     if (marker.endsWith(u'.')) marker = QString::number(marker.chopped(1).toLongLong() + 1) + u'.';

@@ -37,7 +37,8 @@ TEST(MarkdownEditing, ReturnContinuesAndEndsLists) {
         {"T\n- [x] done|", "T\n- [x] done\n- [ ] |"},  // a checked item continues unchecked
         {"T\n1. a\n2. b\n3. c|\n4. d", "T\n1. a\n2. b\n3. c\n4. |\n5. d"},
         {"T\n- one\n- |", "T\n- one\n|"},  // an empty item ends the list, no line added
-        {"T\n    - |", "T\n    |"},
+        {"T\n- one\n  - |", "T\n- one\n|"},  // a nested one too, leaving no trailing spaces
+        {"T\n    - |", "T\n|"},
         {"T\nplain|", "<not consumed>"},
     };
     for (const Case& c : cases) {

@@ -160,6 +160,7 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     });
     connect(newMeeting_, &QPushButton::clicked, this, [this] { controller_.reset(); });
     connect(&controller_, &MeetingSessionController::phaseChanged, this, &MeetingRecorderWindow::showPhase);
+    connect(&controller_, &MeetingSessionController::phaseChanged, this, &MeetingRecorderWindow::showTimes);
     connect(&controller_, &MeetingSessionController::segmentsChanged, this, &MeetingRecorderWindow::showTranscript);
     connect(&controller_, &MeetingSessionController::elapsedChanged, this, &MeetingRecorderWindow::showTimes);
     connect(&controller_, &MeetingSessionController::backlogChanged, this, &MeetingRecorderWindow::showTimes);
@@ -237,6 +238,12 @@ void MeetingRecorderWindow::showTranscript() {
 }
 
 void MeetingRecorderWindow::showTimes() {
+    // Nothing is transcribed before a meeting starts: no clock, no word on its health.
+    const MeetingSessionPhase phase = controller_.phase();
+    const bool underway = phase == MeetingSessionPhase::recording || phase == MeetingSessionPhase::paused ||
+                          phase == MeetingSessionPhase::finalizing;
+    times_->setVisible(underway);
+    if (!underway) return;
     const TranscriptionBacklog backlog = controller_.backlog();
     const QString health = backlog.isEmpty()
                                ? QStringLiteral("Transcription healthy")

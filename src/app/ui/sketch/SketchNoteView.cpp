@@ -14,6 +14,7 @@
 #include <QWebEngineScript>
 #include <QWebEngineScriptCollection>
 #include <QWebEngineSettings>
+#include <utility>
 
 #include "Diagnostics.h"
 #include "NoteAssets.h"
@@ -173,9 +174,10 @@ void SketchNoteView::takeEdit(const QString& note, const QString& json) {
     if (note.isEmpty() || !store_.note(note)) return;
     if (note == url_) {
         if (!refusal_.isEmpty() || json == shownText_) return;
-        shownText_ = json;
+        store_.applyEditorChange(note, std::exchange(shownText_, json), json);
+        return;
     }
-    store_.setBody(note, json);
+    store_.setBody(note, json);  // the last strokes of the sketch shown before
 }
 
 }  // namespace mossly

@@ -95,12 +95,16 @@ function loadDocument(note, json, dark, folderUrl) {
     return
   }
   applyingHostDocument = true
+  // A loaded snapshot brings its own instance state, unfocused: tldraw would then
+  // ignore every key (its tools' letters, undo) until the page lost and regained focus.
+  const wasFocused = editor.getInstanceState().isFocused || document.hasFocus()
   try {
     const snapshot = parsed.value.getStoreSnapshot()
     editor.store.mergeRemoteChanges(() => editor.store.loadStoreSnapshot(snapshot))
   } finally {
     applyingHostDocument = false
   }
+  if (wasFocused) editor.updateInstanceState({ isFocused: true })
   setReadOnly(false)
   showNotice('')
   window.mosslyLoads = (window.mosslyLoads || 0) + 1
@@ -135,6 +139,10 @@ function save() {
 }
 
 function connect() {
+  // A click on the canvas is the user turning to it, whatever tldraw last heard of focus.
+  document.addEventListener('pointerdown', () => {
+    if (!editor.getInstanceState().isFocused) editor.updateInstanceState({ isFocused: true })
+  }, true)
   new QWebChannel(qt.webChannelTransport, (channel) => {
     bridge = channel.objects.bridge
     bridge.documentLoaded.connect(loadDocument)
