@@ -46,23 +46,31 @@ MeetingSettings::MeetingSettings(MeetingPreferences& defaults)
       hasAcknowledgedConsent_(defaults.boolean(consentKey).value_or(false)) {}
 
 void MeetingSettings::setSelectedModel(const QString& model) {
+    const bool differs = selectedModel_ != model;
     selectedModel_ = model;
     defaults_.setText(selectedModelKey, model);
+    if (differs) emit changed();
 }
 
 void MeetingSettings::setDefaultProvider(MeetingSummaryProviderKind provider) {
+    const bool differs = defaultProvider_ != provider;
     defaultProvider_ = provider;
     defaults_.setText(defaultProviderKey, rawValue(provider));
+    if (differs) emit changed();
 }
 
 void MeetingSettings::setRetainAudio(bool retain) {
+    const bool differs = retainAudio_ != retain;
     retainAudio_ = retain;
     defaults_.setBoolean(retainAudioKey, retain);
+    if (differs) emit changed();
 }
 
 void MeetingSettings::setHasAcknowledgedConsent(bool acknowledged) {
+    const bool differs = hasAcknowledgedConsent_ != acknowledged;
     hasAcknowledgedConsent_ = acknowledged;
     defaults_.setBoolean(consentKey, acknowledged);
+    if (differs) emit changed();
 }
 
 MeetingSessionConfiguration MeetingSettings::defaultConfiguration() const {

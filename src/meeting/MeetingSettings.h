@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QObject>
 #include <QSettings>
 #include <QString>
 #include <QVariant>
@@ -51,9 +52,11 @@ private:
     QSettings& settings_;
 };
 
-// Read once at creation; every setter writes through to the store at once.
+// Read once at creation; every setter writes through to the store at once and
+// tells `changed`, so the recorder and its window follow the settings page.
 // Not thread-safe: the main thread owns it (the recorder and the settings page).
-class MeetingSettings {
+class MeetingSettings : public QObject {
+    Q_OBJECT
 public:
     static inline const QString selectedModelKey = QStringLiteral("meeting.whisperModel");
     static inline const QString defaultProviderKey = QStringLiteral("meeting.summaryProvider");
@@ -75,6 +78,10 @@ public:
 
     // A new meeting's configuration before the user edits it: these defaults and no source yet.
     MeetingSessionConfiguration defaultConfiguration() const;
+
+signals:
+    // A setter stored a new value.
+    void changed();
 
 private:
     MeetingPreferences& defaults_;

@@ -81,6 +81,7 @@ struct MeetingSessionConfiguration {
     QSet<MeetingCaptureSource> sources;
     QString modelName = QStringLiteral("ggml-base.bin");
     std::optional<QString> microphoneDeviceUID;
+    bool operator==(const MeetingSessionConfiguration&) const = default;
 };
 
 struct MeetingSessionState {

@@ -18,33 +18,29 @@ CaptureWatchdog::CaptureWatchdog(MeetingCaptureSource source, std::chrono::milli
 
 void CaptureWatchdog::started() {
     lastChunk_ = lastSound_ = clock_();
-    reportedNothing_ = reportedSilence_ = false;
+    shown_.reset();
 }
 
 void CaptureWatchdog::chunkArrived(float level) {
     lastChunk_ = clock_();
-    reportedNothing_ = false;
-    if (level > digitalSilence) {
-        lastSound_ = lastChunk_;
-        reportedSilence_ = false;
-    }
+    if (level > digitalSilence) lastSound_ = lastChunk_;
 }
 
-std::optional<MeetingSessionError> CaptureWatchdog::check() {
-    const auto now = clock_();
-    if (now - lastChunk_ >= limit_) {
-        if (reportedNothing_) return std::nullopt;
-        reportedNothing_ = true;
-        return captureErrors::nothingArrived(source_, limit_);
-    }
-    if (source_ != MeetingCaptureSource::system || !speech_ || reportedSilence_) return std::nullopt;
+std::optional<MeetingSessionError> CaptureWatchdog::currentFault(std::chrono::steady_clock::time_point now) const {
+    if (now - lastChunk_ >= limit_) return captureErrors::nothingArrived(source_, limit_);
+    if (source_ != MeetingCaptureSource::system || !speech_) return std::nullopt;
     const auto speech = speech_->lastSpeech();
     // Speech heard during the silent stretch, and the stretch long enough.
-    if (speech && *speech > lastSound_ && now - lastSound_ >= limit_) {
-        reportedSilence_ = true;
-        return captureErrors::onlySilence(limit_);
-    }
+    if (speech && *speech > lastSound_ && now - lastSound_ >= limit_) return captureErrors::onlySilence(limit_);
     return std::nullopt;
+}
+
+std::optional<CaptureWatchdogReport> CaptureWatchdog::check() {
+    auto fault = currentFault(clock_());
+    const std::optional<QString> text = fault ? std::optional(fault->description()) : std::nullopt;
+    if (text == shown_) return std::nullopt;
+    shown_ = text;
+    return CaptureWatchdogReport{std::move(fault)};
 }
 
 }  // namespace mossly::meeting

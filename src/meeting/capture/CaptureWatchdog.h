@@ -33,10 +33,15 @@ private:
     std::atomic<std::chrono::steady_clock::rep> lastSpeech_{never};
 };
 
+// What the watchdog has to say: a warning to show, or (none) that the one shown is over.
+struct CaptureWatchdogReport {
+    std::optional<MeetingSessionError> warning;
+};
+
 // Notices a capture that has gone quiet in a way that is a fault, not a pause:
 // no audio at all for `limit`, or (system audio) nothing but digital silence
-// for `limit` while the microphone hears speech. Each episode is reported once;
-// audio that returns re-arms it.
+// for `limit` while the microphone hears speech. Capture goes on meanwhile, so
+// these are warnings: each is reported once, and its end once audio returns.
 class CaptureWatchdog {
 public:
     CaptureWatchdog(MeetingCaptureSource source, std::chrono::milliseconds limit, CaptureClock clock,
@@ -44,18 +49,19 @@ public:
 
     void started();
     void chunkArrived(float level);
-    // The fault to report now, if any.
-    std::optional<MeetingSessionError> check();
+    // A change to report now, if any.
+    std::optional<CaptureWatchdogReport> check();
 
 private:
+    std::optional<MeetingSessionError> currentFault(std::chrono::steady_clock::time_point now) const;
+
     MeetingCaptureSource source_;
     std::chrono::milliseconds limit_;
     CaptureClock clock_;
     std::shared_ptr<const SpeechActivity> speech_;
     std::chrono::steady_clock::time_point lastChunk_;
     std::chrono::steady_clock::time_point lastSound_;
-    bool reportedNothing_ = false;
-    bool reportedSilence_ = false;
+    std::optional<QString> shown_;  // the warning reported last and not yet over
 };
 
 }  // namespace mossly::meeting

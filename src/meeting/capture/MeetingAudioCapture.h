@@ -27,6 +27,9 @@ class MeetingAudioCapture {
 public:
     using ChunkHandler = std::function<void(MeetingAudioChunk chunk)>;
     using FailureHandler = std::function<void(const MeetingSessionError& error)>;
+    // Trouble that does not stop the capture (nothing arrives, only silence): called
+    // with it, and with nothing once it is over. Same thread and lifetime as onChunk.
+    using WarningHandler = std::function<void(const std::optional<MeetingSessionError>& warning)>;
 
     virtual ~MeetingAudioCapture() = default;
     virtual MeetingCaptureSource source() const = 0;
@@ -36,18 +39,29 @@ public:
     virtual std::expected<void, MeetingSessionError> start(const std::optional<QString>& deviceUID,
                                                            ChunkHandler onChunk, FailureHandler onFailure) = 0;
     virtual void stop() = 0;
+    // Set before start(); a capture that has no warnings never calls it.
+    void setWarningHandler(WarningHandler onWarning) { onWarning_ = std::move(onWarning); }
+
+protected:
+    void warn(const std::optional<MeetingSessionError>& warning) const {
+        if (onWarning_) onWarning_(warning);
+    }
+
+private:
+    WarningHandler onWarning_;
 };
 
 // Makes the capture for a source; the controller owns what it returns.
 using MeetingCaptureFactory = std::function<std::unique_ptr<MeetingAudioCapture>(MeetingCaptureSource source)>;
 
-// Where the platform still asks before audio may be captured. On Linux the audio
-// server grants access, so the app's answer is yes unless no such source exists.
+// Can a source be recorded before the meeting starts? On Linux the audio server
+// grants access to every local client, so the answer is what is missing: the
+// server itself, a microphone, an output device whose sound could be recorded.
 class MeetingPermissions {
 public:
     virtual ~MeetingPermissions() = default;
-    virtual bool requestMicrophoneAccess() = 0;
-    virtual bool systemAudioAccessGranted() = 0;
+    virtual std::expected<void, MeetingSessionError> microphoneAccess() = 0;
+    virtual std::expected<void, MeetingSessionError> systemAudioAccess() = 0;
 };
 
 }  // namespace mossly::meeting

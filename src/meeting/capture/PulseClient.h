@@ -26,6 +26,9 @@ struct PulseSourceDetails {
 struct PulseServerDefaults {
     QString sink;
     QString source;
+    // Without any output device both servers put a silent stand-in sink in place
+    // ("Dummy Output"): there is no system audio to record from it.
+    bool hasOutputDevice() const { return !sink.isEmpty() && sink != QStringLiteral("auto_null"); }
 };
 
 // One connection to the audio server with its own thread (a threaded main

@@ -1,5 +1,6 @@
 #include "PulseDevices.h"
 
+#include "CaptureErrors.h"
 #include "PulseSourceCapture.h"
 
 namespace mossly::meeting {
@@ -28,18 +29,23 @@ std::expected<std::unique_ptr<MicrophoneWatcher>, MeetingSessionError> Microphon
     return watcher;
 }
 
-bool PulseMeetingPermissions::requestMicrophoneAccess() {
+std::expected<void, MeetingSessionError> PulseMeetingPermissions::microphoneAccess() {
     auto microphones = listMicrophones(timeout_);
-    return microphones && !microphones->empty();
+    if (!microphones) return std::unexpected(microphones.error());
+    if (microphones->empty()) return std::unexpected(captureErrors::noMicrophone());
+    return {};
 }
 
-bool PulseMeetingPermissions::systemAudioAccessGranted() {
+std::expected<void, MeetingSessionError> PulseMeetingPermissions::systemAudioAccess() {
     auto client = PulseClient::connect(timeout_);
-    if (!client) return false;
+    if (!client) return std::unexpected(client.error());
     auto defaults = (*client)->defaults();
-    if (!defaults || defaults->sink.isEmpty()) return false;
+    if (!defaults) return std::unexpected(defaults.error());
+    if (!defaults->hasOutputDevice()) return std::unexpected(captureErrors::noSpeakers());
     auto monitor = (*client)->sinkMonitor(defaults->sink);
-    return monitor && monitor->has_value() && !(*monitor)->isEmpty();
+    if (!monitor) return std::unexpected(monitor.error());
+    if (!monitor->has_value() || (*monitor)->isEmpty()) return std::unexpected(captureErrors::noSpeakers());
+    return {};
 }
 
 std::unique_ptr<MeetingAudioCapture> makePulseCapture(MeetingCaptureSource source) {

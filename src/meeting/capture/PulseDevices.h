@@ -28,13 +28,13 @@ private:
     std::unique_ptr<PulseClient> client_;
 };
 
-// The audio server grants access to every local client, so "allowed" means: a
-// server answers and has such a source.
+// A source can be recorded when a server answers and has it: a microphone that
+// is no monitor, a default sink with a monitor for system audio.
 class PulseMeetingPermissions final : public MeetingPermissions {
 public:
     explicit PulseMeetingPermissions(std::chrono::milliseconds timeout = defaultServerTimeout) : timeout_(timeout) {}
-    bool requestMicrophoneAccess() override;
-    bool systemAudioAccessGranted() override;
+    std::expected<void, MeetingSessionError> microphoneAccess() override;
+    std::expected<void, MeetingSessionError> systemAudioAccess() override;
 
 private:
     std::chrono::milliseconds timeout_;

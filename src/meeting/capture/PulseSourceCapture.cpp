@@ -109,6 +109,7 @@ void PulseSourceCapture::resolveTarget() {
             });
             return;
         }
+        if (!defaults->hasOutputDevice()) return targetMissing();
         client->requestSinkMonitor(defaults->sink, [=, this](std::optional<QString> monitor) {
             if (!current()) return;
             if (!monitor || monitor->isEmpty()) return targetMissing();
@@ -256,7 +257,7 @@ void PulseSourceCapture::checkWatchdog() {
         lookAgainAt_.reset();
         resolveTarget();
     }
-    if (auto error = watchdog_->check(); error && onFailure_) onFailure_(*error);
+    if (auto report = watchdog_->check()) warn(report->warning);
 }
 
 }  // namespace mossly::meeting

@@ -152,6 +152,10 @@ void MeetingRecordCommand::record(const MeetingRecordOptions& options) {
             print({{QStringLiteral("status"), message}});
         }
     });
+    connect(controller_.get(), &MeetingSessionController::warningMessageChanged, this, [this] {
+        const QString message = controller_->warningMessage();
+        if (!message.isEmpty()) print({{QStringLiteral("warning"), message}});
+    });
     const auto duration = options.durationSeconds;
     controller_->start([this, duration] {
         if (controller_->phase() != MeetingSessionPhase::recording) return;

@@ -2,6 +2,7 @@
 
 #include <QDir>
 #include <QMetaObject>
+#include <algorithm>
 
 #include "MeetingSessionWork.h"
 #include "MeetingSummaryService.h"
@@ -30,13 +31,15 @@ MeetingSessionController::MeetingSessionController(MeetingSettings& settings, Me
       settings_(settings),
       services_(std::move(services)),
       workerContext_(new QObject),
-      configuration_(settings.defaultConfiguration()) {
+      configuration_(settings.defaultConfiguration()),
+      appliedDefaults_(configuration_) {
     if (!services_.pipeline) services_.pipeline = std::make_shared<AudioPipeline>(meeting_work::pipelineCapacity);
     workerThread_.setObjectName(QStringLiteral("Meeting worker"));
     workerContext_->moveToThread(&workerThread_);
     workerThread_.start();
     elapsedTimer_.setInterval(elapsedIntervalMs);
     connect(&elapsedTimer_, &QTimer::timeout, this, &MeetingSessionController::updateElapsed);
+    connect(&settings_, &MeetingSettings::changed, this, &MeetingSessionController::applyChangedDefaults);
 }
 
 MeetingSessionController::~MeetingSessionController() {
@@ -65,6 +68,20 @@ void MeetingSessionController::onWorker(std::function<Result()> job, std::functi
 void MeetingSessionController::setConfiguration(const MeetingSessionConfiguration& configuration) {
     if (!isBetweenMeetings(phase_) || isStarting_) return;
     configuration_ = configuration;
+    emit configurationChanged();
+}
+
+void MeetingSessionController::applyChangedDefaults() {
+    if (!isBetweenMeetings(phase_) || isStarting_) return;  // taken once this meeting is over
+    const MeetingSessionConfiguration defaults = settings_.defaultConfiguration();
+    // Only what changed: a choice made in the recorder for this meeting stays.
+    MeetingSessionConfiguration next = configuration_;
+    if (defaults.provider != appliedDefaults_.provider) next.provider = defaults.provider;
+    if (defaults.retainAudio != appliedDefaults_.retainAudio) next.retainAudio = defaults.retainAudio;
+    if (defaults.modelName != appliedDefaults_.modelName) next.modelName = defaults.modelName;
+    appliedDefaults_ = defaults;
+    if (next == configuration_) return;
+    configuration_ = next;
     emit configurationChanged();
 }
 
@@ -118,6 +135,7 @@ void MeetingSessionController::continueStart(const Completion& completion) {
                 fail(*outcome.refusal);
                 return done();
             }
+            unavailableAtStart_ = outcome.unavailable;
             prepareMeeting(path, completion);
         });
 }
@@ -160,10 +178,11 @@ void MeetingSessionController::prepareMeeting(const QString& modelPath, const Co
 void MeetingSessionController::beginRecording(const Completion& completion) {
     const auto& configuration = session_->configuration();
     acceptingAudio_ = true;
-    std::optional<MeetingSessionError> firstFailure;
-    QList<std::pair<MeetingCaptureSource, MeetingSessionError>> failures;
+    QList<std::pair<MeetingCaptureSource, MeetingSessionError>> failures = std::exchange(unavailableAtStart_, {});
     for (auto source : allSources) {
         if (!configuration.sources.contains(source)) continue;
+        const bool missing = std::ranges::any_of(failures, [source](const auto& failure) { return failure.first == source; });
+        if (missing) continue;
         if (auto started = startCapture(source, 0); !started) failures.append({source, started.error()});
     }
     // One source that will not start leaves the other recording; none at all ends the meeting.
@@ -208,6 +227,10 @@ std::expected<void, MeetingSessionError> MeetingSessionController::startCapture(
         QMetaObject::invokeMethod(
             this, [this, source, error] { recordCaptureFailure(error, source); }, Qt::QueuedConnection);
     };
+    capture->setWarningHandler([this, source](const std::optional<MeetingSessionError>& warning) {
+        QMetaObject::invokeMethod(
+            this, [this, source, warning] { recordCaptureWarning(warning, source); }, Qt::QueuedConnection);
+    });
     if (auto started = capture->start(deviceUID, std::move(onChunk), std::move(onFailure)); !started) {
         return started;
     }
@@ -225,6 +248,8 @@ void MeetingSessionController::startCaptures(double offset) {
 void MeetingSessionController::stopCaptures() {
     for (auto& [source, capture] : captures_) capture->stop();
     captures_.clear();
+    // A stopped capture's warnings are over; warnings still queued find no running phase.
+    for (auto source : allSources) setCaptureWarning(source, {});
 }
 
 void MeetingSessionController::handle(MeetingAudioChunk chunk) {
@@ -250,7 +275,36 @@ void MeetingSessionController::recordCaptureFailure(const MeetingSessionError& e
     if (phase_ != recording && phase_ != paused && phase_ != preparing) return;
     log(QStringLiteral("Capture source"),
         {{QStringLiteral("source"), rawValue(source)}, {QStringLiteral("error"), error.description()}});
+    setCaptureWarning(source, {});
     setErrorMessage(speakerLabel(source) + QStringLiteral(" audio stopped: ") + error.description());
+}
+
+void MeetingSessionController::recordCaptureWarning(const std::optional<MeetingSessionError>& warning,
+                                                    MeetingCaptureSource source) {
+    if (phase_ != recording && phase_ != paused) return;
+    if (!captures_.contains(source)) return;  // stopped meanwhile: its warning is over
+    if (warning) {
+        log(QStringLiteral("Capture warning"),
+            {{QStringLiteral("source"), rawValue(source)}, {QStringLiteral("warning"), warning->description()}});
+    }
+    setCaptureWarning(source, warning ? warning->description() : QString());
+}
+
+void MeetingSessionController::setCaptureWarning(MeetingCaptureSource source, const QString& text) {
+    if (text.isEmpty())
+        captureWarnings_.erase(source);
+    else
+        captureWarnings_.insert_or_assign(source, text);
+    QStringList lines;
+    for (const auto& [warned, line] : captureWarnings_) {
+        const QString label =
+            warned == MeetingCaptureSource::microphone ? QStringLiteral("Microphone") : QStringLiteral("System audio");
+        lines.append(label + QStringLiteral(": ") + line);
+    }
+    const QString message = lines.join(u'\n');
+    if (message == warningMessage_) return;
+    warningMessage_ = message;
+    emit warningMessageChanged();
 }
 
 // MARK: Processing
@@ -448,6 +502,7 @@ void MeetingSessionController::reset() {
     isStarting_ = false;
     lastSummaryFailed_ = false;
     audioIssueReported_ = false;
+    unavailableAtStart_.clear();
     if (std::exchange(finalWritePending_, false)) emit finalWritePendingChanged();
     session_.reset();
     work_.reset();
@@ -465,6 +520,7 @@ void MeetingSessionController::reset() {
     setNoteURL({});
     setErrorMessage({});
     setPhase(idle);
+    applyChangedDefaults();  // changed while the last meeting ran
 }
 
 void MeetingSessionController::fail(const MeetingSessionError& error) {

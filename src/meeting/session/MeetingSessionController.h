@@ -46,6 +46,7 @@ class MeetingSessionController : public QObject {
     Q_PROPERTY(mossly::meeting::TranscriptionBacklog backlog READ backlog NOTIFY backlogChanged)
     Q_PROPERTY(QUrl noteURL READ noteURL NOTIFY noteURLChanged)
     Q_PROPERTY(QString errorMessage READ errorMessage NOTIFY errorMessageChanged)
+    Q_PROPERTY(QString warningMessage READ warningMessage NOTIFY warningMessageChanged)
     Q_PROPERTY(mossly::meeting::MeetingSessionConfiguration configuration READ configuration WRITE setConfiguration
                    NOTIFY configurationChanged)
 
@@ -73,6 +74,9 @@ public:
     TranscriptionBacklog backlog() const { return backlog_; }
     QUrl noteURL() const { return noteURL_; }           // empty: no note
     QString errorMessage() const { return errorMessage_; }  // empty: none
+    // What a running capture warns about (nothing arrives, only silence), one line per
+    // source; gone when that source's audio returns. Empty: none.
+    QString warningMessage() const { return warningMessage_; }
     MeetingSessionConfiguration configuration() const { return configuration_; }
     // Ignored while a meeting runs: its configuration is fixed at start.
     void setConfiguration(const MeetingSessionConfiguration& configuration);
@@ -106,6 +110,7 @@ signals:
     // A checkpoint wrote stable segments into the meeting note.
     void noteWritten();
     void errorMessageChanged();
+    void warningMessageChanged();
     void configurationChanged();
     void finalWritePendingChanged();
 
@@ -113,6 +118,8 @@ private:
     template <typename Result>
     void onWorker(std::function<Result()> job, std::function<void(Result)> apply);
 
+    // The settings page changed a default: the next meeting takes it, the running one keeps its own.
+    void applyChangedDefaults();
     void continueStart(const Completion& completion);
     void prepareMeeting(const QString& modelPath, const Completion& completion);
     void beginRecording(const Completion& completion);
@@ -122,6 +129,8 @@ private:
     void stopCaptures();
     void handle(MeetingAudioChunk chunk);
     void recordCaptureFailure(const MeetingSessionError& error, MeetingCaptureSource source);
+    void recordCaptureWarning(const std::optional<MeetingSessionError>& warning, MeetingCaptureSource source);
+    void setCaptureWarning(MeetingCaptureSource source, const QString& text);
     void scheduleProcessing();
     void apply(const MeetingBatch& batch);
     void afterHandedOverChunks(std::function<void()> next, const Completion& completion);
@@ -155,7 +164,12 @@ private:
     TranscriptionBacklog backlog_;
     QUrl noteURL_;
     QString errorMessage_;
+    QString warningMessage_;
+    std::map<MeetingCaptureSource, QString> captureWarnings_;
     MeetingSessionConfiguration configuration_;
+    MeetingSessionConfiguration appliedDefaults_;  // the settings' defaults configuration_ last took
+    // Sources found missing before the start (no output device): the meeting records the others.
+    QList<std::pair<MeetingCaptureSource, MeetingSessionError>> unavailableAtStart_;
 
     std::optional<MeetingSession> session_;
     std::shared_ptr<MeetingWork> work_;

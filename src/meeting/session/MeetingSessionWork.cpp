@@ -68,16 +68,23 @@ bool holdsText(const QList<MeetingTranscriptSegment>& segments) {
 
 MeetingPermissionOutcome requestPermissions(MeetingPermissions& permissions,
                                             const QSet<MeetingCaptureSource>& sources) {
-    if (sources.contains(MeetingCaptureSource::microphone) && !permissions.requestMicrophoneAccess()) {
-        return {MeetingSessionError::permissionDenied(
-            QStringLiteral("Microphone access is required for the selected source."))};
+    MeetingPermissionOutcome outcome;
+    for (auto source : {MeetingCaptureSource::microphone, MeetingCaptureSource::system}) {
+        if (!sources.contains(source)) continue;
+        auto access = source == MeetingCaptureSource::microphone ? permissions.microphoneAccess()
+                                                                 : permissions.systemAudioAccess();
+        if (!access) outcome.unavailable.append({source, access.error()});
     }
-    if (sources.contains(MeetingCaptureSource::system) && !permissions.systemAudioAccessGranted()) {
-        return {MeetingSessionError::permissionDenied(QStringLiteral(
-            "Screen & System Audio Recording access is required for the selected source. Grant it, then restart "
-            "Notes."))};
+    // One source is enough for a meeting; with none, say what is missing, once per reason.
+    if (outcome.unavailable.isEmpty() || outcome.unavailable.size() < sources.size()) return outcome;
+    QStringList reasons;
+    for (const auto& [source, error] : outcome.unavailable) {
+        if (!reasons.contains(error.description())) reasons.append(error.description());
     }
-    return {};
+    outcome.refusal = reasons.size() == 1 ? outcome.unavailable.first().second
+                                          : MeetingSessionError::captureFailed(reasons.join(u' '));
+    outcome.unavailable.clear();
+    return outcome;
 }
 
 MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const MeetingTranscriberFactory& factory) {

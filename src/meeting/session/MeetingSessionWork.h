@@ -51,7 +51,9 @@ struct MeetingWork {
 };
 
 struct MeetingPermissionOutcome {
-    std::optional<MeetingSessionError> refusal;
+    std::optional<MeetingSessionError> refusal;  // no selected source can be recorded
+    // Selected sources that cannot be recorded while another can: the meeting starts without them.
+    QList<std::pair<MeetingCaptureSource, MeetingSessionError>> unavailable;
 };
 
 struct MeetingPreparation {

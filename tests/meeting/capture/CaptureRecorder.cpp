@@ -19,6 +19,14 @@ MeetingAudioCapture::FailureHandler CaptureRecorder::failureHandler() {
     };
 }
 
+MeetingAudioCapture::WarningHandler CaptureRecorder::warningHandler() {
+    return [this](const std::optional<MeetingSessionError>& warning) {
+        std::lock_guard lock(mutex_);
+        warnings_.push_back(warning ? warning->description() : QString());
+        changed_.notify_all();
+    };
+}
+
 bool CaptureRecorder::waitUntil(const std::function<bool(const CaptureRecorder&)>& done,
                                 std::chrono::milliseconds timeout) {
     std::unique_lock lock(mutex_);
@@ -27,6 +35,10 @@ bool CaptureRecorder::waitUntil(const std::function<bool(const CaptureRecorder&)
 
 bool CaptureRecorder::waitForFailure(std::chrono::milliseconds timeout) {
     return waitUntil([](const CaptureRecorder& self) { return !self.failures_.empty(); }, timeout);
+}
+
+bool CaptureRecorder::waitForWarnings(size_t count, std::chrono::milliseconds timeout) {
+    return waitUntil([count](const CaptureRecorder& self) { return self.warnings_.size() >= count; }, timeout);
 }
 
 bool CaptureRecorder::waitForChunks(size_t count, std::chrono::milliseconds timeout) {
@@ -41,6 +53,11 @@ std::vector<MeetingAudioChunk> CaptureRecorder::chunks() const {
 std::vector<QString> CaptureRecorder::failures() const {
     std::lock_guard lock(mutex_);
     return failures_;
+}
+
+std::vector<QString> CaptureRecorder::warnings() const {
+    std::lock_guard lock(mutex_);
+    return warnings_;
 }
 
 std::optional<std::chrono::steady_clock::time_point> CaptureRecorder::firstArrival() const {

@@ -14,13 +14,15 @@ protected:
     CaptureWatchdog watchdog(MeetingCaptureSource source) {
         return CaptureWatchdog(source, 5s, [this] { return now; }, speech);
     }
+    // The warning reported now; "over" when the last one ended; empty when nothing changed.
     QString report(CaptureWatchdog& dog) {
-        auto error = dog.check();
-        return error ? error->description() : QString();
+        auto report = dog.check();
+        if (!report) return {};
+        return report->warning ? report->warning->description() : QStringLiteral("over");
     }
 };
 
-TEST_F(CaptureWatchdogTest, NothingArrivingIsReportedOnceAtTheLimitAndReArmedByAudio) {
+TEST_F(CaptureWatchdogTest, NothingArrivingIsWarnedOnceAtTheLimitUntilAudioReturns) {
     auto dog = watchdog(MeetingCaptureSource::system);
     now += 4900ms;
     EXPECT_EQ(report(dog), "");
@@ -30,6 +32,8 @@ TEST_F(CaptureWatchdogTest, NothingArrivingIsReportedOnceAtTheLimitAndReArmedByA
     EXPECT_EQ(report(dog), "") << "one report per episode";
 
     dog.chunkArrived(0.1f);
+    EXPECT_EQ(report(dog), "over");
+    EXPECT_EQ(report(dog), "");
     now += 4s;
     EXPECT_EQ(report(dog), "");
     now += 1s;
@@ -67,6 +71,7 @@ TEST_F(CaptureWatchdogTest, DigitalSilenceWhileTheMicrophoneHearsSpeechIsReporte
 
     // Sound on the speakers ends the episode; a new silent stretch is reported again.
     dog.chunkArrived(0.01f);
+    EXPECT_EQ(report(dog), "over");
     now += 5s;
     dog.chunkArrived(0);
     speech->heard(0.05f, now);

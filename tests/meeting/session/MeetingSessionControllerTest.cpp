@@ -97,6 +97,9 @@ public:  // the table of refused starts arranges through the fixture
 
 // MARK: Start preconditions
 
+const QString noServer = "No audio server is running, so meeting audio cannot be captured.";
+const QString noSpeakers = "No speakers or other audio output is available for system audio capture.";
+
 TEST_F(MeetingSessionControllerTest, RefusedStartsFailWithTheirTextAndCreateNoNote) {
     struct Case {
         const char* name;
@@ -118,20 +121,25 @@ TEST_F(MeetingSessionControllerTest, RefusedStartsFailWithTheirTextAndCreateNoNo
              t.settings.setHasAcknowledgedConsent(false);
          },
          "Acknowledge the participant-consent reminder before recording.", 0},
-        {"microphone refused",
+        {"the only source missing",
+         [](auto& t, auto& c) {
+             t.configure(c, {Source::microphone});
+             t.permissions->missingMicrophone = "No microphone is available.";
+         },
+         "No microphone is available.", 1},
+        {"no audio server",
          [](auto& t, auto& c) {
              t.configure(c, {Source::microphone, Source::system});
-             t.permissions->microphone = false;
+             t.permissions->missingMicrophone = t.permissions->missingSystem = noServer;
          },
-         "Microphone access is required for the selected source.", 1},
-        {"system audio refused",
+         noServer, 2},
+        {"both sources missing",
          [](auto& t, auto& c) {
              t.configure(c, {Source::microphone, Source::system});
-             t.permissions->system = false;
+             t.permissions->missingMicrophone = "No microphone is available.";
+             t.permissions->missingSystem = noSpeakers;
          },
-         "Screen & System Audio Recording access is required for the selected source. Grant it, then restart "
-         "Notes.",
-         2},
+         "No microphone is available. " + noSpeakers, 2},
         {"model does not load",
          [](auto& t, auto& c) {
              t.configure(c, {Source::microphone});
@@ -150,8 +158,8 @@ TEST_F(MeetingSessionControllerTest, RefusedStartsFailWithTheirTextAndCreateNoNo
         SCOPED_TRACE(testCase.name);
         model->installed = true;
         settings.setHasAcknowledgedConsent(true);
-        permissions->microphone = true;
-        permissions->system = true;
+        permissions->missingMicrophone.reset();
+        permissions->missingSystem.reset();
         permissions->asked = 0;
         modelLoadError.reset();
         captures.startErrors.clear();
@@ -185,6 +193,48 @@ TEST_F(MeetingSessionControllerTest, OneSourceThatWillNotStartLeavesTheOtherReco
     run([&](auto done) { controller->stop(done); });
     EXPECT_EQ(controller->phase(), completed);
     EXPECT_TRUE(noteText(*controller).contains("[00:00] You: microphone from 0"));
+}
+
+TEST_F(MeetingSessionControllerTest, AMissingOutputDeviceLeavesTheMicrophoneRecording) {
+    permissions->missingSystem = noSpeakers;
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    startRecording(*controller);
+    EXPECT_EQ(permissions->asked, 1) << "system audio is not asked about when not chosen";
+    EXPECT_EQ(controller->errorMessage(), "");
+    controller->reset();
+
+    // Both chosen: the microphone records alone and the user is told why.
+    configure(*controller, {Source::microphone, Source::system});
+    startRecording(*controller);
+    EXPECT_EQ(controller->errorMessage(), "System audio stopped: " + noSpeakers);
+    EXPECT_EQ(captures.created(Source::system), 0);
+    captures.latest(Source::microphone).deliver(3);
+    run([&](auto done) { controller->stop(done); });
+    EXPECT_EQ(controller->phase(), completed);
+    EXPECT_TRUE(noteText(*controller).contains("[00:00] You: microphone from 0"));
+}
+
+TEST_F(MeetingSessionControllerTest, ChangedSettingsReachTheNextMeetingWithoutARestart) {
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    settings.setDefaultProvider(MeetingSummaryProviderKind::claudeCode);
+    settings.setRetainAudio(true);
+    EXPECT_EQ(controller->configuration().provider, MeetingSummaryProviderKind::claudeCode);
+    EXPECT_TRUE(controller->configuration().retainAudio);
+    EXPECT_EQ(controller->configuration().title, "Standup") << "what the recorder chose stays";
+    EXPECT_EQ(controller->configuration().sources, QSet<Source>{Source::microphone});
+
+    // A running meeting keeps its own; the next one takes the change.
+    startRecording(*controller);
+    settings.setDefaultProvider(MeetingSummaryProviderKind::none);
+    EXPECT_EQ(controller->configuration().provider, MeetingSummaryProviderKind::claudeCode);
+    captures.latest(Source::microphone).deliver(2);
+    run([&](auto done) { controller->stop(done); });
+    EXPECT_EQ(provider->calls, 1);
+    controller->reset();
+    EXPECT_EQ(controller->configuration().provider, MeetingSummaryProviderKind::none);
+    EXPECT_TRUE(controller->configuration().retainAudio);
 }
 
 // MARK: A whole meeting
@@ -371,6 +421,33 @@ TEST_F(MeetingSessionControllerTest, CaptureFailureOfOneSourceLeavesTheOtherReco
     run([&](auto done) { controller->stop(done); });
     EXPECT_EQ(controller->phase(), completed);
     EXPECT_TRUE(noteText(*controller).contains("[00:00] You: microphone from 0"));
+}
+
+TEST_F(MeetingSessionControllerTest, CaptureWarningsAreNoErrorsAndEndWhenAudioReturns) {
+    auto controller = makeController();
+    configure(*controller, {Source::microphone, Source::system});
+    startRecording(*controller);
+    const QString silent = "Nothing is playing on the speakers: system audio has been silent for 5 seconds while "
+                           "the microphone hears speech.";
+    captures.latest(Source::system).warnWith(silent);
+    ASSERT_TRUE(waitFor([&] { return !controller->warningMessage().isEmpty(); }));
+    EXPECT_EQ(controller->warningMessage(), "System audio: " + silent);
+    EXPECT_EQ(controller->errorMessage(), "");
+    EXPECT_EQ(diagnostics->find("Capture warning")->field("source"), "system");
+
+    captures.latest(Source::microphone).warnWith("No microphone audio has arrived for 5 seconds.");
+    ASSERT_TRUE(waitFor([&] { return controller->warningMessage().contains('\n'); }));
+    EXPECT_EQ(controller->warningMessage(),
+              "Microphone: No microphone audio has arrived for 5 seconds.\nSystem audio: " + silent);
+    captures.latest(Source::system).warnWith(std::nullopt);
+    ASSERT_TRUE(waitFor([&] { return !controller->warningMessage().contains('\n'); }));
+    EXPECT_EQ(controller->warningMessage(), "Microphone: No microphone audio has arrived for 5 seconds.");
+
+    // A paused capture warns about nothing; the meeting went on throughout.
+    controller->pause();
+    EXPECT_EQ(controller->warningMessage(), "");
+    EXPECT_EQ(controller->errorMessage(), "");
+    EXPECT_EQ(controller->phase(), paused);
 }
 
 TEST_F(MeetingSessionControllerTest, QueueingAndTranscriptionTroubleShowsAStatusAndRecordingGoesOn) {

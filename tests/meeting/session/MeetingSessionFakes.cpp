@@ -51,6 +51,12 @@ void FakeCapture::failWith(const QString& text) {
     std::thread([&] { onFailure_(MeetingSessionError::captureFailed(text)); }).join();
 }
 
+void FakeCapture::warnWith(const std::optional<QString>& text) {
+    std::thread([&] {
+        warn(text ? std::optional(MeetingSessionError::captureFailed(*text)) : std::nullopt);
+    }).join();
+}
+
 MeetingCaptureFactory FakeCaptures::factory() {
     return [this](MeetingCaptureSource source) -> std::unique_ptr<MeetingAudioCapture> {
         const auto error = startErrors.find(source);
@@ -92,6 +98,18 @@ std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summari
     if (fails) return std::unexpected(MeetingSummaryProviderError::unavailable(QStringLiteral("Claude is offline.")));
     return MeetingSummary{QStringLiteral("Standup"), QStringLiteral("We met."), {QStringLiteral("Ship it")},
                           {QStringLiteral("Write tests")}, {}};
+}
+
+ProviderConnectionState FakeProvider::connectionState() const {
+    ++probes;
+    while (holdProbe) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    std::lock_guard lock(mutex);
+    return connection_;
+}
+
+void FakeProvider::setConnection(ProviderConnectionState state) {
+    std::lock_guard lock(mutex);
+    connection_ = std::move(state);
 }
 
 QString DiagnosticRecord::field(const QString& key) const {

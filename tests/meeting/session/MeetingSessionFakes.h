@@ -39,6 +39,8 @@ public:
     void deliver(int seconds);
     void deliver(MeetingAudioChunk chunk);
     void failWith(const QString& text);
+    // A watchdog's warning, or (nothing) its end.
+    void warnWith(const std::optional<QString>& text);
     bool isRunning() const { return running_; }
     const std::optional<QString>& deviceUID() const { return deviceUID_; }
 
@@ -74,18 +76,21 @@ public:
     std::atomic<int> calls{0};
 };
 
+// What is missing is set before the start; the controller asks on its worker.
 class FakePermissions final : public MeetingPermissions {
 public:
-    bool requestMicrophoneAccess() override {
+    std::expected<void, MeetingSessionError> microphoneAccess() override {
         ++asked;
-        return microphone;
+        if (missingMicrophone) return std::unexpected(MeetingSessionError::captureFailed(*missingMicrophone));
+        return {};
     }
-    bool systemAudioAccessGranted() override {
+    std::expected<void, MeetingSessionError> systemAudioAccess() override {
         ++asked;
-        return system;
+        if (missingSystem) return std::unexpected(MeetingSessionError::captureFailed(*missingSystem));
+        return {};
     }
-    std::atomic<bool> microphone{true};
-    std::atomic<bool> system{true};
+    std::optional<QString> missingMicrophone;
+    std::optional<QString> missingSystem;
     std::atomic<int> asked{0};
 };
 
@@ -100,14 +105,21 @@ public:
 class FakeProvider final : public MeetingSummaryProvider {
 public:
     MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
-    ProviderConnectionState connectionState() const override { return ProviderConnectionState::connected(); }
+    // What the provider's program answers; waits while `holdProbe` is set.
+    ProviderConnectionState connectionState() const override;
+    void setConnection(ProviderConnectionState state);
     std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override;
 
     std::atomic<bool> fails{false};
     std::atomic<bool> hold{false};  // summarize waits while it is set
+    std::atomic<bool> holdProbe{false};
+    mutable std::atomic<int> probes{0};
     mutable std::atomic<int> calls{0};
     mutable std::mutex mutex;
     mutable QString lastTranscript;
+
+private:
+    ProviderConnectionState connection_ = ProviderConnectionState::connected();
 };
 
 struct DiagnosticRecord {

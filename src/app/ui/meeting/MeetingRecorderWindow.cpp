@@ -82,7 +82,14 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     transcript_->setPlaceholderText(tr("The transcript appears here while you talk."));
     times_ = new QLabel(this);
     status_ = new QLabel(this);
+    // Capture goes on despite a warning (nothing arrives, only silence): amber, not red.
+    warning_ = new QLabel(this);
+    warning_->setObjectName(QStringLiteral("meetingWarning"));
+    warning_->setWordWrap(true);
+    warning_->setStyleSheet(QStringLiteral("color: #8a5a00"));
+    warning_->setVisible(false);
     error_ = new QLabel(this);
+    error_->setObjectName(QStringLiteral("meetingError"));
     error_->setWordWrap(true);
     error_->setStyleSheet(QStringLiteral("color: #b3261e"));
     record_ = new QPushButton(tr("Record"), this);
@@ -121,6 +128,7 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     layout->addWidget(transcript_, 1);
     layout->addWidget(times_);
     layout->addWidget(status_);
+    layout->addWidget(warning_);
     layout->addWidget(error_);
     layout->addLayout(buttons);
     resize(560, 640);
@@ -170,6 +178,10 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
             [this] { systemLevel_->setValue(meterValue(controller_.systemLevel())); });
     connect(&controller_, &MeetingSessionController::errorMessageChanged, this,
             [this] { error_->setText(controller_.errorMessage()); });
+    connect(&controller_, &MeetingSessionController::warningMessageChanged, this, [this] {
+        warning_->setText(controller_.warningMessage());
+        warning_->setVisible(!controller_.warningMessage().isEmpty());
+    });
     connect(&models_, &WhisperModelManager::stateChanged, this, &MeetingRecorderWindow::showModel);
     connect(&models_, &WhisperModelManager::downloadProgressChanged, this, &MeetingRecorderWindow::showModel);
     showModel();

@@ -45,6 +45,8 @@ public:
     QPushButton* stopButton() const { return stop_; }
     QPlainTextEdit* transcriptView() const { return transcript_; }
     QLabel* statusLabel() const { return status_; }
+    QLabel* warningLabel() const { return warning_; }
+    QLabel* errorLabel() const { return error_; }
 
 signals:
     void openNoteRequested(const QString& path);
@@ -75,6 +77,7 @@ private:
     QPlainTextEdit* transcript_;
     QLabel* times_;
     QLabel* status_;
+    QLabel* warning_;
     QLabel* error_;
     QPushButton* record_;
     QPushButton* pause_;
