@@ -40,6 +40,14 @@ QAction* addAction(QMenu* menu, const QString& text, const QKeySequence& shortcu
     return action;
 }
 
+// The platform's keys for a standard command, with the one every Linux desktop uses first
+// (a platform theme may report another desktop's scheme).
+QList<QKeySequence> withKey(QList<QKeySequence> keys, const QKeySequence& linuxKey) {
+    keys.removeAll(linuxKey);
+    keys.prepend(linuxKey);
+    return keys;
+}
+
 // Formatting commands act on the focused Markdown editor; without one they are disabled.
 MarkdownTextView* focusedMarkdownEditor() { return qobject_cast<MarkdownTextView*>(QApplication::focusWidget()); }
 
@@ -155,16 +163,15 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     // Closes the window the user is in; closing the library window quits, as its close button does.
     QAction* close = addAction(file, QObject::tr("Close Window"));
     // Ctrl+W on every desktop, whatever key scheme the platform theme reports.
-    QList<QKeySequence> closeKeys = QKeySequence::keyBindings(QKeySequence::Close);
-    if (!closeKeys.contains(QKeySequence(QStringLiteral("Ctrl+W")))) closeKeys.prepend(QKeySequence(QStringLiteral("Ctrl+W")));
-    close->setShortcuts(closeKeys);
+    close->setShortcuts(withKey(QKeySequence::keyBindings(QKeySequence::Close), QKeySequence(QStringLiteral("Ctrl+W"))));
     QObject::connect(close, &QAction::triggered, &window,
                      [&window] {
                          QWidget* active = QApplication::activeWindow();
                          (active ? active : &window)->close();
                      }, Qt::QueuedConnection);
     // Quitting is closing the library window: the app's lifecycle then saves first.
-    QAction* quit = addAction(file, QObject::tr("Quit"), QKeySequence::Quit);
+    QAction* quit = addAction(file, QObject::tr("Quit"));
+    quit->setShortcuts(withKey(QKeySequence::keyBindings(QKeySequence::Quit), QKeySequence(QStringLiteral("Ctrl+Q"))));
     QObject::connect(quit, &QAction::triggered, &window, &QWidget::close, Qt::QueuedConnection);
 
     QMenu* edit = window.menuBar()->addMenu(QObject::tr("&Edit"));

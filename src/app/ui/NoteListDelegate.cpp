@@ -35,16 +35,25 @@ void NoteListDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     const QFontMetrics titleMetrics(titleFont);
     const QFontMetrics bodyMetrics(option.font);
 
-    // A sketch shows a small picture of itself at the right, as tall as the row.
+    // A sketch shows a picture of itself at the right: the row's full height, up to twice as wide,
+    // drawn whole (never cropped) on a light frame.
     QRect area = option.rect.adjusted(padding, padding / 2, -padding, -padding / 2);
     if (const QString thumbnail = index.data(NoteListModel::ThumbnailRole).toString(); !thumbnail.isEmpty()) {
         QPixmap picture;
         if (!QPixmapCache::find(thumbnail, &picture) && picture.load(thumbnail)) QPixmapCache::insert(thumbnail, picture);
         if (!picture.isNull()) {
-            const QSize size = picture.size().scaled(QSize(area.height() * 3 / 2, area.height()), Qt::KeepAspectRatio);
-            const QRect target(QPoint(area.right() - size.width() + 1, area.top() + (area.height() - size.height()) / 2), size);
+            const QRect frame(option.rect.right() - padding - 2 * option.rect.height() + 3, option.rect.top() + 1,
+                              2 * option.rect.height() - 4, option.rect.height() - 2);
+            const QSize size = picture.size().scaled(frame.size() - QSize(2, 2), Qt::KeepAspectRatio);
+            const QRect target(frame.center() - QPoint(size.width() / 2, size.height() / 2), size);
+            painter->save();
+            painter->setRenderHint(QPainter::SmoothPixmapTransform);
+            painter->fillRect(frame, option.palette.color(QPalette::Base));
+            painter->setPen(option.palette.color(QPalette::Mid));
+            painter->drawRect(frame.adjusted(0, 0, -1, -1));
             painter->drawPixmap(target, picture);
-            area.setRight(target.left() - padding);
+            painter->restore();
+            area.setRight(frame.left() - padding);
         }
     }
     const QString date = shortDate(index.data(NoteListModel::ModifiedRole).toDateTime());

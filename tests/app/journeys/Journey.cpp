@@ -54,7 +54,7 @@ void Journey::whenShown(std::function<bool()> act) {
     auto started = std::make_shared<QElapsedTimer>();
     started->start();
     QObject::connect(timer, &QTimer::timeout, timer, [timer, act = std::move(act), started] {
-        if (act() || started->elapsed() > 5000) timer->deleteLater();
+        if (act() || started->elapsed() > 20000) timer->deleteLater();
     });
     timer->start(50);
 }

@@ -41,7 +41,7 @@ protected:
     // A right click as the window system delivers it: the press, then the context menu request.
     static void rightClick(QWidget* widget, QPoint position);
     // `act` runs once the menu or dialog that the next step opens is showing (that step
-    // waits in its own event loop); it is retried until it returns true, for 5 s at most.
+    // waits in its own event loop); it is retried until it returns true, for 20 s at most.
     static void whenShown(std::function<bool()> act);
     // A drop of `data` at `position`, as the window system delivers one: enter, move, drop.
     static void dropOn(QWidget* target, QPoint position, const QMimeData& data);

@@ -116,7 +116,11 @@ async function renderThumbnail(note) {
   try {
     const shapes = [...editor.getCurrentPageShapeIds()]
     if (!shapes.length || note !== shownNote) return
-    const { blob } = await editor.toImage(shapes, { format: 'png', scale: 0.25, background: true, padding: 8 })
+    // About 192 px on its longer side whatever the drawing's size: sharp in the list, never huge.
+    const bounds = editor.getCurrentPageBounds()
+    const longest = Math.max(bounds?.width ?? 0, bounds?.height ?? 0, 1)
+    const scale = Math.min(1, 192 / longest)
+    const { blob } = await editor.toImage(shapes, { format: 'png', scale, background: true, padding: 16 })
     if (note === shownNote) bridge.thumbnailRendered(note, await readAsBase64(blob))
   } catch (error) {
     console.warn('thumbnail', error)

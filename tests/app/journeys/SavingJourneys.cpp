@@ -1,0 +1,154 @@
+#include <QClipboard>
+#include <QFile>
+#include <QImage>
+#include <QMessageBox>
+#include <QMimeData>
+#include <QProcess>
+#include <QPushButton>
+#include <QUrl>
+
+#include "AppLifecycle.h"
+#include "EditorPane.h"
+#include "HtmlNoteView.h"
+#include "Journey.h"
+#include "MarkdownTextView.h"
+#include "NoteFileLock.h"
+#include "PlainNoteEditor.h"
+#include "SettingsWindow.h"
+
+namespace mossly::test {
+namespace {
+
+class SavingJourney : public Journey {
+protected:
+    MarkdownTextView* editor() const { return window().editorPane()->markdownEditor(); }
+    void writeAtEnd() {
+        QTest::mouseClick(editor()->viewport(), Qt::LeftButton, {}, QPoint(40, 20));
+        press(Qt::Key_End, Qt::ControlModifier);
+    }
+};
+
+// A screenshot pasted into a note is saved beside it and shown in it.
+TEST_F(SavingJourney, APastedImageIsSavedBesideTheNote) {
+    folder.write(QStringLiteral("Trip.md"), "# Trip\nthe view:");
+    launch();
+    writeAtEnd();
+    press(Qt::Key_Return);
+    QImage picture(64, 48, QImage::Format_RGB32);
+    picture.fill(Qt::darkCyan);
+    auto* data = new QMimeData;
+    data->setImageData(picture);
+    QGuiApplication::clipboard()->setMimeData(data);
+    press(QKeySequence(QStringLiteral("Ctrl+V")));
+    settle();
+    const QString body = bodyOnDisk(QStringLiteral("Trip.md"));
+    EXPECT_TRUE(body.contains(QStringLiteral("](Trip.assets/"))) << body.toStdString();
+    QStringList assets;
+    for (const QString& entry : folder.allEntries()) {
+        if (entry.startsWith(QStringLiteral("Trip.assets/")) && entry.endsWith(QStringLiteral(".png"))) assets.append(entry);
+    }
+    ASSERT_EQ(assets.size(), 1);
+    EXPECT_FALSE(QImage(folder.filePath(assets.front())).isNull());
+    screenshot(QStringLiteral("pasted-image"), &window());
+}
+
+// Note files dropped on the window are imported as notes.
+TEST_F(SavingJourney, NoteFilesDroppedOnTheWindowAreImported) {
+    launch();
+    TemporaryNotesFolder elsewhere;
+    elsewhere.write(QStringLiteral("Minutes.md"), "# Minutes\nagreed");
+    elsewhere.write(QStringLiteral("Page.html"), "<html><body><p>hello</p></body></html>");
+    QMimeData files;
+    files.setUrls({QUrl::fromLocalFile(elsewhere.filePath(QStringLiteral("Minutes.md"))),
+                   QUrl::fromLocalFile(elsewhere.filePath(QStringLiteral("Page.html")))});
+    dropOn(&window(), window().rect().center(), files);
+    ASSERT_TRUE(waitUntil([&] { return folder.exists(QStringLiteral("Minutes.md")) && folder.exists(QStringLiteral("Page.html")); }));
+    ASSERT_TRUE(waitUntil([&] { return rowRect(QStringLiteral("Minutes")).isValid(); }));
+    EXPECT_TRUE(elsewhere.exists(QStringLiteral("Minutes.md"))) << "the originals stay where they were";
+}
+
+// Split mode puts an HTML note's source beside its page; what is typed there is saved.
+TEST_F(SavingJourney, AnHtmlNoteIsEditedInSplitMode) {
+    folder.write(QStringLiteral("Page.html"), "<!doctype html><html><head><title>Page</title></head><body><p>hello</p></body></html>");
+    launch();
+    ASSERT_TRUE(waitUntil([&] { return window().editorPane()->htmlView() != nullptr; }, 10000));
+    press(QKeySequence(QStringLiteral("Ctrl+Alt+S")));
+    auto* source = window().editorPane()->findChild<PlainNoteEditor*>(QStringLiteral("htmlSourceEditor"));
+    ASSERT_TRUE(source);
+    ASSERT_TRUE(waitUntil([&] { return source->isVisible() && source->toPlainText().contains(QStringLiteral("hello")); }));
+    source->setFocus();
+    QTextCursor cursor = source->textCursor();
+    cursor.setPosition(static_cast<int>(source->toPlainText().indexOf(QStringLiteral("hello")) + 5));
+    source->setTextCursor(cursor);
+    type(QStringLiteral(" world"));
+    settle();
+    EXPECT_TRUE(QString::fromUtf8(folder.read(QStringLiteral("Page.html"))).contains(QStringLiteral("<p>hello world</p>")));
+    settle(1000);
+    screenshot(QStringLiteral("html-split-mode"), &window());
+}
+
+// A note deleted elsewhere while it holds unsaved words is written back with them.
+TEST_F(SavingJourney, ANoteDeletedElsewhereWhileTypingIsWrittenBack) {
+    folder.write(QStringLiteral("Draft.md"), "# Draft\nstart");
+    launch();
+    writeAtEnd();
+    type(QStringLiteral(" and more"));
+    QFile::remove(folder.filePath(QStringLiteral("Draft.md")));  // before the quarter-second save
+    ASSERT_TRUE(waitUntil([&] {
+        return folder.exists(QStringLiteral("Draft.md")) &&
+               bodyOnDisk(QStringLiteral("Draft.md")) == QStringLiteral("# Draft\nstart and more");
+    }, 8000));
+}
+
+// Quitting while another writer holds the library: Mossly waits, then asks;
+// Keep Trying stays open, and the words are saved once the library is free.
+TEST_F(SavingJourney, QuittingWithWordsThatCannotBeSavedAsksAndKeepsThem) {
+    folder.write(QStringLiteral("Diary.md"), "# Diary\nMonday");
+    launch();
+    QProcess holder;
+    holder.start(QStringLiteral("flock"), {QStringLiteral("-o"), folder.filePath(NoteFileLock::fileName),
+                                           QStringLiteral("sleep"), QStringLiteral("30")});
+    ASSERT_TRUE(holder.waitForStarted());
+    spin(300);
+    writeAtEnd();
+    type(QStringLiteral(", rain"));
+    bool asked = false;
+    whenShown([&] {
+        auto* box = qobject_cast<QMessageBox*>(QApplication::activeModalWidget());
+        if (!box || !box->isVisible()) return false;
+        for (QAbstractButton* button : box->buttons()) {
+            if (button->text() != QStringLiteral("Keep Trying")) continue;
+            asked = true;
+            screenshot(QStringLiteral("quit-cannot-save"), box);
+            QTest::mouseClick(button, Qt::LeftButton);
+        }
+        return true;
+    });
+    press(QKeySequence(QStringLiteral("Ctrl+Q")));
+    ASSERT_TRUE(waitUntil([&] { return asked; }, 15000)) << "the quit asks what to do with the unsaved words";
+    spin(200);
+    EXPECT_TRUE(window().isVisible()) << "Keep Trying keeps Mossly open";
+    holder.kill();
+    holder.waitForFinished();
+    ASSERT_TRUE(waitUntil([&] { return bodyOnDisk(QStringLiteral("Diary.md")) == QStringLiteral("# Diary\nMonday, rain"); },
+                          40000));
+}
+
+// Settings (Ctrl+,) opens with a Close button; Check for Updates is there but off.
+TEST_F(SavingJourney, SettingsOpenFromTheKeyboard) {
+    launch();
+    press(QKeySequence(QStringLiteral("Ctrl+,")));
+    SettingsWindow* settings = nullptr;
+    ASSERT_TRUE(waitUntil([&] {
+        settings = window().findChild<SettingsWindow*>();
+        return settings && settings->isVisible();
+    }));
+    screenshot(QStringLiteral("settings"), settings);
+    settings->close();
+    QAction* updates = findAction(window(), QStringLiteral("Check for Updates…"));
+    ASSERT_TRUE(updates);
+    EXPECT_FALSE(updates->isEnabled());
+}
+
+}  // namespace
+}  // namespace mossly::test
