@@ -6,9 +6,12 @@
 #include <QLabel>
 #include <QLineEdit>
 #include <QPlainTextEdit>
+#include <QProgressBar>
 #include <QPushButton>
+#include <QStandardItemModel>
 #include <QScopeGuard>
 #include <QSettings>
+#include <QTemporaryDir>
 #include <QTest>
 
 #include "AppTestSupport.h"
@@ -18,6 +21,7 @@
 #include "MeetingRecorderWindow.h"
 #include "MeetingSessionFakes.h"
 #include "NoteStore.h"
+#include "TestHttpServer.h"
 #include "TestSupport.h"
 
 namespace mossly {
@@ -123,18 +127,28 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
     ASSERT_TRUE(test::waitUntil([&] { return store.selection() == store.resolveNoteID(note); }));
 }
 
-// The Meetings page of Settings edits the same preferences the recorder starts from.
-TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoices) {
+// The Meetings page of Settings edits the same preferences the recorder starts
+// from, and an open recorder follows them at once. The page asks each summary
+// provider whether it can work, and never offers one that can only fail.
+TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoicesAndTheRecorderFollows) {
     test::TemporaryNotesFolder folder;
     NoteStore store(folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
                                                       .welcomeIconPng = {}});
     MainWindow window(store);
     fakes::FakeCaptures captures;
+    auto claude = std::make_shared<fakes::FakeProvider>();
+    claude->setConnection(meeting::ProviderConnectionState::needsLogin());
     MeetingSessionServices services;
     services.captureFactory = captures.factory();
     services.permissions = std::make_shared<fakes::FakePermissions>();
+    services.providerFactory = [claude](meeting::MeetingSummaryProviderKind kind)
+        -> std::shared_ptr<const meeting::MeetingSummaryProvider> {
+        if (kind == meeting::MeetingSummaryProviderKind::claudeCode) return claude;
+        return meeting::makeSummaryProvider(kind);
+    };
     MeetingRecorder recorder(store, std::move(services));
     window.setMeetingRecorder(&recorder);
+    MeetingRecorderWindow* recorderWindow = recorder.showWindow();
     test::findAction(window, QStringLiteral("Settings…"))->trigger();
     QWidget* settings = window.findChild<QWidget*>(QStringLiteral("settingsWindow"));
     ASSERT_TRUE(settings);
@@ -150,6 +164,61 @@ TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoices) {
     bool statusShown = false;
     for (QLabel* label : settings->findChildren<QLabel*>()) statusShown |= label->text() == QStringLiteral("Model not installed");
     EXPECT_TRUE(statusShown);
+
+    // The open recorder took both without a restart.
+    EXPECT_EQ(recorderWindow->providerChoice()->currentData().toString(), QStringLiteral("claudeCode"));
+    EXPECT_TRUE(recorderWindow->keepAudioBox()->isChecked());
+    EXPECT_EQ(recorder.controller().configuration().provider, meeting::MeetingSummaryProviderKind::claudeCode);
+
+    // Probed when shown: Claude needs a sign-in, Codex can only refuse and is no choice.
+    auto* connection = settings->findChild<QLabel*>(QStringLiteral("meetingProviderConnection"));
+    auto* testButton = settings->findChild<QPushButton*>(QStringLiteral("meetingProviderTest"));
+    ASSERT_TRUE(connection && testButton);
+    ASSERT_TRUE(test::waitUntil([&] { return connection->text().startsWith(QStringLiteral("Not signed in")); }));
+    const int codex = provider->findData(QStringLiteral("codexCLI"));
+    auto* items = qobject_cast<QStandardItemModel*>(provider->model());
+    ASSERT_TRUE(items);
+    ASSERT_TRUE(test::waitUntil([&] { return !items->item(codex)->isEnabled(); }));
+    EXPECT_EQ(provider->itemData(codex, Qt::ToolTipRole).toString(), meeting::CodexCLISummaryProvider::refusal);
+    auto* recorderItems = qobject_cast<QStandardItemModel*>(recorderWindow->providerChoice()->model());
+    EXPECT_FALSE(recorderItems->item(recorderWindow->providerChoice()->findData(QStringLiteral("codexCLI")))->isEnabled());
+
+    // Signed in meanwhile: Test asks again.
+    const int probes = claude->probes;
+    claude->setConnection(meeting::ProviderConnectionState::connected());
+    testButton->click();
+    ASSERT_TRUE(test::waitUntil([&] { return connection->text() == QStringLiteral("Connected."); }));
+    EXPECT_EQ(claude->probes, probes + 1);
+}
+
+// The model bar shows how far a download is once its size is known.
+TEST(MeetingRecorderWindow, TheDownloadBarShowsProgress) {
+    QTemporaryDir models;
+    const QByteArray body(400'000, 'x');
+    test::TestHttpServer server([&](const test::TestHttpServer::Request&) {
+        test::TestHttpServer::Response response;
+        response.contentType = "application/octet-stream";
+        response.body = body;
+        response.chunkDelay = std::chrono::milliseconds(20);
+        return response;
+    });
+    meeting::WhisperModelManager::Options options;
+    options.directory = models.path();
+    options.url = QStringLiteral("http://127.0.0.1:%1/ggml-base.bin").arg(server.port());
+    meeting::WhisperModelManager manager(options);
+    meeting::InMemoryMeetingPreferences preferences;
+    meeting::MeetingSettings settings(preferences);
+    meeting::MeetingSessionController controller(settings, MeetingSessionServices{});
+    meeting::MeetingProviderStatus providers({});
+    MeetingRecorderWindow recorderWindow(controller, settings, manager, providers);
+    QProgressBar* bar = recorderWindow.downloadProgress();
+    manager.download();
+    ASSERT_TRUE(test::waitUntil([&] {
+        return manager.state().kind == meeting::WhisperModelState::Kind::downloading && !bar->isHidden() &&
+               bar->maximum() > 0 && bar->value() > 0;
+    }));
+    manager.cancelDownload();
+    manager.waitForDownload();
 }
 
 }  // namespace

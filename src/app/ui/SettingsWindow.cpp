@@ -18,6 +18,7 @@
 #include "AgentCommandInstall.h"
 #include "LinkPreviews.h"
 #include "MeetingRecorder.h"
+#include "MeetingRecorderWindow.h"
 
 namespace mossly {
 
@@ -178,10 +179,36 @@ void SettingsWindow::addMeetingsPage(MeetingRecorder& recorder) {
     provider->addItem(tr("Claude Code"), QStringLiteral("claudeCode"));
     provider->addItem(QStringLiteral("Codex CLI \u2014 unavailable"), QStringLiteral("codexCLI"));
     provider->setCurrentIndex(provider->findData(rawValue(settings.defaultProvider())));
-    connect(provider, &QComboBox::currentIndexChanged, page, [provider, &settings] {
+    // Each provider's connection, asked of its program whenever the page is shown and on Test.
+    MeetingProviderStatus& providers = recorder.providers();
+    auto* connection = new QLabel(page);
+    connection->setObjectName(QStringLiteral("meetingProviderConnection"));
+    connection->setWordWrap(true);
+    auto* test = new QPushButton(tr("Test"), page);
+    test->setObjectName(QStringLiteral("meetingProviderTest"));
+    const auto chosenKind = [provider] {
+        return providerKindFromRaw(provider->currentData().toString()).value_or(MeetingSummaryProviderKind::none);
+    };
+    const auto showConnection = [provider, connection, test, chosenKind, &providers] {
+        showProviderStates(*provider, providers);
+        const auto kind = chosenKind();
+        const auto state = providers.state(kind);
+        connection->setText(kind == MeetingSummaryProviderKind::none ? tr("Meetings are not summarized.")
+                            : state                                  ? MeetingProviderStatus::describe(*state)
+                                                                     : QString());
+        test->setEnabled(kind != MeetingSummaryProviderKind::none &&
+                         state != ProviderConnectionState::running());
+    };
+    connect(&providers, &MeetingProviderStatus::stateChanged, page, showConnection);
+    connect(test, &QPushButton::clicked, page, [chosenKind, &providers] { providers.probe(chosenKind()); });
+    connect(provider, &QComboBox::currentIndexChanged, page, [provider, &settings, showConnection] {
         settings.setDefaultProvider(providerKindFromRaw(provider->currentData().toString())
                                         .value_or(MeetingSummaryProviderKind::none));
+        showConnection();
     });
+    auto* providerRow = new QHBoxLayout;
+    providerRow->addWidget(provider, 1);
+    providerRow->addWidget(test);
     auto* keep = new QCheckBox(QStringLiteral("Keep separate microphone and system recordings"), page);
     keep->setChecked(settings.retainAudio());
     connect(keep, &QCheckBox::toggled, page, [&settings](bool on) { settings.setRetainAudio(on); });
@@ -193,10 +220,17 @@ void SettingsWindow::addMeetingsPage(MeetingRecorder& recorder) {
     form->addRow(tr("Speech model"), status);
     form->addRow(QString(), about);
     form->addRow(QString(), modelButtons);
-    form->addRow(tr("Summary"), provider);
+    form->addRow(tr("Summary"), providerRow);
+    form->addRow(QString(), connection);
     form->addRow(QString(), keep);
     form->addRow(QString(), consent);
-    findChild<QTabWidget*>(QStringLiteral("settingsTabs"))->addTab(page, tr("Meetings"));
+    auto* tabs = findChild<QTabWidget*>(QStringLiteral("settingsTabs"));
+    tabs->addTab(page, tr("Meetings"));
+    connect(tabs, &QTabWidget::currentChanged, page, [tabs, page, &providers] {
+        if (tabs->currentWidget() == page) providers.probeAll();
+    });
+    showConnection();
+    providers.probeAll();
 }
 
 }  // namespace mossly

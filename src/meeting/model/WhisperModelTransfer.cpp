@@ -41,7 +41,9 @@ size_t readHeader(char* data, size_t size, size_t count, void* user) {
 int reportProgress(void* user, curl_off_t total, curl_off_t received, curl_off_t, curl_off_t) {
     auto* context = static_cast<TransferContext*>(user);
     if (context->cancel->load()) return 1;  // ends the transfer with CURLE_ABORTED_BY_CALLBACK
-    if (*context->progress) (*context->progress)(received, total);
+    // A continuation counts the bytes the file already holds, so progress never starts again from zero.
+    const curl_off_t before = context->rangeStart.value_or(0);
+    if (*context->progress) (*context->progress)(before + received, total > 0 ? before + total : 0);
     return 0;
 }
 

@@ -29,7 +29,8 @@ struct WhisperModelTransferResult {
     std::optional<WhisperModelError> error;  // transport or file trouble; status is then unreliable
 };
 
-// Called with bytes received in this request and the body's total size (0 when unknown).
+// Called with the bytes of the whole file so far (for a 206 answer: from the range's start) and its
+// total size (0 when unknown).
 using WhisperModelTransferProgress = std::function<void(qint64 received, qint64 total)>;
 
 WhisperModelTransferResult transferWhisperModel(const WhisperModelTransferRequest& request,

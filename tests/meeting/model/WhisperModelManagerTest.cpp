@@ -117,6 +117,7 @@ TEST_F(WhisperModelManagerTest, CutConnectionKeepsTheBytesAndTheNextDownloadResu
     TestHttpServer server([&](const auto& request) {
         auto response = serveWithRanges(model, request);
         if (attempt++ == 0) response.cutAfterBytes = 120'000;
+        response.chunkDelay = 1ms;  // the resumed body arrives in steps the progress can follow
         return response;
     });
     auto models = manager(server);
@@ -127,8 +128,18 @@ TEST_F(WhisperModelManagerTest, CutConnectionKeepsTheBytesAndTheNextDownloadResu
     EXPECT_EQ(read(".ggml-base.bin.partial"), model.left(120'000));
     EXPECT_FALSE(QFile::exists(path(".ggml-base.bin.download")));
 
+    // The bar goes on from the bytes already there, not from zero.
+    std::mutex mutex;
+    QList<double> progress;
+    QObject::connect(models.get(), &WhisperModelManager::downloadProgressChanged, [&] {
+        std::lock_guard lock(mutex);
+        if (auto value = models->downloadProgress()) progress << *value;
+    });
     downloadAndWait(*models);
     EXPECT_TRUE(server.lastHeaders("/ggml-base.bin").contains("Range: bytes=120000-"));
+    ASSERT_FALSE(progress.isEmpty());
+    EXPECT_GE(progress.first(), 120'000.0 / double(model.size()));
+    EXPECT_DOUBLE_EQ(progress.last(), 1.0);
     EXPECT_TRUE(models->state().isInstalled());
     EXPECT_EQ(read("ggml-base.bin"), model);
     EXPECT_FALSE(QFile::exists(path(".ggml-base.bin.partial")));

@@ -44,6 +44,7 @@ MeetingRecorder::MeetingRecorder(NoteStore& store, MeetingSessionServices servic
     if (!services.model) services.model = std::make_shared<WhisperModelManagerLocator>(models_);
     if (!services.notesDirectory) services.notesDirectory = [this] { return store_.directory(); };
     if (!services.diagnostics) services.diagnostics = std::make_shared<DiagnosticsCenterSink>();
+    providers_ = std::make_unique<MeetingProviderStatus>(services.providerFactory);
     controller_ = std::make_unique<MeetingSessionController>(settings_, std::move(services));
     connect(controller_.get(), &MeetingSessionController::phaseChanged, this,
             [this] { emit recordingChanged(isRecording()); });
@@ -68,7 +69,7 @@ bool MeetingRecorder::isRecording() const {
 
 MeetingRecorderWindow* MeetingRecorder::showWindow() {
     if (!window_) {
-        window_ = new MeetingRecorderWindow(*controller_, settings_, models_, microphones_);
+        window_ = new MeetingRecorderWindow(*controller_, settings_, models_, *providers_, microphones_);
         window_->setAttribute(Qt::WA_DeleteOnClose);
         connect(window_, &MeetingRecorderWindow::openNoteRequested, this, &MeetingRecorder::openNoteRequested);
     }

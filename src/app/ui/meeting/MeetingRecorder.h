@@ -6,6 +6,7 @@
 #include <QSettings>
 #include <memory>
 
+#include "MeetingProviderStatus.h"
 #include "MeetingSessionController.h"
 #include "MeetingSessionServices.h"
 #include "MeetingSettings.h"
@@ -32,6 +33,8 @@ public:
     meeting::MeetingSessionController& controller() const { return *controller_; }
     meeting::MeetingSettings& settings() { return settings_; }
     meeting::WhisperModelManager& models() { return models_; }
+    // The summary providers' connection states, for the recorder window and the settings page.
+    meeting::MeetingProviderStatus& providers() { return *providers_; }
     bool isRecording() const;
 
     // Opens (or raises) the "Meeting Recorder" window.
@@ -57,6 +60,7 @@ private:
     meeting::MeetingSettings settings_;
     meeting::WhisperModelManager models_;
     std::unique_ptr<meeting::MeetingSessionController> controller_;
+    std::unique_ptr<meeting::MeetingProviderStatus> providers_;
     MicrophoneList microphones_;
     QTimer* microphoneRefresh_ = nullptr;
     QPointer<MeetingRecorderWindow> window_;

@@ -10,10 +10,12 @@
 #include <QProgressBar>
 #include <QPushButton>
 #include <QScrollBar>
+#include <QStandardItemModel>
 #include <QSignalBlocker>
 #include <QVBoxLayout>
 #include <cmath>
 
+#include "MeetingProviderStatus.h"
 #include "MeetingSessionController.h"
 #include "MeetingSettings.h"
 #include "MeetingSummaryService.h"
@@ -49,12 +51,24 @@ int meterValue(float level) {
 
 }  // namespace
 
+void showProviderStates(QComboBox& choice, const MeetingProviderStatus& providers) {
+    auto* items = qobject_cast<QStandardItemModel*>(choice.model());
+    for (int index = 0; index < choice.count(); ++index) {
+        const auto kind = providerKindFromRaw(choice.itemData(index).toString());
+        if (!kind || *kind == MeetingSummaryProviderKind::none) continue;
+        const auto state = providers.state(*kind);
+        const bool usable = !state || MeetingProviderStatus::canSummarize(*state);
+        if (items) items->item(index)->setEnabled(usable);
+        choice.setItemData(index, state ? MeetingProviderStatus::describe(*state) : QString(), Qt::ToolTipRole);
+    }
+}
+
 MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controller, MeetingSettings& settings,
-                                             WhisperModelManager& models,
+                                             WhisperModelManager& models, MeetingProviderStatus& providers,
                                              std::function<std::vector<MicrophoneDevice>()> microphones,
                                              QWidget* parent)
     : QWidget(parent, Qt::Window), controller_(controller), settings_(settings), models_(models),
-      microphones_(std::move(microphones)) {
+      providers_(providers), microphones_(std::move(microphones)) {
     setObjectName(QStringLiteral("meetingRecorder"));
     setWindowTitle(tr("Meeting Recorder"));
     title_ = new QLineEdit(this);
@@ -66,10 +80,9 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     keepAudio_ = new QCheckBox(QStringLiteral("Keep separate microphone and system recordings"), this);
     consent_ = new QCheckBox(QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."), this);
     provider_ = new QComboBox(this);
-    provider_->addItem(tr("No summary"), QVariant::fromValue(static_cast<int>(MeetingSummaryProviderKind::none)));
-    provider_->addItem(tr("Claude Code"), QVariant::fromValue(static_cast<int>(MeetingSummaryProviderKind::claudeCode)));
-    provider_->addItem(QStringLiteral("Codex CLI \u2014 unavailable"),
-                       QVariant::fromValue(static_cast<int>(MeetingSummaryProviderKind::codexCLI)));
+    provider_->addItem(tr("No summary"), rawValue(MeetingSummaryProviderKind::none));
+    provider_->addItem(tr("Claude Code"), rawValue(MeetingSummaryProviderKind::claudeCode));
+    provider_->addItem(QStringLiteral("Codex CLI \u2014 unavailable"), rawValue(MeetingSummaryProviderKind::codexCLI));
     model_ = new QLabel(this);
     download_ = new QPushButton(tr("Download"), this);
     downloadProgress_ = new QProgressBar(this);
@@ -138,15 +151,20 @@ MeetingRecorderWindow::MeetingRecorderWindow(MeetingSessionController& controlle
     title_->setText(configuration.title);
     microphone_->setChecked(configuration.sources.contains(MeetingCaptureSource::microphone));
     system_->setChecked(configuration.sources.contains(MeetingCaptureSource::system));
-    keepAudio_->setChecked(configuration.retainAudio);
-    consent_->setChecked(settings_.hasAcknowledgedConsent());
-    provider_->setCurrentIndex(provider_->findData(static_cast<int>(configuration.provider)));
+    showConfiguration();
     if (configuration.microphoneDeviceUID) {
         const int index = microphonePicker_->findData(*configuration.microphoneDeviceUID);
         if (index >= 0) microphonePicker_->setCurrentIndex(index);
     }
 
     connect(consent_, &QCheckBox::toggled, this, [this](bool on) { settings_.setHasAcknowledgedConsent(on); });
+    connect(&controller_, &MeetingSessionController::configurationChanged, this, &MeetingRecorderWindow::showConfiguration);
+    connect(&settings_, &MeetingSettings::changed, this, [this] {
+        const QSignalBlocker quiet(consent_);
+        consent_->setChecked(settings_.hasAcknowledgedConsent());
+    });
+    connect(&providers_, &MeetingProviderStatus::stateChanged, this, &MeetingRecorderWindow::showProviders);
+    providers_.probeAll();
     connect(download_, &QPushButton::clicked, this, [this] { models_.download(); });
     connect(record_, &QPushButton::clicked, this, [this] {
         takeConfiguration();
@@ -200,8 +218,33 @@ void MeetingRecorderWindow::takeConfiguration() {
     configuration.retainAudio = keepAudio_->isChecked();
     const QString device = microphonePicker_->currentData().toString();
     configuration.microphoneDeviceUID = device.isEmpty() ? std::nullopt : std::optional(device);
-    configuration.provider = static_cast<MeetingSummaryProviderKind>(provider_->currentData().toInt());
+    configuration.provider =
+        providerKindFromRaw(provider_->currentData().toString()).value_or(MeetingSummaryProviderKind::none);
     controller_.setConfiguration(configuration);
+}
+
+void MeetingRecorderWindow::showConfiguration() {
+    const MeetingSessionPhase phase = controller_.phase();
+    if (phase != MeetingSessionPhase::idle && phase != MeetingSessionPhase::completed &&
+        phase != MeetingSessionPhase::failed)
+        return;  // the running meeting's own choices stay on show
+    const MeetingSessionConfiguration configuration = controller_.configuration();
+    keepAudio_->setChecked(configuration.retainAudio);
+    consent_->setChecked(settings_.hasAcknowledgedConsent());
+    provider_->setCurrentIndex(provider_->findData(rawValue(configuration.provider)));
+    showProviders();
+}
+
+void MeetingRecorderWindow::showProviders() {
+    showProviderStates(*provider_, providers_);
+    // A provider whose summary could only fail is no choice: the meeting goes without, and says why.
+    const int current = provider_->currentIndex();
+    const auto* items = qobject_cast<QStandardItemModel*>(provider_->model());
+    if (current >= 0 && items && !items->item(current)->isEnabled()) {
+        provider_->setToolTip(provider_->itemText(current) + QStringLiteral(": ") +
+                              provider_->itemData(current, Qt::ToolTipRole).toString());
+        provider_->setCurrentIndex(provider_->findData(rawValue(MeetingSummaryProviderKind::none)));
+    }
 }
 
 void MeetingRecorderWindow::showPhase() {
@@ -272,6 +315,7 @@ void MeetingRecorderWindow::showModel() {
     download_->setEnabled(!downloading);
     downloadProgress_->setVisible(downloading);
     if (const auto progress = models_.downloadProgress()) {
+        downloadProgress_->setRange(0, 1000);  // it was busy while the size was unknown
         downloadProgress_->setValue(static_cast<int>(*progress * 1000));
     } else {
         downloadProgress_->setRange(0, downloading ? 0 : 1000);

@@ -17,11 +17,16 @@ class QPushButton;
 namespace mossly {
 
 namespace meeting {
+class MeetingProviderStatus;
 class MeetingSessionController;
 struct MicrophoneDevice;
 class MeetingSettings;
 class WhisperModelManager;
 }  // namespace meeting
+
+// Items of a provider choice hold the provider's raw name. One whose summary
+// could only fail (refused, program missing) is disabled with the reason as its tip.
+void showProviderStates(QComboBox& choice, const meeting::MeetingProviderStatus& providers);
 
 // The meeting recorder: what to record and whether everything is ready before,
 // the live transcript with levels, backlog and time while recording, and the
@@ -32,10 +37,13 @@ class MeetingRecorderWindow : public QWidget {
 public:
     // `microphones` lists the inputs to choose from (empty: only the default input).
     MeetingRecorderWindow(meeting::MeetingSessionController& controller, meeting::MeetingSettings& settings,
-                          meeting::WhisperModelManager& models,
+                          meeting::WhisperModelManager& models, meeting::MeetingProviderStatus& providers,
                           std::function<std::vector<meeting::MicrophoneDevice>()> microphones = {},
                           QWidget* parent = nullptr);
     QComboBox* microphonePicker() const { return microphonePicker_; }
+    QComboBox* providerChoice() const { return provider_; }
+    QCheckBox* keepAudioBox() const { return keepAudio_; }
+    QProgressBar* downloadProgress() const { return downloadProgress_; }
     // Reads the inputs again (one was plugged in or removed). The chosen one stays
     // chosen; if it is gone it stays listed as disconnected rather than silently
     // becoming the default input.
@@ -57,10 +65,14 @@ private:
     void showModel();
     void showTimes();
     void takeConfiguration();
+    // The settings page changed a default between meetings: the choices show it.
+    void showConfiguration();
+    void showProviders();
 
     meeting::MeetingSessionController& controller_;
     meeting::MeetingSettings& settings_;
     meeting::WhisperModelManager& models_;
+    meeting::MeetingProviderStatus& providers_;
     std::function<std::vector<meeting::MicrophoneDevice>()> microphones_;
     QLineEdit* title_;
     QCheckBox* microphone_;
