@@ -47,8 +47,8 @@ ClaudeCodeSummaryProvider::ClaudeCodeSummaryProvider(ProviderCLIConnection conne
     : connection_(std::move(connection)), runner_(std::move(runner)) {}
 
 std::expected<ProviderCLIResult, MeetingSummaryProviderError> ClaudeCodeSummaryProvider::run(
-    const QStringList& arguments, const QByteArray& input) const {
-    return runner_ ? runner_(arguments, input) : connection_.run(arguments, input);
+    const QStringList& arguments, const QByteArray& input, std::stop_token stop) const {
+    return runner_ ? runner_(arguments, input) : connection_.run(arguments, input, std::move(stop));
 }
 
 ProviderConnectionState ClaudeCodeSummaryProvider::connectionState() const {
@@ -63,8 +63,8 @@ ProviderConnectionState ClaudeCodeSummaryProvider::connectionState() const {
 }
 
 std::expected<MeetingSummary, MeetingSummaryProviderError> ClaudeCodeSummaryProvider::summarize(
-    const QString& transcript) const {
-    auto result = run(summaryArguments(), (prompt + transcript).toUtf8());
+    const QString& transcript, std::stop_token stop) const {
+    auto result = run(summaryArguments(), (prompt + transcript).toUtf8(), std::move(stop));
     if (!result) return std::unexpected(result.error());
     if (result->exitCode != 0) return std::unexpected(MeetingSummaryProviderError::failed(std::move(*result)));
     QJsonParseError parseError{};

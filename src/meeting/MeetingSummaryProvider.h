@@ -44,7 +44,9 @@ public:
     virtual ~MeetingSummaryProvider() = default;
     virtual MeetingSummaryProviderKind kind() const = 0;
     virtual ProviderConnectionState connectionState() const = 0;
-    virtual std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const = 0;
+    // A stop request ends a running summary promptly with `stopped`.
+    virtual std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
+                                                                                 std::stop_token stop = {}) const = 0;
 };
 
 // Runs a program with arguments and standard input; ProviderCLIConnection::run unless a test stands in.
@@ -68,11 +70,13 @@ public:
     // `connected` when "claude auth status --json" reports a first-party sign-in.
     ProviderConnectionState connectionState() const override;
     // Standard input is `prompt` followed directly by `transcript`.
-    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override;
+    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
+                                                                         std::stop_token stop = {}) const override;
 
 private:
     std::expected<ProviderCLIResult, MeetingSummaryProviderError> run(const QStringList& arguments,
-                                                                      const QByteArray& input) const;
+                                                                      const QByteArray& input,
+                                                                      std::stop_token stop = {}) const;
 
     ProviderCLIConnection connection_;
     ProviderCLIRunner runner_;
@@ -85,7 +89,8 @@ public:
 
     MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::codexCLI; }
     ProviderConnectionState connectionState() const override { return ProviderConnectionState::unavailable(refusal); }
-    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString&) const override {
+    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString&,
+                                                                         std::stop_token = {}) const override {
         return std::unexpected(MeetingSummaryProviderError::unavailable(refusal));
     }
 };

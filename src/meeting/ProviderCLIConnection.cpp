@@ -160,6 +160,10 @@ MeetingSummaryProviderError MeetingSummaryProviderError::needsLogin() {
     return {Code::needsLogin, QStringLiteral("Connect the provider in Settings before summarizing.")};
 }
 
+MeetingSummaryProviderError MeetingSummaryProviderError::stopped() {
+    return {Code::stopped, QStringLiteral("The summary was stopped.")};
+}
+
 MeetingSummaryProviderError MeetingSummaryProviderError::timedOut() {
     return {Code::timedOut, QStringLiteral("The summary provider timed out.")};
 }
@@ -200,7 +204,7 @@ std::optional<QString> ProviderCLIConnection::executableURL() const {
 }
 
 std::expected<ProviderCLIResult, MeetingSummaryProviderError> ProviderCLIConnection::run(
-    const QStringList& arguments, const QByteArray& input) const {
+    const QStringList& arguments, const QByteArray& input, std::stop_token stop) const {
     const auto executable = executableURL();
     if (!executable) return std::unexpected(MeetingSummaryProviderError::notInstalled());
     auto directory = WorkingDirectory::create();
@@ -224,6 +228,10 @@ std::expected<ProviderCLIResult, MeetingSummaryProviderError> ProviderCLIConnect
             return std::unexpected(MeetingSummaryProviderError::outputTooLarge());
         }
         if (exited) break;
+        if (stop.stop_requested()) {
+            killGroupAndReap(*pid);
+            return std::unexpected(MeetingSummaryProviderError::stopped());
+        }
         if (clock() >= deadline) {
             killGroupAndReap(*pid);
             return std::unexpected(MeetingSummaryProviderError::timedOut());

@@ -7,6 +7,7 @@
 #include <expected>
 #include <functional>
 #include <optional>
+#include <stop_token>
 
 // Running a first-party assistant's command-line program as an isolated child
 // process: its own process group and temporary folder, a minimal environment,
@@ -24,7 +25,7 @@ struct ProviderCLIResult {
 // The summary providers' error type. Each case's text is shown to the user as it stands.
 class MeetingSummaryProviderError {
 public:
-    enum class Code { unavailable, failed, notInstalled, needsLogin, timedOut, outputTooLarge, invalidOutput };
+    enum class Code { unavailable, failed, notInstalled, needsLogin, timedOut, outputTooLarge, invalidOutput, stopped };
 
     static MeetingSummaryProviderError unavailable(QString text);
     static MeetingSummaryProviderError failed(ProviderCLIResult result);
@@ -33,6 +34,8 @@ public:
     static MeetingSummaryProviderError timedOut();
     static MeetingSummaryProviderError outputTooLarge();
     static MeetingSummaryProviderError invalidOutput();
+    // The user stopped the run (quitting, say).
+    static MeetingSummaryProviderError stopped();
 
     Code code() const { return code_; }
     const QString& description() const { return description_; }
@@ -80,8 +83,10 @@ struct ProviderCLIConnection {
     // `timeout` or its output (standard output and error together) grows past
     // `maximumOutputBytes`, the whole group is killed. Whatever the group left
     // running when the child exits is killed too, so a run leaves no process behind.
+    // A stop request kills the group at the next poll.
     std::expected<ProviderCLIResult, MeetingSummaryProviderError> run(const QStringList& arguments,
-                                                                      const QByteArray& input) const;
+                                                                      const QByteArray& input,
+                                                                      std::stop_token stop = {}) const;
 };
 
 }  // namespace mossly::meeting

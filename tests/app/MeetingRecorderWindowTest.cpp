@@ -1,6 +1,9 @@
 #include <gtest/gtest.h>
 
+#include <QApplication>
 #include <QCheckBox>
+#include <QElapsedTimer>
+#include <QTimer>
 #include <QComboBox>
 #include <QDir>
 #include <QLabel>
@@ -189,6 +192,62 @@ TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoicesAndTheRecorde
     testButton->click();
     ASSERT_TRUE(test::waitUntil([&] { return connection->text() == QStringLiteral("Connected."); }));
     EXPECT_EQ(claude->probes, probes + 1);
+}
+
+// Quitting while the summary is written says what is happening, keeps the app
+// responsive and lets the user stop the summary: the transcript is already saved.
+TEST(MeetingRecorderWindow, QuittingWhileSummarizingSaysSoAndTheSummaryCanBeStopped) {
+    test::TemporaryNotesFolder folder;
+    NoteStore store(folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true,
+                                                      .welcomeIconPng = {}});
+    fakes::FakeCaptures captures;
+    auto transcriber = std::make_shared<fakes::FakeTranscriber>();
+    auto provider = std::make_shared<fakes::FakeProvider>();
+    provider->hold = true;
+    MeetingSessionServices services;
+    services.model = std::make_shared<fakes::FakeModel>();
+    services.captureFactory = captures.factory();
+    services.permissions = std::make_shared<fakes::FakePermissions>();
+    services.transcriberFactory = [transcriber](const QString&)
+        -> std::expected<std::shared_ptr<WhisperTranscribing>, MeetingSessionError> { return transcriber; };
+    services.providerFactory =
+        [provider](meeting::MeetingSummaryProviderKind) -> std::shared_ptr<const meeting::MeetingSummaryProvider> {
+        return provider;
+    };
+    MeetingRecorder recorder(store, std::move(services));
+    recorder.settings().setHasAcknowledgedConsent(true);
+    auto configuration = recorder.controller().configuration();
+    configuration.title = QStringLiteral("Retro");
+    configuration.sources = {MeetingCaptureSource::microphone};
+    configuration.provider = meeting::MeetingSummaryProviderKind::claudeCode;
+    recorder.controller().setConfiguration(configuration);
+    recorder.controller().start();
+    ASSERT_TRUE(test::waitUntil([&] { return recorder.isRecording(); }));
+    captures.latest(MeetingCaptureSource::microphone).deliver(3);
+    recorder.controller().stop();
+    ASSERT_TRUE(test::waitUntil([&] { return provider->calls == 1; }));
+
+    QString told;
+    QTimer user;
+    QObject::connect(&user, &QTimer::timeout, [&] {
+        for (QWidget* widget : QApplication::topLevelWidgets()) {
+            if (widget->objectName() != MeetingRecorder::quitDialogName || !widget->isVisible()) continue;
+            told = widget->findChild<QLabel*>(QStringLiteral("qt_msgbox_label"))->text();
+            if (auto* stop = widget->findChild<QPushButton*>(QStringLiteral("meetingQuitStopSummary"))) stop->click();
+        }
+    });
+    user.start(50);
+    QElapsedTimer quitting;
+    quitting.start();
+    recorder.checkpointBeforeQuit();
+    EXPECT_LT(quitting.elapsed(), 3000);
+    EXPECT_TRUE(told.startsWith(QStringLiteral("The transcript is saved in the meeting note."))) << told.toStdString();
+    EXPECT_EQ(recorder.controller().phase(), MeetingSessionPhase::completed);
+    QFile note(recorder.controller().noteURL().toLocalFile());
+    ASSERT_TRUE(note.open(QIODevice::ReadOnly));
+    const QString text = QString::fromUtf8(note.readAll());
+    EXPECT_TRUE(text.contains(QStringLiteral("You: microphone from 0")));
+    EXPECT_TRUE(text.contains(QStringLiteral("meeting-summary-status: \"failed\"")));
 }
 
 // The model bar shows how far a download is once its size is known.

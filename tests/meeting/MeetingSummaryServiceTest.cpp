@@ -58,7 +58,8 @@ TEST(MeetingSummaryService, SummarizesTheStableTranscriptThroughItsProvider) {
     public:
         MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
         ProviderConnectionState connectionState() const override { return ProviderConnectionState::connected(); }
-        std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override {
+        std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
+                                                                             std::stop_token = {}) const override {
             return MeetingSummary{"t", transcript, {}, {}, {}};
         }
     };

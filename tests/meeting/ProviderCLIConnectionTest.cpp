@@ -6,6 +6,7 @@
 #include <chrono>
 #include <csignal>
 #include <sys/wait.h>
+#include <thread>
 
 #include "ProcessTestSupport.h"
 #include "ProviderCLIConnection.h"
@@ -167,6 +168,25 @@ TEST(MeetingProviderCLIConnection, TheTimeoutFollowsTheInjectedClock) {
     ASSERT_FALSE(result);
     EXPECT_EQ(result.error().code(), MeetingSummaryProviderError::Code::timedOut);
     EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+}
+
+TEST(MeetingProviderCLIConnection, AStopRequestKillsTheRunAtOnce) {
+    FakeExecutables programs;
+    programs.add("claude", "sleep 300\n");
+    const auto before = leftoverWorkingDirectories();
+    std::stop_source stop;
+    std::thread stopper([&stop] {
+        std::this_thread::sleep_for(200ms);
+        stop.request_stop();
+    });
+    const auto started = std::chrono::steady_clock::now();
+    auto result = connectionTo(programs, 120s).run({}, {}, stop.get_token());
+    stopper.join();
+    ASSERT_FALSE(result);
+    EXPECT_EQ(result.error().code(), MeetingSummaryProviderError::Code::stopped);
+    EXPECT_EQ(result.error().description(), "The summary was stopped.");
+    EXPECT_LT(std::chrono::steady_clock::now() - started, 2s);
+    EXPECT_EQ(leftoverWorkingDirectories(), before);
 }
 
 TEST(MeetingProviderCLIConnection, EndlessOutputIsCutAtTheLimit) {

@@ -46,6 +46,7 @@ MeetingSessionController::~MeetingSessionController() {
     // No capture calls back after stop() returns, so nothing reaches a half-destroyed controller.
     stopCaptures();
     if (work_) work_->cancelled = true;
+    summaryStop_.request_stop();  // a summary would hold the worker for up to its timeout
     workerThread_.quit();
     workerThread_.wait();
     delete workerContext_;
@@ -439,14 +440,15 @@ void MeetingSessionController::requestSummary(bool retry, const QDateTime& ended
     auto provider = services_.providerFactory ? services_.providerFactory(session_->configuration().provider)
                                               : nullptr;
     auto work = work_;
+    summaryStop_ = std::stop_source();
     onWorker<MeetingSummaryOutcome>(
-        [work, provider] {
+        [work, provider, stop = summaryStop_.get_token()] {
             if (!provider) {
                 MeetingSummaryOutcome none;
                 none.failure = QStringLiteral("No summary provider is available.");
                 return none;
             }
-            return meeting_work::summarize(*work, *provider);
+            return meeting_work::summarize(*work, *provider, stop);
         },
         [this, work, retry, endedAt, completion](MeetingSummaryOutcome outcome) {
             if (work != work_) return finish(completion);
@@ -484,6 +486,10 @@ void MeetingSessionController::complete(bool summaryRequested, const QDateTime& 
         {{QStringLiteral("segmentCount"), QString::number(session_->state().segments.size())},
          {QStringLiteral("summaryRequested"), booleanText(summaryRequested)}});
     finish(completion);
+}
+
+void MeetingSessionController::stopSummary() {
+    if (phase_ == summarizing) summaryStop_.request_stop();
 }
 
 void MeetingSessionController::retrySummary(Completion completion) {

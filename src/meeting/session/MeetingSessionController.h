@@ -11,6 +11,7 @@
 #include <map>
 #include <memory>
 #include <optional>
+#include <stop_token>
 
 #include "MeetingSession.h"
 #include "MeetingSessionServices.h"
@@ -94,6 +95,9 @@ public:
     void resume();
     void stop(Completion completion = {});
     void retrySummary(Completion completion = {});
+    // Ends a running summary now (the app is quitting, say): the transcript is already
+    // in the note, the summary counts as failed and may be retried.
+    void stopSummary();
     void retryFinalWrite(Completion completion = {});
     void reset();
     void checkpointForTermination(Completion completion = {});
@@ -184,6 +188,7 @@ private:
     bool processingScheduled_ = false;
     bool lastSummaryFailed_ = false;
     bool finalWritePending_ = false;
+    std::stop_source summaryStop_;  // of the running summary
     bool audioIssueReported_ = false;
 };
 

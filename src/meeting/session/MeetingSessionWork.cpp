@@ -202,12 +202,12 @@ MeetingFinalization writeFinal(MeetingWork& work) {
     return result;
 }
 
-MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider) {
+MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider, std::stop_token stop) {
     MeetingSummaryOutcome outcome;
     if (work.cancelled) return outcome;
     work.writer->setBusyPatience(work.busyPatience);
     if (!work.unsavedSummary) {
-        auto summary = provider.summarize(MeetingSummaryService::transcript(work.stableSegments));
+        auto summary = provider.summarize(MeetingSummaryService::transcript(work.stableSegments), std::move(stop));
         if (!summary) {
             outcome.failure = summary.error().description();
             if (auto marked = work.writer->setSummaryStatus(MeetingSummaryStatus::failed); !marked) {

@@ -9,6 +9,7 @@
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <stop_token>
 
 #include "AudioPipeline.h"
 #include "IncrementalTranscription.h"
@@ -108,7 +109,8 @@ MeetingFinalization finalize(MeetingWork& work, const QDateTime& endedAt);
 MeetingFinalization writeFinal(MeetingWork& work);
 // Asks the provider and writes the summary block, or the "failed" status. A summary
 // whose write failed is kept and written by the next call without asking again.
-MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider);
+// `stop` ends the provider's run (the transcript is already in the note).
+MeetingSummaryOutcome summarize(MeetingWork& work, const MeetingSummaryProvider& provider, std::stop_token stop);
 // Drains the queue into the transcription and writes a checkpoint; the manifest stays.
 MeetingBatch checkpointForTermination(MeetingWork& work);
 

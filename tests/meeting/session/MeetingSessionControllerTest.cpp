@@ -361,6 +361,32 @@ TEST_F(MeetingSessionControllerTest, FailedSummaryKeepsTheTranscriptAndCanBeRetr
     EXPECT_EQ(provider->calls, 3);
 }
 
+// Quitting need not wait for the provider's time limit: the summary can be stopped,
+// the transcript is already in the note, and a retry works afterwards.
+TEST_F(MeetingSessionControllerTest, AStoppedSummaryEndsAtOnceAndCanBeRetried) {
+    provider->hold = true;
+    auto controller = makeController();
+    configure(*controller, {Source::microphone}, MeetingSummaryProviderKind::claudeCode);
+    startRecording(*controller);
+    captures.latest(Source::microphone).deliver(3);
+    bool stopped = false;
+    controller->stop([&] { stopped = true; });
+    ASSERT_TRUE(waitFor([&] { return provider->calls == 1; }));
+    EXPECT_EQ(controller->phase(), summarizing);
+    EXPECT_TRUE(noteText(*controller).contains("[00:00] You: microphone from 0"));
+
+    controller->stopSummary();
+    ASSERT_TRUE(waitFor([&] { return stopped; }, 2000));
+    EXPECT_EQ(controller->phase(), completed);
+    EXPECT_EQ(controller->errorMessage(), "Transcript saved. Summary failed: The summary was stopped.");
+    EXPECT_TRUE(noteText(*controller).contains("meeting-summary-status: \"failed\""));
+    ASSERT_TRUE(controller->canRetrySummary());
+
+    provider->hold = false;
+    run([&](auto done) { controller->retrySummary(done); });
+    EXPECT_TRUE(noteText(*controller).contains("meeting-summary-status: \"complete\""));
+}
+
 // The provider answered but the library stayed busy: the summary is kept, the note says
 // "failed" rather than "pending" once it can, and the retry writes the same summary.
 TEST_F(MeetingSessionControllerTest, ASummaryWhoseNoteWriteFailsIsKeptForTheRetry) {

@@ -88,13 +88,15 @@ std::expected<QList<MeetingTranscriptSegment>, MeetingSessionError> FakeTranscri
     return QList{segment};
 }
 
-std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summarize(const QString& transcript) const {
+std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summarize(const QString& transcript,
+                                                                                  std::stop_token stop) const {
     ++calls;
     {
         std::lock_guard lock(mutex);
         lastTranscript = transcript;
     }
-    while (hold) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    while (hold && !stop.stop_requested()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (stop.stop_requested()) return std::unexpected(MeetingSummaryProviderError::stopped());
     if (fails) return std::unexpected(MeetingSummaryProviderError::unavailable(QStringLiteral("Claude is offline.")));
     return MeetingSummary{QStringLiteral("Standup"), QStringLiteral("We met."), {QStringLiteral("Ship it")},
                           {QStringLiteral("Write tests")}, {}};

@@ -108,7 +108,9 @@ public:
     // What the provider's program answers; waits while `holdProbe` is set.
     ProviderConnectionState connectionState() const override;
     void setConnection(ProviderConnectionState state);
-    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript) const override;
+    // Waits while `hold` is set, unless stopped.
+    std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
+                                                                         std::stop_token stop = {}) const override;
 
     std::atomic<bool> fails{false};
     std::atomic<bool> hold{false};  // summarize waits while it is set

@@ -2,6 +2,9 @@
 
 #include <QCoreApplication>
 #include <QElapsedTimer>
+#include <QEventLoop>
+#include <QMessageBox>
+#include <QPushButton>
 #include <QTimer>
 
 #include "Diagnostics.h"
@@ -91,7 +94,47 @@ void MeetingRecorder::microphonesChanged() {
     microphoneRefresh_->start(microphoneRefreshDelayMs);
 }
 
+void MeetingRecorder::finishStoppedMeetingBeforeQuit() {
+    const auto finishing = [this] {
+        const MeetingSessionPhase phase = controller_->phase();
+        return !controller_->canRetryFinalWrite() &&
+               (phase == MeetingSessionPhase::finalizing || phase == MeetingSessionPhase::summarizing);
+    };
+    if (!finishing()) return;
+    // Not modal and no event loop of its own: the wait below keeps every window responsive.
+    // No parent: the recorder window may be closed (and deleted) meanwhile.
+    QMessageBox box(QMessageBox::Information, tr("Finishing the Meeting"), QString(), QMessageBox::NoButton);
+    box.setObjectName(quitDialogName);
+    box.setWindowModality(Qt::NonModal);
+    QPushButton* stopSummary = box.addButton(tr("Stop Summary and Quit"), QMessageBox::DestructiveRole);
+    stopSummary->setObjectName(QStringLiteral("meetingQuitStopSummary"));
+    connect(stopSummary, &QPushButton::clicked, this, [this] { controller_->stopSummary(); });
+    box.setEscapeButton(static_cast<QAbstractButton*>(nullptr));
+    const auto show = [this, &box, stopSummary] {
+        const bool summarizing = controller_->phase() == MeetingSessionPhase::summarizing;
+        box.setText(summarizing ? tr("The transcript is saved in the meeting note. Mossly quits once the summary is "
+                                     "written; stop the summary to quit now.")
+                                : tr("Saving the meeting transcript… Mossly quits once every word is in the "
+                                     "meeting note."));
+        stopSummary->setVisible(summarizing);
+    };
+    show();
+    const auto shown = connect(controller_.get(), &MeetingSessionController::phaseChanged, &box, show);
+    box.show();
+    // Finalizing ends when every word is written (or the write fails and is kept for the
+    // retry below); a summary ends by the provider's time limit at the latest.
+    QEventLoop waiting;
+    const auto check = [&waiting, finishing] {
+        if (!finishing()) waiting.quit();
+    };
+    connect(controller_.get(), &MeetingSessionController::phaseChanged, &waiting, check);
+    connect(controller_.get(), &MeetingSessionController::finalWritePendingChanged, &waiting, check);
+    if (finishing()) waiting.exec();
+    disconnect(shown);
+}
+
 void MeetingRecorder::checkpointBeforeQuit(int timeoutMs) {
+    finishStoppedMeetingBeforeQuit();
     // A stopped meeting whose final write failed gets one more try as well.
     if (!isRecording() && !controller_->canRetryFinalWrite()) return;
     bool done = false;

@@ -40,8 +40,12 @@ public:
     // Opens (or raises) the "Meeting Recorder" window.
     MeetingRecorderWindow* showWindow();
     // Before the app quits: a running meeting is checkpointed and left to be
-    // recovered at the next launch. Waits at most `timeoutMs`.
+    // recovered at the next launch (waits at most `timeoutMs`). A stopped meeting
+    // still being finalized or summarized is waited for with the app responsive and
+    // a box saying so, in which the user may stop the summary.
     void checkpointBeforeQuit(int timeoutMs = 15000);
+
+    static inline const QString quitDialogName = QStringLiteral("meetingQuitDialog");
 
     static constexpr int microphoneRefreshDelayMs = 300;
 
@@ -54,6 +58,8 @@ signals:
     void openNoteRequested(const QString& path);
 
 private:
+    void finishStoppedMeetingBeforeQuit();
+
     NoteStore& store_;
     QSettings preferencesFile_;
     meeting::QSettingsMeetingPreferences preferences_;
