@@ -176,6 +176,30 @@ Result<QByteArray> AtomicFile::readAll(const QString& path, bool followSymlinks,
     return bytes;
 }
 
+Result<bool> renameIfAbsent(const QString& from, const QString& to) {
+    const QByteArray source = encoded(from);
+    const QByteArray target = encoded(to);
+    if (::renameat2(AT_FDCWD, source.constData(), AT_FDCWD, target.constData(), RENAME_NOREPLACE) != 0) {
+        const int error = errno;
+        if (error == EEXIST) return false;
+        // A file system without RENAME_NOREPLACE: link() refuses an existing name too.
+        if (error != EINVAL && error != ENOSYS && error != EOPNOTSUPP) return fail(Error::system(error, to));
+        if (::link(source.constData(), target.constData()) != 0) {
+            if (errno == EEXIST) return false;
+            return fail(Error::system(errno, to));
+        }
+        if (::unlink(source.constData()) != 0) {
+            const int unlinkError = errno;
+            ::unlink(target.constData());  // back to one name: the old one
+            return fail(Error::system(unlinkError, from));
+        }
+    }
+    auto synced = syncDirectory(QFileInfo(to).path());
+    if (synced && QFileInfo(from).path() != QFileInfo(to).path()) synced = syncDirectory(QFileInfo(from).path());
+    if (!synced) return fail(synced.error());
+    return true;
+}
+
 AtomicFile::AtomicFile(AtomicFile&& other) noexcept
     : targetPath_(std::move(other.targetPath_)),
       temporaryPath_(std::exchange(other.temporaryPath_, QString())),

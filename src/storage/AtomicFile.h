@@ -74,4 +74,8 @@ private:
 // fsync of a folder, so that a rename or a new name in it is durable.
 Result<void> syncDirectory(const QString& directory);
 
+// Gives the file at `from` the name `to` in one step, never replacing
+// anything at `to`: false (and nothing changed) when `to` exists. Syncs the folder.
+Result<bool> renameIfAbsent(const QString& from, const QString& to);
+
 }  // namespace mossly

@@ -240,6 +240,41 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
     });
 }
 
+Result<StoredNote> NoteRepository::rename(const QString& identifier, const QString& expectedRevision,
+                                          const QString& newBaseName, const NoteEditor& editedBy) const {
+    auto directory = directoryURL();
+    if (!directory) return fail(directory.error());
+    auto path = pathPolicy_.url(identifier, *directory);
+    if (!path) return fail(path.error());
+    if (auto name = validateEditor(editedBy); !name) return fail(name.error());
+
+    const qsizetype slash = identifier.lastIndexOf(u'/');
+    const QString fileName = identifier.mid(slash + 1);
+    const QString extension = fileName.mid(fileName.lastIndexOf(u'.'));
+    const QString newIdentifier = identifier.left(slash + 1) + newBaseName + extension;
+    // A base name is one name: a "/" would move the note into another folder.
+    // Surrounding spaces are refused rather than trimmed: they would silently differ from what was asked.
+    if (newBaseName.isEmpty() || newBaseName.contains(u'/') || newBaseName.trimmed() != newBaseName ||
+        newBaseName.toUtf8().size() + extension.toUtf8().size() > 255) {
+        return fail(Error::invalidIdentifier(newIdentifier));
+    }
+    auto newPath = pathPolicy_.url(newIdentifier, *directory);
+    if (!newPath) return fail(newPath.error());
+
+    return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
+        auto current = readAt(*directory, identifier);
+        if (!current) return fail(current.error());
+        if (current->document.revision() != expectedRevision) {
+            return fail(Error::stale(expectedRevision, current->document.revision()));
+        }
+        if (newIdentifier == identifier) return current;
+        auto renamed = renameIfAbsent(*path, *newPath);
+        if (!renamed) return fail(renamed.error());
+        if (!*renamed) return fail(Error::alreadyExists(newIdentifier));
+        return readAt(*directory, newIdentifier);
+    });
+}
+
 Result<void> NoteRepository::moveToTrash(const QString& identifier) const {
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());

@@ -59,6 +59,14 @@ public:
                               std::optional<NoteContentType> contentType = std::nullopt,
                               const NoteFrontMatterFields& frontMatterUpdates = {}) const;
 
+    // Gives the note's file the name `newBaseName` (the extension and the
+    // subfolder stay) if the file still has `expectedRevision`; otherwise fails
+    // with `stale`. Never replaces a file: a taken name fails with
+    // `alreadyExists` (the user chose the name, so no counter is added). The
+    // text is not touched, so the revision stays. Returns the note as renamed.
+    Result<StoredNote> rename(const QString& identifier, const QString& expectedRevision,
+                              const QString& newBaseName, const NoteEditor& editedBy) const;
+
     // Moves the note file to the user's Trash. Never deletes.
     Result<void> moveToTrash(const QString& identifier) const;
 
