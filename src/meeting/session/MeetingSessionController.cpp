@@ -37,6 +37,8 @@ MeetingSessionController::MeetingSessionController(MeetingSettings& settings, Me
     workerThread_.setObjectName(QStringLiteral("Meeting worker"));
     workerContext_->moveToThread(&workerThread_);
     workerThread_.start();
+    intake_.setMaxThreadCount(1);
+    intake_.setObjectName(QStringLiteral("Meeting audio intake"));
     elapsedTimer_.setInterval(elapsedIntervalMs);
     connect(&elapsedTimer_, &QTimer::timeout, this, &MeetingSessionController::updateElapsed);
     connect(&settings_, &MeetingSettings::changed, this, &MeetingSessionController::applyChangedDefaults);
@@ -46,6 +48,9 @@ MeetingSessionController::~MeetingSessionController() {
     // No capture calls back after stop() returns, so nothing reaches a half-destroyed controller.
     stopCaptures();
     if (work_) work_->cancelled = true;
+    // Intake jobs call back to this object: none may outlive it.
+    intake_.clear();
+    intake_.waitForDone();
     summaryStop_.request_stop();  // a summary would hold the worker for up to its timeout
     workerThread_.quit();
     workerThread_.wait();
@@ -256,20 +261,33 @@ void MeetingSessionController::stopCaptures() {
 void MeetingSessionController::handle(MeetingAudioChunk chunk) {
     if (!acceptingAudio_ || !work_) return;
     setLevel(chunk.source, chunk.level);
-    if (work_->configuration.retainAudio) {
-        std::lock_guard lock(work_->audioMutex);
-        if (work_->audioStore) {
-            if (auto kept = work_->audioStore->append(chunk); !kept && !audioIssueReported_) {
-                audioIssueReported_ = true;  // once per meeting: the disk will not recover by itself
-                report(QStringLiteral("Retain meeting audio"), kept.error().description(), kept.error().description());
-            }
-        }
+    // Resampling and writing to disk take time the window needs for drawing.
+    intake_.start([this, work = work_, chunk = std::move(chunk)] {
+        auto intake = meeting_work::takeIn(*work, chunk);
+        QMetaObject::invokeMethod(
+            this, [this, work, intake] { afterIntake(work, intake); }, Qt::QueuedConnection);
+    });
+}
+
+void MeetingSessionController::afterIntake(const std::shared_ptr<MeetingWork>& work, const MeetingIntake& intake) {
+    if (work != work_) return;
+    if (intake.keepFailure && !audioIssueReported_) {
+        audioIssueReported_ = true;  // once per meeting: the disk will not recover by itself
+        const QString description = intake.keepFailure->description();
+        report(QStringLiteral("Retain meeting audio"), description, description);
     }
-    if (auto queued = work_->pipeline->enqueue(chunk); !queued) {
-        report(QStringLiteral("Queue meeting audio"), queueFailureStatus, queued.error().description());
+    if (intake.queueFailure) {
+        report(QStringLiteral("Queue meeting audio"), queueFailureStatus, intake.queueFailure->description());
         return;
     }
     scheduleProcessing();
+}
+
+void MeetingSessionController::afterIntakeDrained(std::function<void()> next) {
+    // The intake runs its jobs one after another: this one comes after every chunk before it.
+    intake_.start([this, next = std::move(next)] {
+        QMetaObject::invokeMethod(this, next, Qt::QueuedConnection);
+    });
 }
 
 void MeetingSessionController::recordCaptureFailure(const MeetingSessionError& error, MeetingCaptureSource source) {
@@ -580,7 +598,11 @@ void MeetingSessionController::afterHandedOverChunks(std::function<void()> next,
         this,
         [this, work = work_, next = std::move(next), completion] {
             if (work != work_ || !isStopping_) return finish(completion);
-            next();
+            // ...and the intake still has to queue them for the transcription.
+            afterIntakeDrained([this, work, next, completion] {
+                if (work != work_ || !isStopping_) return finish(completion);
+                next();
+            });
         },
         Qt::QueuedConnection);
 }

@@ -5,6 +5,7 @@
 #include <QObject>
 #include <QString>
 #include <QThread>
+#include <QThreadPool>
 #include <QTimer>
 #include <QUrl>
 #include <functional>
@@ -27,6 +28,7 @@ namespace mossly::meeting {
 struct MeetingWork;
 struct MeetingBatch;
 struct MeetingFinalization;
+struct MeetingIntake;
 
 // The single owner of one meeting recording at a time, behind the recorder
 // window. It lives on the main thread and publishes its state there; model
@@ -132,6 +134,9 @@ private:
     void startCaptures(double offset);
     void stopCaptures();
     void handle(MeetingAudioChunk chunk);
+    void afterIntake(const std::shared_ptr<MeetingWork>& work, const MeetingIntake& intake);
+    // `next` on the main thread once the intake has taken in every chunk handed to it so far.
+    void afterIntakeDrained(std::function<void()> next);
     void recordCaptureFailure(const MeetingSessionError& error, MeetingCaptureSource source);
     void recordCaptureWarning(const std::optional<MeetingSessionError>& warning, MeetingCaptureSource source);
     void setCaptureWarning(MeetingCaptureSource source, const QString& text);
@@ -159,6 +164,8 @@ private:
     MeetingSessionServices services_;
     QThread workerThread_;
     QObject* workerContext_;
+    // Resampling, the spool and the recording files: one thread, so chunks stay in arrival order.
+    QThreadPool intake_;
 
     MeetingSessionPhase phase_ = MeetingSessionPhase::idle;
     QList<MeetingTranscriptSegment> segments_;

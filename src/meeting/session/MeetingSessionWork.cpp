@@ -87,6 +87,19 @@ MeetingPermissionOutcome requestPermissions(MeetingPermissions& permissions,
     return outcome;
 }
 
+MeetingIntake takeIn(MeetingWork& work, const MeetingAudioChunk& chunk) {
+    MeetingIntake intake;
+    if (work.cancelled) return intake;  // a failed meeting's audio must not reach the next one
+    if (work.configuration.retainAudio) {
+        std::lock_guard lock(work.audioMutex);
+        if (work.audioStore) {
+            if (auto kept = work.audioStore->append(chunk); !kept) intake.keepFailure = kept.error();
+        }
+    }
+    if (auto queued = work.pipeline->enqueue(chunk); !queued) intake.queueFailure = queued.error();
+    return intake;
+}
+
 MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const MeetingTranscriberFactory& factory) {
     MeetingPreparation result;
     // A failed meeting may have left audio behind; it must not reach this one's transcript.

@@ -79,6 +79,12 @@ struct MeetingFinalization {
     bool summaryRequested = false;
 };
 
+// A captured chunk taken in: kept in its recording, queued for transcription.
+struct MeetingIntake {
+    std::optional<MeetingSessionError> keepFailure;   // the recording file would not take it
+    std::optional<MeetingSessionError> queueFailure;  // the queue would not take it (resampling, the spool)
+};
+
 struct MeetingSummaryOutcome {
     std::optional<MeetingSummary> summary;
     std::optional<QString> failure;  // the provider's description, or the note write's
@@ -98,6 +104,9 @@ inline constexpr float silenceThreshold = 0.002f;
 
 MeetingPermissionOutcome requestPermissions(MeetingPermissions& permissions,
                                             const QSet<MeetingCaptureSource>& sources);
+// Appends the chunk to its recording when audio is kept and queues it (resampled,
+// spooled past the memory capacity). Runs on the intake thread, in arrival order.
+MeetingIntake takeIn(MeetingWork& work, const MeetingAudioChunk& chunk);
 // Loads the model, creates the transcription, the note with its first manifest, and the audio tracks.
 MeetingPreparation prepare(MeetingWork& work, const QString& modelPath, const MeetingTranscriberFactory& factory);
 // Transcribes up to `batchChunkLimit` queued chunks; checkpoints when new stable segments exist.

@@ -499,6 +499,26 @@ TEST_F(MeetingSessionControllerTest, QueueingAndTranscriptionTroubleShowsAStatus
     EXPECT_TRUE(noteText(*controller).contains("You: microphone from 18"));
 }
 
+// Resampling and the overflow spool touch the disk and take time: never on the main thread.
+TEST_F(MeetingSessionControllerTest, QueueingAndSpoolingRunOffTheMainThread) {
+    auto spool = std::make_unique<ThreadNotingSpool>();
+    const ThreadNotingSpool* noted = spool.get();
+    pipeline = std::make_shared<AudioPipeline>(0, std::move(spool));  // every chunk goes to the spool
+    auto controller = makeController();
+    configure(*controller, {Source::microphone});
+    startRecording(*controller);
+    captures.latest(Source::microphone).deliver(2);
+    std::vector<float> highRate;  // a third second at 48 kHz: resampled on the way in
+    for (float sample : toneChunk(Source::microphone, 2).samples) highRate.insert(highRate.end(), 3, sample);
+    captures.latest(Source::microphone)
+        .deliver(MeetingAudioChunk::captured(Source::microphone, 2, std::move(highRate), 48000));
+    run([&](auto done) { controller->stop(done); });
+    EXPECT_GE(noted->appends(), 3);
+    EXPECT_FALSE(noted->wroteOn(QCoreApplication::instance()->thread()));
+    EXPECT_TRUE(noteText(*controller).contains("[00:00] You: microphone from 0"));
+    EXPECT_EQ(controller->errorMessage(), "");
+}
+
 TEST_F(MeetingSessionControllerTest, UnreadableQueuedAudioIsReported) {
     pipeline = std::make_shared<AudioPipeline>(0, std::make_unique<UnreadableSpool>());
     auto controller = makeController();

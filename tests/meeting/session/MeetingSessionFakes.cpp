@@ -114,6 +114,36 @@ void FakeProvider::setConnection(ProviderConnectionState state) {
     connection_ = std::move(state);
 }
 
+std::expected<qint64, QString> ThreadNotingSpool::append(const QByteArray& record) {
+    std::lock_guard lock(mutex_);
+    writers_.insert(QThread::currentThread());
+    ++appends_;
+    const qint64 offset = data_.size();
+    data_.append(record);
+    return offset;
+}
+
+std::expected<QByteArray, QString> ThreadNotingSpool::read(qint64 offset, qint64 length) {
+    std::lock_guard lock(mutex_);
+    return data_.mid(offset, length);
+}
+
+std::expected<void, QString> ThreadNotingSpool::reset() {
+    std::lock_guard lock(mutex_);
+    data_.clear();
+    return {};
+}
+
+int ThreadNotingSpool::appends() const {
+    std::lock_guard lock(mutex_);
+    return appends_;
+}
+
+bool ThreadNotingSpool::wroteOn(const QThread* thread) const {
+    std::lock_guard lock(mutex_);
+    return writers_.contains(thread);
+}
+
 QString DiagnosticRecord::field(const QString& key) const {
     for (const auto& [name, value] : fields) {
         if (name == key) return value;

@@ -3,12 +3,14 @@
 #include <QCoreApplication>
 #include <QDateTime>
 #include <QElapsedTimer>
+#include <QThread>
 #include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
 #include <optional>
+#include <set>
 #include <thread>
 #include <vector>
 
@@ -142,6 +144,22 @@ public:
     const DiagnosticRecord* find(const QString& name) const;
     int count(const QString& name) const;
     std::vector<DiagnosticRecord> records;
+};
+
+// An overflow spool in memory that notes the threads that wrote to it.
+class ThreadNotingSpool final : public AudioSpoolStorage {
+public:
+    std::expected<qint64, QString> append(const QByteArray& record) override;
+    std::expected<QByteArray, QString> read(qint64 offset, qint64 length) override;
+    std::expected<void, QString> reset() override;
+    int appends() const;
+    bool wroteOn(const QThread* thread) const;
+
+private:
+    mutable std::mutex mutex_;
+    QByteArray data_;
+    int appends_ = 0;
+    std::set<const QThread*> writers_;
 };
 
 // An overflow spool that keeps what it is given but cannot read it back.
