@@ -15,6 +15,7 @@
 #include <QUrl>
 
 #include "AgentCommandInstall.h"
+#include "EditCommands.h"
 #include "EditorPane.h"
 #include "GranolaImportDialog.h"
 #include "LinkPreviews.h"
@@ -175,6 +176,7 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QObject::connect(quit, &QAction::triggered, &window, &QWidget::close, Qt::QueuedConnection);
 
     QMenu* edit = window.menuBar()->addMenu(QObject::tr("&Edit"));
+    installEditCommands(*edit, window);
     QAction* search = addAction(edit, QObject::tr("Search Notes"), QKeySequence(QStringLiteral("Ctrl+F")));
     QObject::connect(search, &QAction::triggered, &window, [&window] { window.sidebar()->focusSearch(); });
     edit->addSeparator();
@@ -248,6 +250,9 @@ void installAppActions(MainWindow& window, NoteStore& store) {
     QAction* updates = help->addAction(QObject::tr("Check for Updates…"));
     updates->setEnabled(false);
     updates->setStatusTip(QObject::tr("Updates come from your system's package manager."));
+    help->addSeparator();
+    QObject::connect(help->addAction(QObject::tr("About Mossly")), &QAction::triggered, &window,
+                     [&window] { showAboutBox(&window); });
     makeShortcutsApplicationWide(window);
 }
 

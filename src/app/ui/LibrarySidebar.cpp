@@ -1,6 +1,8 @@
 #include "LibrarySidebar.h"
 
+#include <QAction>
 #include <QKeyEvent>
+#include <algorithm>
 #include <QLabel>
 #include <QLineEdit>
 #include <QListView>
@@ -49,6 +51,12 @@ LibrarySidebar::LibrarySidebar(NoteStore& store, QWidget* parent) : QWidget(pare
         if (index.isValid()) store_.select(index.data(NoteListModel::UrlRole).toString());
     });
     connect(list_, &QListView::customContextMenuRequested, this, &LibrarySidebar::showNoteMenu);
+    // Delete (and Shift+Delete) in the list move the selected notes to the Trash, as the menu does.
+    auto* trash = new QAction(tr("Move to Trash"), list_);
+    trash->setShortcuts({QKeySequence(QKeySequence::Delete), QKeySequence(QStringLiteral("Shift+Del"))});
+    trash->setShortcutContext(Qt::WidgetShortcut);
+    list_->addAction(trash);
+    connect(trash, &QAction::triggered, this, [this] { trashNotes(selectedUrls()); });
     connect(list_, &QListView::doubleClicked, this, [this](const QModelIndex& index) {
         if (index.isValid()) emit openInWindowRequested(index.data(NoteListModel::UrlRole).toString());
     });
@@ -118,6 +126,14 @@ void LibrarySidebar::followSelection() {
     }
 }
 
+void LibrarySidebar::trashNotes(const QStringList& urls) {
+    if (urls.isEmpty()) return;
+    store_.deleteNotes(QSet<QString>(urls.begin(), urls.end()));
+    // A note that could not be moved is still there, and the store has said why.
+    const auto moved = std::count_if(urls.begin(), urls.end(), [this](const QString& url) { return !store_.note(url); });
+    if (moved > 0) emit message(tr("%n note(s) moved to the Trash.", nullptr, static_cast<int>(moved)));
+}
+
 QStringList LibrarySidebar::selectedUrls() const {
     QStringList urls;
     for (const QModelIndex& index : list_->selectionModel()->selectedIndexes()) {
@@ -151,7 +167,7 @@ void LibrarySidebar::showNoteMenu(const QPoint& position) {
         });
     }
     menu.addSeparator();
-    menu.addAction(tr("Move to Trash"), this, [this, urls] { store_.deleteNotes(QSet<QString>(urls.begin(), urls.end())); });
+    menu.addAction(tr("Move to Trash"), this, [this, urls] { trashNotes(urls); });
     menu.exec(list_->viewport()->mapToGlobal(position));
 }
 

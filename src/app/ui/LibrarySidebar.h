@@ -27,6 +27,8 @@ public:
 signals:
     // The user asked for a note in a window of its own (double click, context menu).
     void openInWindowRequested(const QString& url);
+    // Something to tell the user in passing (the window's status bar shows it).
+    void message(const QString& text);
 
 protected:
     bool eventFilter(QObject* watched, QEvent* event) override;
@@ -37,6 +39,7 @@ private:
     void searchSettled();
     void updateEmptyState();
     QStringList selectedUrls() const;
+    void trashNotes(const QStringList& urls);
 
     NoteStore& store_;
     QLineEdit* search_;

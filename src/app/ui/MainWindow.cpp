@@ -48,6 +48,7 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
 
     installAppActions(*this, store);
     connect(sidebar_, &LibrarySidebar::openInWindowRequested, this, &MainWindow::openNoteWindow);
+    connect(sidebar_, &LibrarySidebar::message, this, [this](const QString& text) { statusBar()->showMessage(text, 10000); });
     connect(editorPane_, &EditorPane::thumbnailFiled, sidebar_->noteList()->viewport(), qOverload<>(&QWidget::update));
     // Sketches nobody has opened get their pictures drawn in the background, as the list shows them.
     auto* thumbnails = new SketchThumbnailRenderer(store, this);
@@ -124,7 +125,10 @@ void MainWindow::dropEvent(QDropEvent* event) {
 
 void MainWindow::setMeetingRecorder(MeetingRecorder* recorder) {
     meetingRecorder_ = recorder;
-    QMenu* menu = menuBar()->addMenu(tr("&Meeting"));
+    // Before Help, which ends every menu bar.
+    QMenu* menu = new QMenu(tr("&Meeting"), menuBar());
+    const QList<QAction*> menus = menuBar()->actions();
+    menuBar()->insertMenu(menus.isEmpty() ? nullptr : menus.last(), menu);
     QAction* open = menu->addAction(tr("Open Meeting Recorder…"));
     open->setShortcut(QKeySequence(QStringLiteral("Shift+Ctrl+R")));
     QAction* stop = menu->addAction(tr("Stop Recording"));

@@ -5,6 +5,7 @@
 #include <QLocale>
 #include <QPainter>
 #include <QPixmapCache>
+#include <QRegularExpression>
 
 #include "NoteListModel.h"
 
@@ -14,9 +15,15 @@ namespace {
 
 constexpr int padding = 8;
 
+// As file managers write dates: today's time (no seconds), "Yesterday", else the locale's short date.
 QString shortDate(const QDateTime& time) {
     const QDateTime local = time.toLocalTime();
-    if (local.date() == QDate::currentDate()) return QLocale().toString(local.time(), QLocale::ShortFormat);
+    const QDate today = QDate::currentDate();
+    if (local.date() == today) {
+        static const QRegularExpression seconds(QStringLiteral("[:.]ss"));
+        return QLocale().toString(local.time(), QLocale().timeFormat(QLocale::ShortFormat).remove(seconds));
+    }
+    if (local.date() == today.addDays(-1)) return QObject::tr("Yesterday");
     return QLocale().toString(local.date(), QLocale::ShortFormat);
 }
 
@@ -61,7 +68,13 @@ void NoteListDelegate::paint(QPainter* painter, const QStyleOptionViewItem& opti
     painter->save();
     painter->setFont(titleFont);
     painter->setPen(palette.color(selected ? QPalette::HighlightedText : QPalette::Text));
-    const QRect titleRect(area.left(), area.top(), area.width() - dateWidth, titleMetrics.height());
+    QRect titleRect(area.left(), area.top(), area.width() - dateWidth, titleMetrics.height());
+    if (index.data(NoteListModel::FavoriteRole).toBool()) {
+        // Favourites carry a star before their title.
+        const QString star = QStringLiteral("\u2605 ");
+        painter->drawText(titleRect, Qt::AlignLeft | Qt::AlignVCenter, star);
+        titleRect.setLeft(titleRect.left() + titleMetrics.horizontalAdvance(star));
+    }
     painter->drawText(titleRect, Qt::AlignLeft | Qt::AlignVCenter,
                       titleMetrics.elidedText(index.data(NoteListModel::TitleRole).toString(), Qt::ElideRight,
                                               titleRect.width()));

@@ -84,6 +84,7 @@ QVariant NoteListModel::data(const QModelIndex& index, int role) const {
             return QDateTime::fromMSecsSinceEpoch(ms.count());
         }
         case Qt::ToolTipRole: return note->identifier;
+        case FavoriteRole: return store_.isFavorite(note->url);
         case ThumbnailRole: {
             if (note->contentType != NoteContentType::sketch) return {};
             const QString path = SketchThumbnails::pathFor(note->url, note->revision);

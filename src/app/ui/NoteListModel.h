@@ -20,7 +20,7 @@ struct LibraryScope {
 class NoteListModel : public QAbstractListModel {
     Q_OBJECT
 public:
-    enum Role { UrlRole = Qt::UserRole + 1, TitleRole, ExcerptRole, ModifiedRole, ThumbnailRole };
+    enum Role { UrlRole = Qt::UserRole + 1, TitleRole, ExcerptRole, ModifiedRole, ThumbnailRole, FavoriteRole };
     static inline const char* const noteUrlsMimeType = "application/x-mossly-note-urls";
 
     explicit NoteListModel(NoteStore& store, QObject* parent = nullptr);

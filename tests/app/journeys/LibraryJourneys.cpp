@@ -9,6 +9,8 @@
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QClipboard>
+#include <QStatusBar>
 #include <QTreeWidget>
 
 #include "DeleteFolderDialog.h"
@@ -17,6 +19,7 @@
 #include "LibrarySidebar.h"
 #include "LibraryTree.h"
 #include "MarkdownTextView.h"
+#include "NoteListModel.h"
 
 namespace mossly::test {
 namespace {
@@ -117,6 +120,7 @@ TEST_F(LibraryJourney, ANoteIsFavouritedAndMovedToTheTrashFromItsMenu) {
     QTreeWidget& tree = *window().sidebar()->tree();
     QTest::mouseClick(tree.viewport(), Qt::LeftButton, {}, treeRow(tree, QStringLiteral("Favourites")).center());
     ASSERT_EQ(noteList().model()->rowCount(), 1);
+    EXPECT_TRUE(noteList().model()->index(0, 0).data(NoteListModel::FavoriteRole).toBool()) << "marked with a star";
     screenshot(QStringLiteral("favourites"), &window());
 
     whenShown([] { return chooseMenuItem(QStringLiteral("Move to Trash")); });
@@ -124,6 +128,51 @@ TEST_F(LibraryJourney, ANoteIsFavouritedAndMovedToTheTrashFromItsMenu) {
     ASSERT_TRUE(waitUntil([&] { return !folder.exists(QStringLiteral("Groceries.md")); }));
     EXPECT_TRUE(QFile::exists(qEnvironmentVariable("XDG_DATA_HOME") + QStringLiteral("/Trash/files/Groceries.md")));
     EXPECT_EQ(noteList().model()->rowCount(), 0);
+}
+
+// Delete in the list moves the selected notes to the Trash and says how many went.
+TEST_F(LibraryJourney, TheDeleteKeyMovesTheSelectedNotesToTheTrash) {
+    folder.write(QStringLiteral("One.md"), "# One");
+    folder.write(QStringLiteral("Two.md"), "# Two");
+    folder.write(QStringLiteral("Three.md"), "# Three");
+    launch();
+    ASSERT_TRUE(clickRow(QStringLiteral("One")));
+    ASSERT_TRUE(clickRow(QStringLiteral("Two"), Qt::ControlModifier));
+    noteList().setFocus();
+    press(Qt::Key_Delete);
+    ASSERT_TRUE(waitUntil([&] { return !folder.exists(QStringLiteral("One.md")) && !folder.exists(QStringLiteral("Two.md")); }));
+    EXPECT_TRUE(folder.exists(QStringLiteral("Three.md")));
+    EXPECT_EQ(window().statusBar()->currentMessage(), QStringLiteral("2 note(s) moved to the Trash."));
+    screenshot(QStringLiteral("delete-key"), &window());
+}
+
+// Edit ▸ Select All, Cut, Paste and Undo from the menu act on the note being edited.
+TEST_F(LibraryJourney, TheEditMenuCutsPastesAndUndoesInTheEditor) {
+    folder.write(QStringLiteral("Words.md"), "# Words\nkeep these");
+    launch();
+    auto* editor = window().editorPane()->markdownEditor();
+    QTest::mouseClick(editor->viewport(), Qt::LeftButton, {}, QPoint(40, 20));
+    QAction* selectAll = findAction(window(), QStringLiteral("Select All"));
+    QAction* cut = findAction(window(), QStringLiteral("Cut"));
+    QAction* paste = findAction(window(), QStringLiteral("Paste"));
+    QAction* undo = findAction(window(), QStringLiteral("Undo"));
+    ASSERT_TRUE(selectAll && cut && paste && undo);
+    EXPECT_EQ(cut->shortcut(), QKeySequence(QKeySequence::Cut));
+    selectAll->trigger();
+    cut->trigger();
+    settle();
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Words.md")), QString());
+    EXPECT_TRUE(QGuiApplication::clipboard()->text().contains(QStringLiteral("keep these")));
+    paste->trigger();
+    paste->trigger();
+    settle();
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Words.md")), QStringLiteral("# Words\nkeep these# Words\nkeep these"));
+    undo->trigger();
+    settle();
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Words.md")), QStringLiteral("# Words\nkeep these"));
+    // In the note list nothing can be cut.
+    noteList().setFocus();
+    EXPECT_FALSE(cut->isEnabled());
 }
 
 // Deleting a folder that holds notes asks where they go; choosing another folder moves them there.
