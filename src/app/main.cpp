@@ -1,6 +1,7 @@
 #include <QApplication>
 #include <QCommandLineParser>
 #include <QDir>
+#include <QFileInfo>
 #include <cstdio>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include "Diagnostics.h"
 #include "MainWindow.h"
 #include "NotesLocation.h"
+#include "SingleInstance.h"
 
 using namespace mossly;
 
@@ -46,11 +48,18 @@ int main(int argc, char** argv) {
     const QCommandLineOption notesDirOption(QStringLiteral("notes-dir"), QStringLiteral("Open the notes in DIR."),
                                             QStringLiteral("DIR"));
     parser.addOption(notesDirOption);
+    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Markdown, HTML or sketch files to open."),
+                                 QStringLiteral("[FILE…]"));
     if (!parser.parse(QApplication::arguments())) {  // parse(), not process(): tolerate platform flags
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return 2;
     }
     if (parser.isSet(QStringLiteral("help"))) parser.showHelp();
+    // Files to open, from the command line or the file manager (the desktop entry's %F).
+    QStringList files;
+    for (const QString& file : parser.positionalArguments()) files.append(QFileInfo(file).absoluteFilePath());
+    // One Mossly per user: a second launch hands its files to the one running and ends.
+    if (SingleInstance::handOver(files)) return 0;
 
     DiagnosticsCenter& diagnostics = DiagnosticsCenter::shared();
     diagnostics.setLogFile(defaultDiagnosticsLogPath());
@@ -64,6 +73,7 @@ int main(int argc, char** argv) {
     session.lifecycle().handleTerminationSignals();
     MainWindow& window = session.window();
     window.show();
+    session.openFiles(files);
     diagnostics.event(QStringLiteral("Application finished launching"));
     return QApplication::exec();
 }

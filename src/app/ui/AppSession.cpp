@@ -1,5 +1,12 @@
 #include "AppSession.h"
 
+#include <QDir>
+#include <QFileInfo>
+#include <QMessageBox>
+#include <QPushButton>
+#include <QStatusBar>
+#include <QTimer>
+
 #include "AppIcon.h"
 #include "AppLifecycle.h"
 #include "Diagnostics.h"
@@ -9,6 +16,7 @@
 #include "NoteStore.h"
 #include "PulseDevices.h"
 #include "QuitFlow.h"
+#include "SingleInstance.h"
 
 namespace mossly {
 
@@ -36,6 +44,7 @@ struct AppSession::Parts {
     AppLifecycle lifecycle;
     MainWindow window;
     MeetingRecorder recorder;
+    SingleInstance instance;
     std::expected<std::unique_ptr<meeting::MicrophoneWatcher>, meeting::MeetingSessionError> microphoneWatcher;
 
     explicit Parts(const QString& directory)
@@ -59,6 +68,12 @@ AppSession::AppSession(const QString& notesDirectory) : parts_(std::make_unique<
     });
     p.recorder.controller().recoverInterruptedMeetings();  // meetings the last run could not finish
     p.lifecycle.watchMainWindow(&p.window);
+    QObject::connect(&p.instance, &SingleInstance::filesReceived, &p.window, [this](const QStringList& files) {
+        window().show();
+        window().raise();
+        window().activateWindow();
+        openFiles(files);
+    });
     p.lifecycle.setTerminationHandler(
         [&store = p.store, &recorder = p.recorder, &window = p.window,
          prompts = dialogQuitPrompts(&p.window)](bool mayCancel) {
@@ -69,6 +84,54 @@ AppSession::AppSession(const QString& notesDirectory) : parts_(std::make_unique<
 }
 
 AppSession::~AppSession() = default;
+
+void AppSession::openFiles(const QStringList& paths) {
+    if (paths.isEmpty()) return;
+    NoteStore& notes = store();
+    if (notes.isLoadingInitialNotes() || notes.isReadingNoteDetails()) {
+        // The library is still being read: open them once it is.
+        auto* waiting = new QTimer(&window());
+        QObject::connect(waiting, &QTimer::timeout, &window(), [this, paths, waiting] {
+            if (store().isLoadingInitialNotes() || store().isReadingNoteDetails()) return;
+            waiting->deleteLater();
+            openFiles(paths);
+        });
+        waiting->start(100);
+        return;
+    }
+    const QDir library(notes.directory());
+    QStringList toImport;
+    QStringList refused;
+    for (const QString& path : paths) {
+        const QFileInfo file(path);
+        if (!file.isFile()) {
+            refused.append(QObject::tr("\u201C%1\u201D was not found.").arg(path));
+        } else if (!noteContentTypeForFileName(file.fileName())) {
+            refused.append(QObject::tr("\u201C%1\u201D is not a Markdown, HTML or sketch file.").arg(file.fileName()));
+        } else if (const QString inside = library.relativeFilePath(file.absoluteFilePath()); !inside.startsWith(u"..")) {
+            if (!notes.note(library.filePath(inside))) (void)notes.reloadFromDiskPreservingSelection();  // just written
+            if (const auto url = notes.resolveNoteID(QDir::cleanPath(library.filePath(inside)))) notes.select(*url);
+        } else {
+            toImport.append(file.absoluteFilePath());
+        }
+    }
+    if (!refused.isEmpty()) window().statusBar()->showMessage(refused.join(u' '), 15000);
+    if (toImport.isEmpty()) return;
+    auto* question = new QMessageBox(
+        QMessageBox::Question, QObject::tr("Import Notes"),
+        QObject::tr("Import %n file(s) into your notes? Mossly copies them; the files stay where they are, unchanged.",
+                    nullptr, static_cast<int>(toImport.size())),
+        QMessageBox::Cancel, &window());
+    question->setObjectName(QStringLiteral("importOpenedFiles"));
+    question->setInformativeText(toImport.join(u'\n'));
+    QPushButton* import = question->addButton(QObject::tr("Import"), QMessageBox::AcceptRole);
+    question->setDefaultButton(import);
+    question->setAttribute(Qt::WA_DeleteOnClose);
+    QObject::connect(question, &QMessageBox::buttonClicked, &window(), [this, import, toImport](QAbstractButton* chosen) {
+        if (chosen == import) store().importNoteFiles(toImport);
+    });
+    question->open();
+}
 
 NoteStore& AppSession::store() const { return parts_->store; }
 MainWindow& AppSession::window() const { return parts_->window; }

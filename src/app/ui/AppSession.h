@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <QStringList>
 #include <memory>
 
 namespace mossly {
@@ -24,6 +25,12 @@ public:
     MainWindow& window() const;
     MeetingRecorder& recorder() const;
     AppLifecycle& lifecycle() const;
+
+    // Files given on the command line, by the file manager or by a second
+    // launch: a note of this library opens; a note file from elsewhere is
+    // offered for import (copied: the file itself is never moved or changed);
+    // anything else is refused with a message.
+    void openFiles(const QStringList& paths);
 
 private:
     struct Parts;

@@ -8,6 +8,7 @@
 #include <QGridLayout>
 #include <QLabel>
 #include <QMessageBox>
+#include <QDialogButtonBox>
 #include <QPushButton>
 #include <QSettings>
 #include <QSpinBox>
@@ -31,9 +32,12 @@ SettingsWindow::SettingsWindow(LinkPreviews& previews, std::function<void(qreal)
     tabs->setObjectName(QStringLiteral("settingsTabs"));
     tabs->addTab(editorPage(), tr("Editor"));
     tabs->addTab(agentsPage(), tr("Agents"));
+    auto* buttons = new QDialogButtonBox(QDialogButtonBox::Close, this);
+    connect(buttons, &QDialogButtonBox::rejected, this, &QDialog::close);
     auto* layout = new QVBoxLayout(this);
     layout->addWidget(tabs);
-    resize(560, 380);
+    layout->addWidget(buttons);
+    resize(560, 400);
 }
 
 QWidget* SettingsWindow::editorPage() {
@@ -100,7 +104,8 @@ QWidget* SettingsWindow::agentsPage() {
         grid->addWidget(status, row, 1);
         grid->addWidget(add, row, 2);
         grid->addWidget(remove, row, 3);
-        clientStatus_.emplace_back(client, status);
+        remove->setObjectName(QStringLiteral("unregister-") + agentClientName(client));
+        clientRows_.push_back({client, status, add, remove});
         const auto act = [this, client](bool registering) {
             auto done = registering ? agents_.registration.registerClient(client)
                                     : agents_.registration.unregisterClient(client);
@@ -131,12 +136,15 @@ void SettingsWindow::refreshAgents() {
     const QString command = preferredAgentCommand(agents_.agentProgram, agents_.home);
     installStatus_->setText(command == agents_.agentProgram ? tr("Not installed in ~/.local/bin")
                                                             : tr("Installed as %1").arg(command));
-    for (const auto& [client, label] : clientStatus_) {
-        const auto registered = agents_.registration.isRegistered(client);
-        label->setText(!registered ? registered.error().description()
-                       : *registered ? tr("Registered")
-                                     : tr("Not registered"));
-        label->setToolTip(agents_.registration.location(client));
+    for (const ClientRow& row : clientRows_) {
+        const auto registered = agents_.registration.isRegistered(row.client);
+        row.status->setText(!registered ? registered.error().description()
+                            : *registered ? tr("Registered")
+                                          : tr("Not registered"));
+        row.status->setToolTip(agents_.registration.location(row.client));
+        // A button is offered only where it changes something (both when the state cannot be read).
+        row.add->setEnabled(!registered || !*registered);
+        row.remove->setEnabled(!registered || *registered);
     }
 }
 

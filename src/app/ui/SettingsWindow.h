@@ -7,6 +7,7 @@
 
 class QCheckBox;
 class QLabel;
+class QPushButton;
 class QSpinBox;
 
 namespace mossly {
@@ -43,7 +44,14 @@ private:
     Agents agents_;
     QCheckBox* access_ = nullptr;
     QLabel* installStatus_ = nullptr;
-    std::vector<std::pair<AgentClient, QLabel*>> clientStatus_;
+    // One row per agent client: its state, and the buttons that can change it.
+    struct ClientRow {
+        AgentClient client;
+        QLabel* status;
+        QPushButton* add;
+        QPushButton* remove;
+    };
+    std::vector<ClientRow> clientRows_;
 };
 
 }  // namespace mossly

@@ -1,10 +1,14 @@
 #include <QClipboard>
+#include <QDir>
 #include <QFile>
 #include <QImage>
 #include <QMessageBox>
 #include <QMimeData>
+#include <QPointer>
 #include <QProcess>
 #include <QPushButton>
+#include <QTabWidget>
+#include <QTimer>
 #include <QUrl>
 
 #include "AppLifecycle.h"
@@ -134,17 +138,67 @@ TEST_F(SavingJourney, QuittingWithWordsThatCannotBeSavedAsksAndKeepsThem) {
                           40000));
 }
 
+// `mossly FILE` while Mossly runs: the running one opens a note of its library,
+// and offers a file from elsewhere for import, leaving that file as it was.
+TEST_F(SavingJourney, FilesOpenedFromTheCommandLineGoToTheRunningMossly) {
+    folder.write(QStringLiteral("Older.md"), "# Older");
+    spin(20);
+    folder.write(QStringLiteral("Newer.md"), "# Newer");
+    launch();
+    ASSERT_TRUE(waitUntil([&] { return store().selection().has_value(); }));
+    // The second launch runs beside this one, whose event loop keeps going meanwhile.
+    QProcess second;
+    const auto run = [&](const QString& file) {
+        second.start(QStringLiteral(MOSSLY_APP_PATH), {file});
+        return waitUntil([&] { return second.state() == QProcess::NotRunning; }, 15000) ? second.exitCode() : -1;
+    };
+    EXPECT_EQ(run(folder.filePath(QStringLiteral("Older.md"))), 0) << "the second launch hands the file over and ends";
+    ASSERT_TRUE(waitUntil([&] { return store().selection() == QDir::cleanPath(folder.filePath(QStringLiteral("Older.md"))); }));
+
+    TemporaryNotesFolder elsewhere;
+    elsewhere.write(QStringLiteral("Recipe.md"), "# Recipe\nflour");
+    whenShown([&] {
+        auto* question = window().findChild<QMessageBox*>(QStringLiteral("importOpenedFiles"));
+        if (!question || !question->isVisible()) return false;
+        screenshot(QStringLiteral("open-file-import"), question);
+        for (QAbstractButton* button : question->buttons()) {
+            if (button->text() == QStringLiteral("Import")) QTest::mouseClick(button, Qt::LeftButton);
+        }
+        return true;
+    });
+    EXPECT_EQ(run(elsewhere.filePath(QStringLiteral("Recipe.md"))), 0);
+    ASSERT_TRUE(waitUntil([&] { return folder.exists(QStringLiteral("Recipe.md")); }, 15000));
+    EXPECT_EQ(elsewhere.read(QStringLiteral("Recipe.md")), "# Recipe\nflour") << "the original is never changed";
+}
+
 // Settings (Ctrl+,) opens with a Close button; Check for Updates is there but off.
 TEST_F(SavingJourney, SettingsOpenFromTheKeyboard) {
     launch();
     press(QKeySequence(QStringLiteral("Ctrl+,")));
-    SettingsWindow* settings = nullptr;
+    QPointer<SettingsWindow> settings;
     ASSERT_TRUE(waitUntil([&] {
         settings = window().findChild<SettingsWindow*>();
         return settings && settings->isVisible();
     }));
+    // Agents: Register is offered only while a client is not registered, Unregister only while it is.
+    auto* tabs = settings->findChild<QTabWidget*>(QStringLiteral("settingsTabs"));
+    tabs->setCurrentIndex(1);
+    auto* add = settings->findChild<QPushButton*>(QStringLiteral("register-codex"));
+    auto* remove = settings->findChild<QPushButton*>(QStringLiteral("unregister-codex"));
+    ASSERT_TRUE(add && remove);
+    EXPECT_TRUE(add->isEnabled());
+    EXPECT_FALSE(remove->isEnabled());
+    QTest::mouseClick(add, Qt::LeftButton);
+    EXPECT_FALSE(add->isEnabled());
+    EXPECT_TRUE(remove->isEnabled());
     screenshot(QStringLiteral("settings"), settings);
-    settings->close();
+    QPushButton* close = nullptr;
+    for (QPushButton* button : settings->findChildren<QPushButton*>()) {
+        if (button->text() == QStringLiteral("&Close") || button->text() == QStringLiteral("Close")) close = button;
+    }
+    ASSERT_TRUE(close) << "the Settings window has a Close button";
+    QTest::mouseClick(close, Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return !settings || !settings->isVisible(); }));
     QAction* updates = findAction(window(), QStringLiteral("Check for Updates…"));
     ASSERT_TRUE(updates);
     EXPECT_FALSE(updates->isEnabled());
