@@ -10,6 +10,9 @@
 #include <QTabWidget>
 #include <QTimer>
 #include <QUrl>
+#include <QWebEnginePage>
+#include <QWebEngineScript>
+#include <QWebEngineView>
 
 #include "AppLifecycle.h"
 #include "EditorPane.h"
@@ -89,6 +92,43 @@ TEST_F(SavingJourney, AnHtmlNoteIsEditedInSplitMode) {
     EXPECT_TRUE(QString::fromUtf8(folder.read(QStringLiteral("Page.html"))).contains(QStringLiteral("<p>hello world</p>")));
     settle(1000);
     screenshot(QStringLiteral("html-split-mode"), &window());
+}
+
+// On a dark desktop an HTML note is shown on a dark base, its own styles and its file untouched.
+TEST_F(SavingJourney, AnHtmlNoteFollowsADarkDesktop) {
+    const QByteArray page = "<!doctype html><html><head><title>Page</title><style>.mine{color:rgb(200, 30, 30)}</style>"
+                            "</head><body><p>plain words</p><p class=\"mine\">the author's red</p></body></html>";
+    folder.write(QStringLiteral("Page.html"), page);
+    const QPalette light = QApplication::palette();
+    QPalette dark = light;
+    dark.setColor(QPalette::Window, QColor(0x2b, 0x2b, 0x2b));
+    dark.setColor(QPalette::Base, QColor(0x1e, 0x1e, 0x1e));
+    dark.setColor(QPalette::Text, QColor(0xe6, 0xe6, 0xe6));
+    dark.setColor(QPalette::WindowText, QColor(0xe6, 0xe6, 0xe6));
+    dark.setColor(QPalette::Link, QColor(0x8a, 0xb4, 0xf8));
+    QApplication::setPalette(dark);
+    launch();
+    HtmlNoteView* view = nullptr;
+    ASSERT_TRUE(waitUntil([&] { return (view = window().editorPane()->htmlView()) != nullptr; }, 10000));
+    QWebEnginePage* shown = view->findChild<QWebEngineView*>()->page();
+    const auto evaluate = [&](const QString& script) {
+        QVariant result;
+        bool done = false;
+        shown->runJavaScript(script, QWebEngineScript::ApplicationWorld, [&](const QVariant& value) {
+            result = value;
+            done = true;
+        });
+        waitUntil([&] { return done; }, 10000);
+        return result.toString();
+    };
+    ASSERT_TRUE(waitUntil([&] { return evaluate(QStringLiteral("document.body ? document.body.innerText : ''")).contains(QStringLiteral("plain words")); }, 15000));
+    EXPECT_EQ(evaluate(QStringLiteral("getComputedStyle(document.body).color")), QStringLiteral("rgb(230, 230, 230)"));
+    EXPECT_EQ(evaluate(QStringLiteral("getComputedStyle(document.querySelector('.mine')).color")),
+              QStringLiteral("rgb(200, 30, 30)")) << "the note's own styles win";
+    settle(800);
+    screenshot(QStringLiteral("html-note-dark"), &window());
+    EXPECT_EQ(folder.read(QStringLiteral("Page.html")), page) << "the file is untouched";
+    QApplication::setPalette(light);
 }
 
 // A note deleted elsewhere while it holds unsaved words is written back with them.

@@ -6,6 +6,7 @@
 #include <QWebEngineProfile>
 
 #include "Diagnostics.h"
+#include "HTMLRenderPolicy.h"
 #include "NoteRequestInterceptor.h"
 #include "NoteWebPage.h"
 
@@ -57,13 +58,23 @@ void HtmlPageView::showPage(const HTMLRenderResult& page, const QString& noteFil
     // A new name each time: the page's own file is the only address it may load.
     const QString pageFile = folder_.filePath(QStringLiteral("page.html"));
     QFile file(pageFile);
-    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(page.html.toUtf8()) < 0) {
+    QString html = page.html;
+    if (palette().color(QPalette::Base).lightness() < 128) {
+        html.replace(HTMLRenderPolicy::styleSheet(),
+                     HTMLRenderPolicy::styleSheet() +
+                         QStringLiteral("<style>:root{color-scheme:dark}body{color:%1}a{color:%2}</style>")
+                             .arg(palette().color(QPalette::Text).name(), palette().color(QPalette::Link).name()));
+    }
+    if (!file.open(QIODevice::WriteOnly | QIODevice::Truncate) || file.write(html.toUtf8()) < 0) {
         DiagnosticsCenter::shared().event(QStringLiteral("HTML note page not written"));
         emit pageShown(false);
         return;
     }
     file.close();
     ++writes_;
+    // The desktop is dark: the page's own colours (the base sheet's) follow it; a note's
+    // own styles still come later and win, and the note's file is never touched.
+    page_->setBackgroundColor(palette().color(QPalette::Base));
     noteFolder_ = noteFile.isEmpty() ? QString() : QFileInfo(noteFile).absolutePath();
     interceptor_->setFolders(folder_.path(), noteFolder_);
     QUrl url = QUrl::fromLocalFile(pageFile);
