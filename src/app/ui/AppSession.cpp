@@ -9,6 +9,7 @@
 
 #include "AppIcon.h"
 #include "AppLifecycle.h"
+#include "DesktopLook.h"
 #include "Diagnostics.h"
 #include "EditorPane.h"
 #include "MainWindow.h"
@@ -48,7 +49,7 @@ struct AppSession::Parts {
     std::expected<std::unique_ptr<meeting::MicrophoneWatcher>, meeting::MeetingSessionError> microphoneWatcher;
 
     explicit Parts(const QString& directory)
-        : store(directory, storeOptions()),
+        : store((followDesktopLook(), directory), storeOptions()),
           window(store),
           recorder(store, pulseMeetingServices(), [] {
               return meeting::listMicrophones().value_or(std::vector<meeting::MicrophoneDevice>{});

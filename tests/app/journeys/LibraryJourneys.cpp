@@ -63,6 +63,11 @@ TEST_F(LibraryJourney, ANoteMadeWhileAFolderIsShownIsInThatFolder) {
         auto* dialog = qobject_cast<QInputDialog*>(QApplication::activeModalWidget());
         QLineEdit* name = dialog && dialog->isVisible() ? dialog->findChild<QLineEdit*>() : nullptr;
         if (!name) return false;
+        for (QPushButton* button : dialog->findChildren<QPushButton*>()) {
+            // No desktop icon theme here: plain buttons, not Qt's own tick and cross.
+            EXPECT_TRUE(button->icon().isNull()) << button->text().toStdString();
+        }
+        screenshot(QStringLiteral("folder-name-dialog"), dialog);
         QTest::keyClicks(name, QStringLiteral("Work"));
         QTest::keyClick(name, Qt::Key_Return);
         return true;
