@@ -22,20 +22,12 @@
 #include "SketchNoteView.h"
 #include "SketchThumbnails.h"
 #include "TestSupport.h"
+#include "WebTestSupport.h"
 
 namespace mossly {
 namespace {
 
-QVariant evaluate(QWebEnginePage* page, const QString& script) {
-    QVariant result;
-    bool done = false;
-    page->runJavaScript(script, [&](const QVariant& value) {
-        result = value;
-        done = true;
-    });
-    test::waitUntil([&] { return done; }, 10000);
-    return result;
-}
+using test::evaluate;
 
 const char* const harbourShape =
     "mosslyEditor.createShape({type: 'text', x: 80, y: 260, props: {richText: {type: 'doc', content: "

@@ -187,12 +187,7 @@ TEST_F(EditorJourney, AConflictCopyIsTitledAsOneAndStaysInTheFolder) {
 TEST_F(EditorJourney, WordsTypedWhileTheLibraryIsBusyAreSavedWhenItIsFree) {
     folder.write(QStringLiteral("Diary.md"), "# Diary\nMonday");
     launch();
-    QProcess holder;
-    // -o: the lock is flock's own, so ending flock frees it (its child keeps no copy).
-    holder.start(QStringLiteral("flock"), {QStringLiteral("-o"), folder.filePath(NoteFileLock::fileName),
-                                           QStringLiteral("sleep"), QStringLiteral("30")});
-    ASSERT_TRUE(holder.waitForStarted());
-    spin(300);
+    const auto holder = holdLibraryLock();
     writeAtEnd(libraryEditor());
     type(QStringLiteral(", rain"));
     auto* banner = window().editorPane()->findChild<QLabel*>(QStringLiteral("noteBannerText"));
@@ -200,8 +195,8 @@ TEST_F(EditorJourney, WordsTypedWhileTheLibraryIsBusyAreSavedWhenItIsFree) {
                           12000));
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Diary.md")), QStringLiteral("# Diary\nMonday"));
     screenshot(QStringLiteral("cannot-save"), &window());
-    holder.kill();
-    holder.waitForFinished();
+    holder->kill();
+    holder->waitForFinished();
     ASSERT_TRUE(waitUntil([&] { return bodyOnDisk(QStringLiteral("Diary.md")) == QStringLiteral("# Diary\nMonday, rain"); },
                           10000));
     ASSERT_TRUE(waitUntil([&] { return !banner->isVisible(); }));

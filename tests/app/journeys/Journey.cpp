@@ -8,6 +8,7 @@
 #include <QTimer>
 
 #include "LibrarySidebar.h"
+#include "NoteFileLock.h"
 #include "NoteListModel.h"
 
 namespace mossly::test {
@@ -22,6 +23,16 @@ void Journey::launch() {
 }
 
 QListView& Journey::noteList() const { return *window().sidebar()->noteList(); }
+
+std::unique_ptr<QProcess> Journey::holdLibraryLock() const {
+    auto holder = std::make_unique<QProcess>();
+    // -o: the lock is flock's own, so ending flock frees it (its child keeps no copy).
+    holder->start(QStringLiteral("flock"), {QStringLiteral("-o"), folder.filePath(NoteFileLock::fileName),
+                                            QStringLiteral("sleep"), QStringLiteral("30")});
+    holder->waitForStarted();
+    spin(300);  // flock has the lock before anyone types
+    return holder;
+}
 
 QWidget* Journey::focused() const {
     // A window manager gives the activation back when a dialog closes; offscreen, nobody does.

@@ -5,6 +5,7 @@
 #include <QApplication>
 #include <QDir>
 #include <QListView>
+#include <QProcess>
 #include <QTest>
 #include <functional>
 #include <memory>
@@ -54,6 +55,8 @@ protected:
     // A Markdown note's body as it is on disk, by file name.
     QString bodyOnDisk(const QString& identifier) const;
     QStringList noteFiles() const;  // every note file of the folder, sorted
+    // Another writer (an agent, say) holding the library lock until the returned process ends.
+    std::unique_ptr<QProcess> holdLibraryLock() const;
     // Waits for the debounced save (and anything else) to settle.
     static void settle(int milliseconds = 600) { spin(milliseconds); }
 

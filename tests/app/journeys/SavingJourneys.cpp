@@ -22,6 +22,7 @@
 #include "NoteFileLock.h"
 #include "PlainNoteEditor.h"
 #include "SettingsWindow.h"
+#include "WebTestSupport.h"
 
 namespace mossly::test {
 namespace {
@@ -112,14 +113,7 @@ TEST_F(SavingJourney, AnHtmlNoteFollowsADarkDesktop) {
     ASSERT_TRUE(waitUntil([&] { return (view = window().editorPane()->htmlView()) != nullptr; }, 10000));
     QWebEnginePage* shown = view->findChild<QWebEngineView*>()->page();
     const auto evaluate = [&](const QString& script) {
-        QVariant result;
-        bool done = false;
-        shown->runJavaScript(script, QWebEngineScript::ApplicationWorld, [&](const QVariant& value) {
-            result = value;
-            done = true;
-        });
-        waitUntil([&] { return done; }, 10000);
-        return result.toString();
+        return test::evaluate(shown, script, QWebEngineScript::ApplicationWorld).toString();
     };
     ASSERT_TRUE(waitUntil([&] { return evaluate(QStringLiteral("document.body ? document.body.innerText : ''")).contains(QStringLiteral("plain words")); }, 15000));
     EXPECT_EQ(evaluate(QStringLiteral("getComputedStyle(document.body).color")), QStringLiteral("rgb(230, 230, 230)"));
@@ -149,11 +143,7 @@ TEST_F(SavingJourney, ANoteDeletedElsewhereWhileTypingIsWrittenBack) {
 TEST_F(SavingJourney, QuittingWithWordsThatCannotBeSavedAsksAndKeepsThem) {
     folder.write(QStringLiteral("Diary.md"), "# Diary\nMonday");
     launch();
-    QProcess holder;
-    holder.start(QStringLiteral("flock"), {QStringLiteral("-o"), folder.filePath(NoteFileLock::fileName),
-                                           QStringLiteral("sleep"), QStringLiteral("30")});
-    ASSERT_TRUE(holder.waitForStarted());
-    spin(300);
+    const auto holder = holdLibraryLock();
     writeAtEnd();
     type(QStringLiteral(", rain"));
     bool asked = false;
@@ -172,8 +162,8 @@ TEST_F(SavingJourney, QuittingWithWordsThatCannotBeSavedAsksAndKeepsThem) {
     ASSERT_TRUE(waitUntil([&] { return asked; }, 15000)) << "the quit asks what to do with the unsaved words";
     spin(200);
     EXPECT_TRUE(window().isVisible()) << "Keep Trying keeps Mossly open";
-    holder.kill();
-    holder.waitForFinished();
+    holder->kill();
+    holder->waitForFinished();
     ASSERT_TRUE(waitUntil([&] { return bodyOnDisk(QStringLiteral("Diary.md")) == QStringLiteral("# Diary\nMonday, rain"); },
                           40000));
 }

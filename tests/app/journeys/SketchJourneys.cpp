@@ -8,20 +8,10 @@
 #include "Journey.h"
 #include "MeetingRecorderWindow.h"
 #include "SketchNoteView.h"
+#include "WebTestSupport.h"
 
 namespace mossly::test {
 namespace {
-
-QVariant evaluate(QWebEnginePage* page, const QString& script) {
-    QVariant result;
-    bool done = false;
-    page->runJavaScript(script, [&](const QVariant& value) {
-        result = value;
-        done = true;
-    });
-    waitUntil([&] { return done; }, 10000);
-    return result;
-}
 
 int shapesOnDisk(const TemporaryNotesFolder& folder, const QString& identifier) {
     int shapes = 0;

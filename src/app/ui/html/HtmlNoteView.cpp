@@ -16,7 +16,7 @@
 #include "HtmlPageView.h"
 #include "HtmlSourceHighlighter.h"
 #include "NoteContentType.h"
-#include "NoteLinkPolicy.h"
+#include "NoteLinkFollowing.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
@@ -165,18 +165,9 @@ void HtmlNoteView::collectVisualEdit(const std::function<void()>& then) {
 // Notes open here, web links in the browser; any other file only shows its folder,
 // so a saved page's link to a script or a launcher can never start it.
 void HtmlNoteView::openLink(const QUrl& url) {
-    const auto action = noteLinkAction(url, store_.directory());
-    if (!action) {
-        emit refusedLink(action.error().description());
-        return;
-    }
-    if (const auto* note = std::get_if<OpenNoteLink>(&*action)) {
-        emit openNoteRequested(note->path);
-    } else if (const auto* web = std::get_if<OpenWebLink>(&*action)) {
-        openUrl_(web->url);
-    } else {
-        openUrl_(std::get<ShowFolderLink>(*action).folder);
-    }
+    followNoteLink(
+        noteLinkAction(url, store_.directory()), [this](const QString& path) { emit openNoteRequested(path); },
+        openUrl_, [this](const QString& message) { emit refusedLink(message); });
 }
 
 }  // namespace mossly

@@ -27,7 +27,7 @@
 #include "MarkdownStyler.h"
 #include "NoteAssets.h"
 #include "NoteContentType.h"
-#include "NoteLinkPolicy.h"
+#include "NoteLinkFollowing.h"
 #include "NoteListModel.h"
 
 namespace mossly {
@@ -1147,18 +1147,9 @@ void MarkdownTextView::openLink(const QString& href) {
                            : noteFile_.isEmpty()   ? QString()
                                                    : QFileInfo(noteFile_).absolutePath();
     const QUrl target = url.scheme().isEmpty() ? QUrl::fromLocalFile(href) : url;
-    const auto action = noteLinkAction(target, folder);
-    if (!action) {
-        emit refusedLink(action.error().description());
-        return;
-    }
-    if (const auto* note = std::get_if<OpenNoteLink>(&*action)) {
-        emit openNoteRequested(note->path);
-    } else if (const auto* web = std::get_if<OpenWebLink>(&*action)) {
-        openUrl_(web->url);
-    } else {
-        openUrl_(std::get<ShowFolderLink>(*action).folder);
-    }
+    followNoteLink(
+        noteLinkAction(target, folder), [this](const QString& path) { emit openNoteRequested(path); }, openUrl_,
+        [this](const QString& message) { emit refusedLink(message); });
 }
 
 }  // namespace mossly
