@@ -112,6 +112,15 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
         << "the chosen microphone is the one recorded";
     captures.latest(MeetingCaptureSource::microphone).deliver(45);
     ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->transcriptView()->toPlainText().contains("You:"); }));
+    // A capture warning is shown apart from errors, and goes once audio returns.
+    captures.latest(MeetingCaptureSource::microphone).warnWith(QStringLiteral("No microphone audio has arrived for 5 seconds."));
+    ASSERT_TRUE(test::waitUntil([&] {
+        return recorderWindow->warningLabel()->text() == "Microphone: No microphone audio has arrived for 5 seconds.";
+    }));
+    EXPECT_FALSE(recorderWindow->warningLabel()->isHidden());
+    EXPECT_TRUE(recorderWindow->errorLabel()->text().isEmpty());
+    captures.latest(MeetingCaptureSource::microphone).warnWith(std::nullopt);
+    ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->warningLabel()->isHidden(); }));
     if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
         test::spin(300);
         recorderWindow->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/meeting-recorder.png"));
