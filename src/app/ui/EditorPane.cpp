@@ -58,6 +58,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
         store_.applyEditorChange(url_, std::exchange(shownMarkdown_, text), text);
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
+    connect(&store_, &NoteStore::noteRenamed, this, &EditorPane::followRenamedNote);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
     // Links may reach any file of the library, not only the note's own folder.
     markdownEditor_->setNotesFolder(store_.directory());
@@ -166,6 +167,17 @@ void EditorPane::takeStoreText(const QString& url) {
     replaceTextKeepingView(*markdownEditor_, shownMarkdown_, text,
                            [this](const QString& after) { markdownEditor_->setMarkdown(after, url_); });
     shownMarkdown_ = text;
+}
+
+// The editor stays open on the note, with its caret and undo history.
+void EditorPane::followRenamedNote(const QString& oldUrl, const QString& newUrl) {
+    if (fixedNote_ == oldUrl) fixedNote_ = newUrl;
+    if (url_ != oldUrl) return;
+    url_ = newUrl;
+    if (editor_->noteUrl() == oldUrl) editor_->followRenamedNote(newUrl);
+    if (htmlView_ && htmlView_->noteUrl() == oldUrl) htmlView_->followRenamedNote(newUrl);
+    if (sketchView_ && sketchView_->noteUrl() == oldUrl) sketchView_->followRenamedNote(newUrl);
+    if (currentEditor() == markdownEditor_) markdownEditor_->followRenamedNote(newUrl);
 }
 
 void EditorPane::updateBanners() {

@@ -54,6 +54,7 @@ private:
     void showSelection();
     void takeStoreText(const QString& url);
     void updateBanners();
+    void followRenamedNote(const QString& oldUrl, const QString& newUrl);
 
     NoteStore& store_;
     std::optional<QString> fixedNote_;
