@@ -181,6 +181,14 @@ TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoicesAndTheRecorde
     EXPECT_EQ(recorderWindow->providerChoice()->currentData().toString(), QStringLiteral("claudeCode"));
     EXPECT_TRUE(recorderWindow->keepAudioBox()->isChecked());
     EXPECT_EQ(recorder.controller().configuration().provider, meeting::MeetingSummaryProviderKind::claudeCode);
+    // ...and the page follows what the recorder changes.
+    QCheckBox* consentInRecorder = checkBoxNamed(
+        *recorderWindow, QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."));
+    QCheckBox* consentInSettings = checkBoxNamed(
+        *settings, QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."));
+    ASSERT_TRUE(consentInRecorder && consentInSettings);
+    consentInRecorder->setChecked(!consentInSettings->isChecked());
+    EXPECT_EQ(consentInSettings->isChecked(), consentInRecorder->isChecked());
 
     // Probed when shown: Claude needs a sign-in, Codex can only refuse and is no choice.
     auto* connection = settings->findChild<QLabel*>(QStringLiteral("meetingProviderConnection"));
