@@ -54,7 +54,9 @@ Result<void> NoteStore::saveBeforeRename(const QString& url) {
     return {};
 }
 
-Result<QString> NoteStore::renameNote(const QString& url, const QString& newBaseName) {
+Result<QString> NoteStore::renameNote(const QString& noteUrl, const QString& newBaseName) {
+    // A copy: a receiver of noteRenamed may change the string the caller passed.
+    const QString url = noteUrl;
     auto span = diagnostics().span(QStringLiteral("Rename note file"));
     if (!note(url)) return fail(Error::notFound(url));
     if (auto saved = saveBeforeRename(url); !saved) {

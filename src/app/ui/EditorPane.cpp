@@ -11,6 +11,7 @@
 #include "HtmlNoteView.h"
 #include "SketchNoteView.h"
 #include "MarkdownTextView.h"
+#include "NoteNameOffer.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
@@ -34,6 +35,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     bannerLayout->addWidget(keepCopy_);
     bannerLayout->addWidget(retry_);
 
+    offer_ = new NoteNameOffer(store_, this);
     editor_ = new PlainNoteEditor(store_, this);
     markdownEditor_ = new MarkdownTextView(this);
     placeholder_ = new QLabel(tr("No note selected"), this);
@@ -48,6 +50,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(banner_);
+    layout->addWidget(offer_);
     layout->addWidget(stack_, 1);
 
     connect(reload_, &QPushButton::clicked, this, [this] { store_.reloadConflict(url_); });
@@ -107,6 +110,7 @@ void EditorPane::showNote(const QString& url) {
         editor_->showNote(QString());
         stack_->setCurrentWidget(placeholder_);
         updateBanners();
+        offer_->setNote(url_);
         return;
     }
     if (!store_.isBodyAvailable(note->url)) {
@@ -116,6 +120,7 @@ void EditorPane::showNote(const QString& url) {
         placeholder_->setText(tr("\u201C%1\u201D could not be opened. It is left exactly as it is on disk.").arg(note->title));
         stack_->setCurrentWidget(placeholder_);
         updateBanners();
+        offer_->setNote(url_);
         return;
     }
     placeholder_->setText(tr("No note selected"));
@@ -157,6 +162,7 @@ void EditorPane::showNote(const QString& url) {
         if (sketchView_ && stack_->currentWidget() != sketchView_) sketchView_->showNote(QString());
     }
     updateBanners();
+    offer_->setNote(url_);
 }
 
 // The note changed somewhere else: another view, the disk, the store itself.
