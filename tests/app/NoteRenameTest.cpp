@@ -1,9 +1,15 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <QPointer>
 #include <QSignalSpy>
+#include <QTest>
 
 #include "AppTestSupport.h"
+#include "EditorPane.h"
+#include "MainWindow.h"
+#include "MarkdownTextView.h"
+#include "NoteWindow.h"
 #include "FaultyFileAccess.h"
 #include "NoteReferences.h"
 #include "NoteStore.h"
@@ -137,6 +143,40 @@ TEST_F(NoteRenameTest, AStaleNoteIsReadAgainAndAFailingOneIsReported) {
     EXPECT_EQ(bodyOnDisk(QStringLiteral("A.md")), QStringLiteral("[Trip](Trip.md) a"));
     ASSERT_EQ(problems.count(), 1);
     EXPECT_TRUE(problems[0][0].toString().contains(QStringLiteral("Rome.md"))) << problems[0][0].toString().toStdString();
+}
+
+// A note open in its own window and in the library: both stay on it, caret and
+// undo included, and what is typed afterwards lands in the renamed file.
+TEST_F(NoteRenameTest, OpenEditorsFollowTheNoteToItsNewName) {
+    folder.write(QStringLiteral("Untitled.md"), "# Trip\n");
+    auto store = openStore();
+    MainWindow window(*store);
+    window.show();
+    ASSERT_TRUE(QTest::qWaitForWindowExposed(&window));
+    store->select(url("Untitled.md"));
+    QPointer<NoteWindow> noteWindow = window.openNoteWindow(url("Untitled.md"));
+    ASSERT_TRUE(noteWindow);
+    MarkdownTextView* inWindow = noteWindow->editorPane()->markdownEditor();
+    QTextCursor end = inWindow->textCursor();
+    end.movePosition(QTextCursor::End);
+    inWindow->setTextCursor(end);
+    QTest::keyClicks(inWindow, QStringLiteral("Pack"));
+
+    auto newUrl = store->renameNote(url("Untitled.md"), QStringLiteral("Rome"));
+    ASSERT_TRUE(newUrl);
+    test::spin(100);
+    ASSERT_FALSE(noteWindow.isNull()) << "the note's window stays open";
+    EXPECT_EQ(noteWindow->noteUrl(), *newUrl);
+    EXPECT_EQ(window.openNoteWindow(*newUrl), noteWindow.data());
+    EXPECT_EQ(window.editorPane()->noteUrl(), *newUrl);
+    EXPECT_EQ(inWindow->textCursor().position(), inWindow->toPlainText().size());
+    EXPECT_TRUE(inWindow->document()->isUndoAvailable());
+    QTest::keyClicks(inWindow, QStringLiteral(" light"));
+    EXPECT_EQ(window.editorPane()->markdownEditor()->markdown(), QStringLiteral("# Trip\nPack light"));
+    ASSERT_TRUE(test::waitUntil([&] { return !store->hasPendingSaves(); }));
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Rome.md")), QStringLiteral("# Trip\nPack light"));
+    EXPECT_FALSE(folder.exists(QStringLiteral("Untitled.md")));
+    noteWindow->close();
 }
 
 }  // namespace
