@@ -43,54 +43,59 @@ NoteNameOffer::NoteNameOffer(NoteStore& store, QWidget* parent) : QFrame(parent)
 
     pause_.setSingleShot(true);
     pause_.setInterval(pauseMilliseconds);
-    connect(&pause_, &QTimer::timeout, this, &NoteNameOffer::reconsider);
+    connect(&pause_, &QTimer::timeout, this, [this] {
+        if (!suggestedBaseName(url_).isEmpty()) offer(url_);
+    });
     connect(&store_, &NoteStore::noteContentChanged, this, &NoteNameOffer::noteEdited);
     connect(&store_, &NoteStore::noteRenamed, this, [this](const QString& oldUrl, const QString& newUrl) {
-        if (url_ != oldUrl) return;
-        url_ = newUrl;
-        reconsider();
+        if (url_ == oldUrl) url_ = newUrl;
+        if (offered_ == oldUrl) offer(newUrl);  // now named: the bar goes away
     });
     connect(notNow_, &QPushButton::clicked, this, [this] {
-        declined_.insert(url_);
+        declined_.insert(offered_);
         hide();
     });
     connect(name_, &QPushButton::clicked, this, [this] {
-        const QString baseName = suggestedBaseName();
+        const QString baseName = suggestedBaseName(offered_);
         if (baseName.isEmpty()) return;
-        auto renamed = store_.renameNote(url_, baseName);
+        auto renamed = store_.renameNote(QString(offered_), baseName);
         if (!renamed) text_->setText(tr("The file could not be renamed: %1").arg(renamed.error().description()));
     });
 }
 
 void NoteNameOffer::setNote(const QString& url) {
     if (url == url_) return;
+    const QString left = url_;
     url_ = url;
     pause_.stop();
-    reconsider();  // a note left with a title and opened again is offered at once
+    // The note opened comes first; else the one just left, if it still has its "Untitled" file.
+    offer(suggestedBaseName(url_).isEmpty() ? left : url_);
 }
 
 void NoteNameOffer::noteEdited(const QString& url) {
     if (url != url_) return;
-    hide();  // never in the way while the user types
+    if (offered_ == url_) hide();  // never in the way while the user types
     pause_.start();
 }
 
-QString NoteNameOffer::suggestedBaseName() const {
-    const Note* note = url_.isEmpty() ? nullptr : store_.note(url_);
+QString NoteNameOffer::suggestedBaseName(const QString& url) const {
+    const Note* note = url.isEmpty() || declined_.contains(url) ? nullptr : store_.note(url);
     if (!note || !isUntitledFileName(note->fileName())) return {};
     const QString baseName = NoteRepository::safeBaseName(note->title);
     return baseName.startsWith(QStringLiteral("Untitled")) ? QString() : baseName;
 }
 
-void NoteNameOffer::reconsider() {
-    const QString baseName = declined_.contains(url_) ? QString() : suggestedBaseName();
+void NoteNameOffer::offer(const QString& url) {
+    const QString baseName = suggestedBaseName(url);
     if (baseName.isEmpty()) {
         hide();
         return;
     }
-    const Note* note = store_.note(url_);
+    offered_ = url;
+    const Note* note = store_.note(url);
     const QString fileName = baseName + u'.' + QFileInfo(note->fileName()).suffix();
-    text_->setText(tr("This note\u2019s file is still called \u201C%1\u201D.").arg(note->fileName()));
+    text_->setText(url == url_ ? tr("This note\u2019s file is still called \u201C%1\u201D.").arg(note->fileName())
+                               : tr("\u201C%1\u201D is still saved as \u201C%2\u201D.").arg(note->title, note->fileName()));
     name_->setText(tr("Name the File \u201C%1\u201D").arg(fileName));
     show();
 }

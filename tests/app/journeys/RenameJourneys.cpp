@@ -95,5 +95,25 @@ TEST_F(RenameJourney, ANewNoteIsOfferedAFileNamedAfterItsTitle) {
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Groceries.md")), QStringLiteral("Groceries and milk"));
 }
 
+// Leaving a new note right after typing its title: the bar names the note left behind.
+TEST_F(RenameJourney, LeavingANewNoteOffersToNameItsFile) {
+    folder.write(QStringLiteral("Older.md"), "# Older");
+    launch();
+    press(QKeySequence(QStringLiteral("Ctrl+N")));
+    ASSERT_TRUE(waitUntil([&] { return qobject_cast<MarkdownTextView*>(focused()) != nullptr; }));
+    type(QStringLiteral("Packing"));
+    settle(400);  // saved, not yet offered
+    NoteNameOffer& offer = *window().editorPane()->nameOffer();
+    ASSERT_FALSE(offer.isVisible());
+    ASSERT_TRUE(clickRow(QStringLiteral("Older")));
+    ASSERT_TRUE(waitUntil([&] { return offer.isVisible(); }));
+    EXPECT_EQ(offer.nameButton()->text(), QStringLiteral("Name the File \u201CPacking.md\u201D"));
+    QTest::mouseClick(offer.nameButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return folder.exists(QStringLiteral("Packing.md")); }));
+    EXPECT_FALSE(folder.exists(QStringLiteral("Untitled.md")));
+    EXPECT_EQ(window().editorPane()->noteUrl(), folder.filePath(QStringLiteral("Older.md"))) << "the user stays where they went";
+    EXPECT_FALSE(offer.isVisible());
+}
+
 }  // namespace
 }  // namespace mossly::test
