@@ -51,9 +51,9 @@ std::expected<ProviderCLIResult, MeetingSummaryProviderError> ClaudeCodeSummaryP
     return runner_ ? runner_(arguments, input) : connection_.run(arguments, input, std::move(stop));
 }
 
-ProviderConnectionState ClaudeCodeSummaryProvider::connectionState() const {
+ProviderConnectionState ClaudeCodeSummaryProvider::connectionState(std::stop_token stop) const {
     if (!connection_.executableURL()) return ProviderConnectionState::notInstalled();
-    auto result = run({QStringLiteral("auth"), QStringLiteral("status"), QStringLiteral("--json")}, {});
+    auto result = run({QStringLiteral("auth"), QStringLiteral("status"), QStringLiteral("--json")}, {}, std::move(stop));
     if (!result) return ProviderConnectionState::failed(result.error().description());
     const QJsonObject status = QJsonDocument::fromJson(result->stdout).object();
     const QJsonValue method = status.value(QStringLiteral("authMethod"));

@@ -43,7 +43,7 @@ class MeetingSummaryProvider {
 public:
     virtual ~MeetingSummaryProvider() = default;
     virtual MeetingSummaryProviderKind kind() const = 0;
-    virtual ProviderConnectionState connectionState() const = 0;
+    virtual ProviderConnectionState connectionState(std::stop_token stop = {}) const = 0;
     // A stop request ends a running summary promptly with `stopped`.
     virtual std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
                                                                                  std::stop_token stop = {}) const = 0;
@@ -68,7 +68,7 @@ public:
     MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
     const ProviderCLIConnection& connection() const { return connection_; }
     // `connected` when "claude auth status --json" reports a first-party sign-in.
-    ProviderConnectionState connectionState() const override;
+    ProviderConnectionState connectionState(std::stop_token stop = {}) const override;
     // Standard input is `prompt` followed directly by `transcript`.
     std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
                                                                          std::stop_token stop = {}) const override;
@@ -88,7 +88,9 @@ public:
     static const QString refusal;
 
     MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::codexCLI; }
-    ProviderConnectionState connectionState() const override { return ProviderConnectionState::unavailable(refusal); }
+    ProviderConnectionState connectionState(std::stop_token = {}) const override {
+        return ProviderConnectionState::unavailable(refusal);
+    }
     std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString&,
                                                                          std::stop_token = {}) const override {
         return std::unexpected(MeetingSummaryProviderError::unavailable(refusal));

@@ -112,6 +112,15 @@ TEST(MeetingRecorderWindow, RecordsAMeetingIntoANoteFromTheWindowAndTheMenus) {
         << "the chosen microphone is the one recorded";
     captures.latest(MeetingCaptureSource::microphone).deliver(45);
     ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->transcriptView()->toPlainText().contains("You:"); }));
+    // A capture warning is shown apart from errors, and goes once audio returns.
+    captures.latest(MeetingCaptureSource::microphone).warnWith(QStringLiteral("No microphone audio has arrived for 5 seconds."));
+    ASSERT_TRUE(test::waitUntil([&] {
+        return recorderWindow->warningLabel()->text() == "Microphone: No microphone audio has arrived for 5 seconds.";
+    }));
+    EXPECT_FALSE(recorderWindow->warningLabel()->isHidden());
+    EXPECT_TRUE(recorderWindow->errorLabel()->text().isEmpty());
+    captures.latest(MeetingCaptureSource::microphone).warnWith(std::nullopt);
+    ASSERT_TRUE(test::waitUntil([&] { return recorderWindow->warningLabel()->isHidden(); }));
     if (const QByteArray dir = qgetenv("MOSSLY_SCREENSHOT_DIR"); !dir.isEmpty()) {
         test::spin(300);
         recorderWindow->grab().save(QString::fromLocal8Bit(dir) + QStringLiteral("/meeting-recorder.png"));
@@ -172,6 +181,14 @@ TEST(MeetingRecorderWindow, TheMeetingsSettingsPageStoresTheChoicesAndTheRecorde
     EXPECT_EQ(recorderWindow->providerChoice()->currentData().toString(), QStringLiteral("claudeCode"));
     EXPECT_TRUE(recorderWindow->keepAudioBox()->isChecked());
     EXPECT_EQ(recorder.controller().configuration().provider, meeting::MeetingSummaryProviderKind::claudeCode);
+    // ...and the page follows what the recorder changes.
+    QCheckBox* consentInRecorder = checkBoxNamed(
+        *recorderWindow, QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."));
+    QCheckBox* consentInSettings = checkBoxNamed(
+        *settings, QStringLiteral("I\u2019m responsible for obtaining participant consent before recording."));
+    ASSERT_TRUE(consentInRecorder && consentInSettings);
+    consentInRecorder->setChecked(!consentInSettings->isChecked());
+    EXPECT_EQ(consentInSettings->isChecked(), consentInRecorder->isChecked());
 
     // Probed when shown: Claude needs a sign-in, Codex can only refuse and is no choice.
     auto* connection = settings->findChild<QLabel*>(QStringLiteral("meetingProviderConnection"));

@@ -57,7 +57,9 @@ TEST(MeetingSummaryService, SummarizesTheStableTranscriptThroughItsProvider) {
     class EchoProvider final : public MeetingSummaryProvider {
     public:
         MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
-        ProviderConnectionState connectionState() const override { return ProviderConnectionState::connected(); }
+        ProviderConnectionState connectionState(std::stop_token = {}) const override {
+            return ProviderConnectionState::connected();
+        }
         std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,
                                                                              std::stop_token = {}) const override {
             return MeetingSummary{"t", transcript, {}, {}, {}};

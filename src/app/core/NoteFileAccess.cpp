@@ -36,6 +36,11 @@ Result<StoredNote> RepositoryFileAccess::update(const QString& identifier, const
     return repository_.update(identifier, expectedRevision, body, NoteEditor::human(), contentType);
 }
 
+Result<StoredNote> RepositoryFileAccess::rename(const QString& identifier, const QString& expectedRevision,
+                                                const QString& newBaseName) const {
+    return repository_.rename(identifier, expectedRevision, newBaseName, NoteEditor::human());
+}
+
 Result<void> RepositoryFileAccess::moveToTrash(const QString& identifier) const {
     return repository_.moveToTrash(identifier);
 }

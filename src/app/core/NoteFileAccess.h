@@ -31,6 +31,8 @@ public:
     virtual Result<StoredNote> createAt(const QString& identifier, const QString& text) const = 0;
     virtual Result<StoredNote> update(const QString& identifier, const QString& expectedRevision, const QString& body,
                                       NoteContentType contentType) const = 0;
+    virtual Result<StoredNote> rename(const QString& identifier, const QString& expectedRevision,
+                                      const QString& newBaseName) const = 0;
     virtual Result<void> moveToTrash(const QString& identifier) const = 0;
     virtual Result<FolderMetadata> loadFolderMetadata() const = 0;
     virtual Result<void> saveFolderMetadata(const FolderMetadata& metadata) const = 0;
@@ -53,6 +55,8 @@ public:
     Result<StoredNote> createAt(const QString& identifier, const QString& text) const override;
     Result<StoredNote> update(const QString& identifier, const QString& expectedRevision, const QString& body,
                               NoteContentType contentType) const override;
+    Result<StoredNote> rename(const QString& identifier, const QString& expectedRevision,
+                              const QString& newBaseName) const override;
     Result<void> moveToTrash(const QString& identifier) const override;
     Result<FolderMetadata> loadFolderMetadata() const override;
     Result<void> saveFolderMetadata(const FolderMetadata& metadata) const override;

@@ -168,6 +168,12 @@ public:
     // the note's text and the editor's are both kept, as a conflict.
     void applyEditorChange(const QString& url, const QString& shownBefore, const QString& body);
     void deleteNotes(const QSet<QString>& urls);
+    // Gives the note's file the name `newBaseName` (its extension and subfolder
+    // stay), after saving any edit still pending. Folder, favourite, selection
+    // and open editors follow the note; links to it from other Markdown notes
+    // are rewritten afterwards in the background (see referencesUpdated).
+    // Returns the note's new URL.
+    Result<QString> renameNote(const QString& url, const QString& newBaseName);
     std::optional<QString> resolveNoteID(const QString& url) const;
 
     // Selection and focus
@@ -239,6 +245,11 @@ signals:
     void editorFocusRequested(const QUuid& requestId, const QString& url);
     void importFinished(const NoteFileImportReport& report);
     void saveCommitted(const QString& url);
+    // A note's file was renamed: whatever shows or names `oldUrl` now means `newUrl`.
+    // Sent before notesChanged, so that a view of the note never sees it gone.
+    void noteRenamed(const QString& oldUrl, const QString& newUrl);
+    // Links to the renamed note at `url` were rewritten in `updatedCount` other notes.
+    void referencesUpdated(const QString& url, int updatedCount);
     // Something the user should know about, in words they understand.
     void problemOccurred(const QString& message);
 
@@ -261,6 +272,11 @@ private:
     void scheduleExternalChanges();
     QHash<QString, FileTime> knownModificationDates() const;
     void applyExternalChanges(Scan scan, quint64 startGeneration);
+    struct ReferenceEdit;
+    Result<void> saveBeforeRename(const QString& url);
+    void carryFolderMetadata(const QString& oldName, const QString& newName);
+    void updateReferences(const QString& oldPath, const QString& newPath);
+    Result<void> applyReferenceEdit(ReferenceEdit edit, const QString& oldPath, const QString& newPath);
     void refreshSearchIndexInBackground();
     void runSearch();
     void createWelcomeNoteIfNeeded();

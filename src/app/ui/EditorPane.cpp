@@ -11,6 +11,7 @@
 #include "HtmlNoteView.h"
 #include "SketchNoteView.h"
 #include "MarkdownTextView.h"
+#include "NoteNameOffer.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
 
@@ -34,6 +35,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     bannerLayout->addWidget(keepCopy_);
     bannerLayout->addWidget(retry_);
 
+    offer_ = new NoteNameOffer(store_, this);
     editor_ = new PlainNoteEditor(store_, this);
     markdownEditor_ = new MarkdownTextView(this);
     placeholder_ = new QLabel(tr("No note selected"), this);
@@ -48,6 +50,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(banner_);
+    layout->addWidget(offer_);
     layout->addWidget(stack_, 1);
 
     connect(reload_, &QPushButton::clicked, this, [this] { store_.reloadConflict(url_); });
@@ -58,6 +61,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
         store_.applyEditorChange(url_, std::exchange(shownMarkdown_, text), text);
     });
     connect(&store_, &NoteStore::noteContentChanged, this, &EditorPane::takeStoreText);
+    connect(&store_, &NoteStore::noteRenamed, this, &EditorPane::followRenamedNote);
     connect(markdownEditor_, &MarkdownTextView::refusedLink, &store_, &NoteStore::problemOccurred);
     // Links may reach any file of the library, not only the note's own folder.
     markdownEditor_->setNotesFolder(store_.directory());
@@ -106,6 +110,7 @@ void EditorPane::showNote(const QString& url) {
         editor_->showNote(QString());
         stack_->setCurrentWidget(placeholder_);
         updateBanners();
+        offer_->setNote(url_);
         return;
     }
     if (!store_.isBodyAvailable(note->url)) {
@@ -115,6 +120,7 @@ void EditorPane::showNote(const QString& url) {
         placeholder_->setText(tr("\u201C%1\u201D could not be opened. It is left exactly as it is on disk.").arg(note->title));
         stack_->setCurrentWidget(placeholder_);
         updateBanners();
+        offer_->setNote(url_);
         return;
     }
     placeholder_->setText(tr("No note selected"));
@@ -156,6 +162,7 @@ void EditorPane::showNote(const QString& url) {
         if (sketchView_ && stack_->currentWidget() != sketchView_) sketchView_->showNote(QString());
     }
     updateBanners();
+    offer_->setNote(url_);
 }
 
 // The note changed somewhere else: another view, the disk, the store itself.
@@ -166,6 +173,17 @@ void EditorPane::takeStoreText(const QString& url) {
     replaceTextKeepingView(*markdownEditor_, shownMarkdown_, text,
                            [this](const QString& after) { markdownEditor_->setMarkdown(after, url_); });
     shownMarkdown_ = text;
+}
+
+// The editor stays open on the note, with its caret and undo history.
+void EditorPane::followRenamedNote(const QString& oldUrl, const QString& newUrl) {
+    if (fixedNote_ == oldUrl) fixedNote_ = newUrl;
+    if (url_ != oldUrl) return;
+    url_ = newUrl;
+    if (editor_->noteUrl() == oldUrl) editor_->followRenamedNote(newUrl);
+    if (htmlView_ && htmlView_->noteUrl() == oldUrl) htmlView_->followRenamedNote(newUrl);
+    if (sketchView_ && sketchView_->noteUrl() == oldUrl) sketchView_->followRenamedNote(newUrl);
+    if (currentEditor() == markdownEditor_) markdownEditor_->followRenamedNote(newUrl);
 }
 
 void EditorPane::updateBanners() {

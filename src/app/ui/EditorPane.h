@@ -13,6 +13,7 @@ namespace mossly {
 class HtmlNoteView;
 class SketchNoteView;
 class MarkdownTextView;
+class NoteNameOffer;
 class NoteStore;
 class PlainNoteEditor;
 
@@ -42,6 +43,8 @@ public:
     QWidget* currentEditor() const;
     const QString& noteUrl() const { return url_; }
     void setFontPointSize(qreal size);
+    // The offer to name an "Untitled" note's file after its title.
+    NoteNameOffer* nameOffer() const { return offer_; }
 
 signals:
     // The note this pane shows is gone (a fixed note that was deleted).
@@ -54,10 +57,12 @@ private:
     void showSelection();
     void takeStoreText(const QString& url);
     void updateBanners();
+    void followRenamedNote(const QString& oldUrl, const QString& newUrl);
 
     NoteStore& store_;
     std::optional<QString> fixedNote_;
     QFrame* banner_;
+    NoteNameOffer* offer_;
     QLabel* bannerText_;
     QPushButton* reload_;
     QPushButton* keepCopy_;

@@ -151,6 +151,9 @@ void LibrarySidebar::showNoteMenu(const QPoint& position) {
 
     QMenu menu(this);
     menu.addAction(tr("Open in New Window"), this, [this, url] { emit openInWindowRequested(url); });
+    if (auto* rename = list_->findChild<QAction*>(QStringLiteral("renameNoteAction")); rename && urls.size() == 1) {
+        menu.addAction(rename);
+    }
     menu.addSeparator();
     const bool favorite = store_.isFavorite(url);
     menu.addAction(favorite ? tr("Remove from Favourites") : tr("Add to Favourites"), this, [this, urls, favorite] {

@@ -15,6 +15,9 @@ NoteWindow::NoteWindow(NoteStore& store, const QString& url, QWidget* parent)
     setCentralWidget(pane_);
     resize(640, 720);
     connect(pane_, &EditorPane::noteClosed, this, &QWidget::close);
+    connect(&store_, &NoteStore::noteRenamed, this, [this](const QString& oldUrl, const QString& newUrl) {
+        if (url_ == oldUrl) url_ = newUrl;
+    });
     connect(&store_, &NoteStore::notesChanged, this, &NoteWindow::updateTitle);
     updateTitle();
 }

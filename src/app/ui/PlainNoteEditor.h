@@ -16,6 +16,8 @@ public:
     explicit PlainNoteEditor(NoteStore& store, QWidget* parent = nullptr);
 
     void showNote(const QString& url);
+    // The note's file was renamed: the same text, under its new name.
+    void followRenamedNote(const QString& url) { if (!url_.isEmpty()) url_ = url; }
     const QString& noteUrl() const { return url_; }
 
 private:

@@ -11,6 +11,7 @@
 #include <QDialogButtonBox>
 #include <QPushButton>
 #include <QSettings>
+#include <QSignalBlocker>
 #include <QSpinBox>
 #include <QTabWidget>
 #include <QVBoxLayout>
@@ -232,6 +233,14 @@ void SettingsWindow::addMeetingsPage(MeetingRecorder& recorder) {
     form->addRow(QString(), connection);
     form->addRow(QString(), keep);
     form->addRow(QString(), consent);
+    // The recorder edits the same settings (its consent check box): the page follows.
+    connect(&settings, &MeetingSettings::changed, page, [provider, keep, consent, showConnection, &settings] {
+        const QSignalBlocker quietProvider(provider), quietKeep(keep), quietConsent(consent);
+        provider->setCurrentIndex(provider->findData(rawValue(settings.defaultProvider())));
+        keep->setChecked(settings.retainAudio());
+        consent->setChecked(settings.hasAcknowledgedConsent());
+        showConnection();
+    });
     auto* tabs = findChild<QTabWidget*>(QStringLiteral("settingsTabs"));
     tabs->addTab(page, tr("Meetings"));
     connect(tabs, &QTabWidget::currentChanged, page, [tabs, page, &providers] {

@@ -46,7 +46,7 @@ WhisperModelManager::WhisperModelManager(Options options, QObject* parent)
 
 WhisperModelManager::~WhisperModelManager() {
     cancel_ = true;
-    if (worker_.joinable()) worker_.join();
+    waitForDownload();
 }
 
 QString WhisperModelManager::filePath(const QString& name) const {
@@ -86,16 +86,19 @@ void WhisperModelManager::download() {
         progress_.reset();
         publishedPercent_ = -1;
     }
-    if (worker_.joinable()) {
+    std::thread previous;
+    {
+        std::lock_guard lock(workerMutex_);
+        previous = std::move(worker_);
         // A retry from a slot connected directly to the ending download runs on
         // that download's thread, which cannot join itself; it ends right after.
-        if (worker_.get_id() == std::this_thread::get_id())
-            worker_.detach();
-        else
-            worker_.join();  // the previous download has already ended
+        if (previous.joinable() && previous.get_id() == std::this_thread::get_id())
+            retired_.push_back(std::move(previous));
     }
+    if (previous.joinable()) previous.join();  // the previous download has already ended
     cancel_ = false;
     emit stateChanged();
+    std::lock_guard lock(workerMutex_);
     worker_ = std::thread([this] { runDownload(); });
 }
 
@@ -104,7 +107,23 @@ void WhisperModelManager::cancelDownload() {
 }
 
 void WhisperModelManager::waitForDownload() {
-    if (worker_.joinable()) worker_.join();
+    // A download may start its own retry: wait for that one too.
+    for (;;) {
+        std::vector<std::thread> threads;
+        {
+            std::lock_guard lock(workerMutex_);
+            threads = std::move(retired_);
+            retired_.clear();
+            if (worker_.joinable()) threads.push_back(std::move(worker_));
+        }
+        if (threads.empty()) return;
+        for (std::thread& thread : threads) {
+            if (thread.get_id() == std::this_thread::get_id())
+                thread.detach();  // called from a download's own signal: it ends right after
+            else
+                thread.join();
+        }
+    }
 }
 
 std::expected<void, WhisperModelError> WhisperModelManager::removeModel() {

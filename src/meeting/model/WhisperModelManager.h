@@ -8,6 +8,7 @@
 #include <mutex>
 #include <optional>
 #include <thread>
+#include <vector>
 
 #include "WhisperModelState.h"
 
@@ -74,7 +75,11 @@ class WhisperModelManager : public QObject {
     std::optional<double> progress_;
     int publishedPercent_ = -1;
     std::atomic<bool> cancel_{false};
+    // A retry may start from the ending download's own thread while the main thread
+    // waits: the handle is only ever moved in or out under this lock.
+    std::mutex workerMutex_;
     std::thread worker_;
+    std::vector<std::thread> retired_;  // downloads that started their own retry, joined by waitForDownload()
 };
 
 }  // namespace mossly::meeting

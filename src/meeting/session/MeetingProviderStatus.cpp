@@ -1,13 +1,17 @@
 #include "MeetingProviderStatus.h"
 
-#include <QCoreApplication>
-#include <QPointer>
-#include <QThreadPool>
 
 namespace mossly::meeting {
 
 MeetingProviderStatus::MeetingProviderStatus(MeetingSummaryProviderFactory factory, QObject* parent)
-    : QObject(parent), factory_(std::move(factory)) {}
+    : QObject(parent), factory_(std::move(factory)) {
+    probes_.setObjectName(QStringLiteral("Summary provider probes"));
+}
+
+MeetingProviderStatus::~MeetingProviderStatus() {
+    stop_.request_stop();  // a hanging program is killed rather than waited for
+    probes_.waitForDone();
+}
 
 std::optional<ProviderConnectionState> MeetingProviderStatus::state(MeetingSummaryProviderKind kind) const {
     const auto found = states_.find(kind);
@@ -25,16 +29,10 @@ void MeetingProviderStatus::probe(MeetingSummaryProviderKind kind) {
     auto provider = factory_ ? factory_(kind) : nullptr;
     if (!provider) return apply(kind, ProviderConnectionState::unavailable(QStringLiteral("No such provider.")));
     apply(kind, ProviderConnectionState::running());
-    // The answer comes back through the application object, which outlives every probe;
-    // this object may be gone by then.
-    QThreadPool::globalInstance()->start([provider, kind, self = QPointer(this)] {
-        const ProviderConnectionState answer = provider->connectionState();
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [self, kind, answer] {
-                if (self) self->apply(kind, answer);
-            },
-            Qt::QueuedConnection);
+    // Probes end before this object does (see the destructor); an answer still queued then is dropped with it.
+    probes_.start([this, provider, kind, stop = stop_.get_token()] {
+        const ProviderConnectionState answer = provider->connectionState(stop);
+        QMetaObject::invokeMethod(this, [this, kind, answer] { apply(kind, answer); }, Qt::QueuedConnection);
     });
 }
 

@@ -2,6 +2,8 @@
 
 #include <QObject>
 #include <QString>
+#include <QThreadPool>
+#include <stop_token>
 #include <map>
 #include <optional>
 
@@ -10,8 +12,10 @@
 namespace mossly::meeting {
 
 // Whether each summary provider can be used, as its own program says. A probe
-// runs the program (it may take seconds), so it runs on Qt's thread pool and
-// its answer is applied on the main thread, where this object lives.
+// runs the program (it may take seconds, or hang until its time limit), so it
+// runs on a thread pool of its own, leaving the app's pool to the app, and its
+// answer is applied on the main thread, where this object lives. Destroying it
+// stops running probes.
 class MeetingProviderStatus : public QObject {
     Q_OBJECT
 public:
@@ -19,6 +23,7 @@ public:
                                                                MeetingSummaryProviderKind::codexCLI};
 
     explicit MeetingProviderStatus(MeetingSummaryProviderFactory factory, QObject* parent = nullptr);
+    ~MeetingProviderStatus() override;
 
     // `running` while a probe runs; absent before the first probe (and for `none`).
     std::optional<ProviderConnectionState> state(MeetingSummaryProviderKind kind) const;
@@ -38,6 +43,8 @@ private:
     void apply(MeetingSummaryProviderKind kind, const ProviderConnectionState& state);
 
     MeetingSummaryProviderFactory factory_;
+    std::stop_source stop_;
+    QThreadPool probes_;
     std::map<MeetingSummaryProviderKind, ProviderConnectionState> states_;
 };
 

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <QElapsedTimer>
+
 #include "MeetingProviderStatus.h"
 #include "MeetingSessionFakes.h"
 
@@ -47,6 +49,20 @@ TEST(MeetingProviderStatus, ProbesInTheBackgroundAndTellsWhichChoicesCanWork) {
               "The provider CLI is not installed.");
     EXPECT_EQ(MeetingProviderStatus::describe(ProviderConnectionState::failed("Exit status 2")),
               "The connection check failed: Exit status 2");
+}
+
+// Leaving the settings while a provider's program hangs does not wait for its time limit.
+TEST(MeetingProviderStatus, GoingAwayStopsAProbeThatHangs) {
+    auto claude = std::make_shared<FakeProvider>();
+    claude->holdProbe = true;
+    auto status = std::make_unique<MeetingProviderStatus>(
+        [claude](Kind) -> std::shared_ptr<const MeetingSummaryProvider> { return claude; });
+    status->probe(Kind::claudeCode);
+    ASSERT_TRUE(waitFor([&] { return claude->probes == 1; }));
+    QElapsedTimer timer;
+    timer.start();
+    status.reset();
+    EXPECT_LT(timer.elapsed(), 1000);
 }
 
 // A real provider whose program is missing everywhere is found out by the probe.

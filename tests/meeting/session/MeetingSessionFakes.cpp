@@ -102,9 +102,9 @@ std::expected<MeetingSummary, MeetingSummaryProviderError> FakeProvider::summari
                           {QStringLiteral("Write tests")}, {}};
 }
 
-ProviderConnectionState FakeProvider::connectionState() const {
+ProviderConnectionState FakeProvider::connectionState(std::stop_token stop) const {
     ++probes;
-    while (holdProbe) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    while (holdProbe && !stop.stop_requested()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::lock_guard lock(mutex);
     return connection_;
 }

@@ -108,7 +108,7 @@ class FakeProvider final : public MeetingSummaryProvider {
 public:
     MeetingSummaryProviderKind kind() const override { return MeetingSummaryProviderKind::claudeCode; }
     // What the provider's program answers; waits while `holdProbe` is set.
-    ProviderConnectionState connectionState() const override;
+    ProviderConnectionState connectionState(std::stop_token stop = {}) const override;
     void setConnection(ProviderConnectionState state);
     // Waits while `hold` is set, unless stopped.
     std::expected<MeetingSummary, MeetingSummaryProviderError> summarize(const QString& transcript,

@@ -76,6 +76,11 @@ void HtmlNoteView::showNote(const QString& url) {
     render();
 }
 
+void HtmlNoteView::followRenamedNote(const QString& url) {
+    url_ = url;
+    source_->followRenamedNote(url);
+}
+
 void HtmlNoteView::flushPageEdits(int timeoutMs) {
     if (!visuallyEditable_) return;
     bool done = false;

@@ -26,6 +26,8 @@ public:
     explicit HtmlNoteView(NoteStore& store, QWidget* parent = nullptr);
 
     void showNote(const QString& url);
+    // The note's file was renamed (same folder): the page stays, edits go to the new name.
+    void followRenamedNote(const QString& url);
     const QString& noteUrl() const { return url_; }
 
     // Before quitting: words typed into the page since the last look are taken now.

@@ -121,6 +121,11 @@ void MarkdownTextView::setMarkdown(const QString& text, const QString& noteFile)
     document()->clearUndoRedoStacks();  // opening a note, with its paragraph formats, is not an edit
 }
 
+void MarkdownTextView::followRenamedNote(const QString& noteFile) {
+    noteFile_ = noteFile;
+    styler_.reset();  // it knows the old name: the next styling pass starts afresh
+}
+
 void MarkdownTextView::setPresentation(Presentation presentation) {
     if (presentation_ == presentation) return;
     presentation_ = presentation;

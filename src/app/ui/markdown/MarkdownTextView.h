@@ -36,6 +36,8 @@ public:
 
     // Replaces the whole text (a note was opened or reloaded); not undoable.
     void setMarkdown(const QString& text, const QString& noteFile);
+    // The note's file was renamed: text, caret and undo stay; links resolve from the new name.
+    void followRenamedNote(const QString& noteFile);
     // The text exactly as typed: non-breaking spaces stay what they are.
     QString markdown() const { return documentText(*document()); }
 

@@ -26,6 +26,8 @@ public:
     ~SketchNoteView() override;
 
     void showNote(const QString& url);
+    // The note's file was renamed (same folder): the drawing stays, strokes go to the new name.
+    void followRenamedNote(const QString& url) { url_ = url; }
     // Before quitting: strokes the page has not handed over yet (it waits a quarter
     // of a second after each) are taken now. Waits at most `timeoutMs`.
     void flushPendingStrokes(int timeoutMs = 1000);
