@@ -478,9 +478,14 @@ void NoteStore::applyEditorChange(const QString& url, const QString& shownBefore
     }
     // Every change of a note's text is announced, so this is a fault: keep both.
     diagnostics().event(QStringLiteral("Editor text behind its note"));
-    if (pendingBaseRevisions_.contains(url) && !persistPendingSave(url)) {
-        setBody(url, body);  // both texts are this user's own, and the newer one is not on disk yet
-        return;
+    if (pendingBaseRevisions_.contains(url)) {
+        // Both texts are this user's own; the newer one goes to disk first. If it cannot
+        // (or the disk moved on meanwhile, now a conflict of its own), the edit goes on as typed.
+        const auto saved = persistPendingSave(url);
+        if (!saved || conflicts_.contains(url)) {
+            setBody(url, body);
+            return;
+        }
     }
     beginConflict(url, *target, body);
     setBody(url, body);
