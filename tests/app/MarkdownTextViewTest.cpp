@@ -278,8 +278,12 @@ TEST_F(MarkdownTextViewTest, CodeSitsInsideItsPanelByTheInset) {
         cursor.setPosition(static_cast<int>(view.markdown().indexOf(needle)));
         return view.cursorRect(cursor);
     };
-    EXPECT_NEAR(rect("let").top() - rect("before").bottom(), panel->inset / 2, 1.5)
-        << "the hidden fence gives the panel room above the code";
+    // The hidden fence gives the panel room above the code, and the line before keeps a gap from the panel.
+    const double gap = QFontMetricsF(view.font()).height() * 0.4;
+    EXPECT_NEAR(rect("let").top() - rect("before").bottom(), panel->inset / 2 + gap, 1.5);
+    EXPECT_NEAR(rect("after").top() - rect("let").bottom(), panel->inset / 2 + gap, 1.5);
+    // Plain lines next to each other keep no such gap.
+    EXPECT_NEAR(rect("before").top() - rect("Title").bottom(), 0, 1.5);
 }
 
 // Renders the drawn rules the way a user sees them; with MOSSLY_SCREENSHOT_DIR

@@ -11,6 +11,7 @@
 #include <QKeyEvent>
 #include <QPainter>
 #include <QPainterPath>
+#include <QRegularExpression>
 #include <QScrollBar>
 #include <QSet>
 #include <QTextBlock>
@@ -347,6 +348,10 @@ void MarkdownTextView::applyParagraphFormats(TextRange scope) {
             if (code.closingFence.length > 0) fenceBlocks.insert(document()->findBlock(code.closingFence.start).position());
         }
     }
+    // Lists, quotes, tables and code panels keep a little room from the lines around them,
+    // given to the neighbouring lines so that a panel or grid never grows into it.
+    const double blockGap = presentation_ == Presentation::styled ? QFontMetricsF(font()).height() * 0.4 : 0;
+    const auto construct = [this](const QTextBlock& block) { return blockConstruct(block); };
     std::vector<std::pair<int, QTextBlockFormat>> changes;
     const QTextBlock last = document()->findBlock(std::max(0, scope.end() - 1));
     const QTextBlock first = document()->findBlock(scope.start);
@@ -385,8 +390,24 @@ void MarkdownTextView::applyParagraphFormats(TextRange scope) {
         wanted.setRightMargin(inset);
         wanted.setLeftMargin(head);
         wanted.setTextIndent(first + inset - head);
-        wanted.setBottomMargin(paragraph.paragraphSpacing.value_or(0));
-        wanted.setTopMargin(cardBlocks.contains(start) ? cardRoom : 0);
+        double gapBelow = 0;
+        double gapAbove = 0;
+        if (blockGap > 0) {
+            const BlockConstruct kind = construct(block);
+            const BlockConstruct below = construct(block.next());
+            const BlockConstruct above = construct(block.previous());
+            const bool framed = kind == BlockConstruct::table || kind == BlockConstruct::code;
+            if (!framed && kind != BlockConstruct::blank && below != BlockConstruct::blank &&
+                below != BlockConstruct::none && below != kind) {
+                gapBelow = blockGap;
+            }
+            if (!framed && kind != BlockConstruct::blank &&
+                (above == BlockConstruct::table || above == BlockConstruct::code)) {
+                gapAbove = blockGap;
+            }
+        }
+        wanted.setBottomMargin(paragraph.paragraphSpacing.value_or(0) + gapBelow);
+        wanted.setTopMargin((cardBlocks.contains(start) ? cardRoom : 0) + gapAbove);
         if (fence) {
             wanted.setLineHeight(inset / 2, QTextBlockFormat::FixedHeight);
         } else if (paragraph.minimumLineHeight) {
@@ -539,6 +560,28 @@ double MarkdownTextView::visibleWidth(TextRange range) const {
 // The lines of a closed details block take no height at all: their characters
 // are hidden by the pass, and the blocks themselves leave the layout. Visibility
 // is layout state, not an edit, so it never enters the undo stack.
+// What kind of block a line is part of, for the room kept around lists, quotes,
+// tables and code panels; `none` past either end of the note.
+MarkdownTextView::BlockConstruct MarkdownTextView::blockConstruct(const QTextBlock& block) const {
+    if (!block.isValid()) return BlockConstruct::none;
+    const int start = block.position();
+    // Both lists are in text order: the last one starting at or before the line is the only candidate.
+    const auto within = [start](const auto& ranges) {
+        const auto after = std::upper_bound(ranges.begin(), ranges.end(), start,
+                                            [](int at, const auto& item) { return at < item.range.start; });
+        return after != ranges.begin() && start <= std::prev(after)->range.end();
+    };
+    if (within(stylePass().codeBlocks)) return BlockConstruct::code;
+    if (within(stylePass().tables)) return BlockConstruct::table;
+    static const QRegularExpression listItem(QStringLiteral(R"(^[ \t]*(?:[-*+]|\d+\.)[ \t]+\S)"));
+    static const QRegularExpression quote(QStringLiteral(R"(^[ \t]*>)"));
+    const QString text = block.text();
+    if (text.trimmed().isEmpty()) return BlockConstruct::blank;
+    if (quote.match(text).hasMatch()) return BlockConstruct::quote;
+    if (listItem.match(text).hasMatch()) return BlockConstruct::list;
+    return BlockConstruct::plain;
+}
+
 void MarkdownTextView::hideCollapsedBlocks(TextRange scope) {
     std::vector<TextRange> collapsed;
     if (presentation_ == Presentation::styled) {

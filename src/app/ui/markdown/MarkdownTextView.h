@@ -93,6 +93,8 @@ private:
     double tableCellPadding() const;
     bool isMissingNote(const markdown::DrawnObject& object) const;
     double prefixWidth(int start, int length) const;
+    enum class BlockConstruct { none, blank, plain, list, quote, table, code };
+    BlockConstruct blockConstruct(const QTextBlock& block) const;
     void hideCollapsedBlocks(markdown::TextRange scope);
     void applyEdit(const markdown::TextEdit& edit);
     void insertOwnLines(const QStringList& lines);
