@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <QStringList>
+#include <cmath>
 #include <variant>
 
 namespace mossly {
@@ -30,7 +31,14 @@ public:
         return std::get<T>(value_);
     }
 
-    bool operator==(const NoteFrontMatterValue&) const = default;
+    // A stored "nan" is the same value wherever it is read, so two NaNs are equal
+    // here: otherwise a field that never changed would always look changed.
+    bool operator==(const NoteFrontMatterValue& other) const {
+        if (holds<double>() && other.holds<double>() && std::isnan(get<double>()) && std::isnan(other.get<double>())) {
+            return true;
+        }
+        return value_ == other.value_;
+    }
 
 private:
     Storage value_;

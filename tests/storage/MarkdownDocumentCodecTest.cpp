@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <cmath>
 #include <random>
 
 #include "MarkdownDocumentCodec.h"
@@ -94,6 +95,8 @@ TEST(MarkdownDocumentCodec, EveryValueKindRoundTrips) {
         {"meeting-ratio", 0.1 + 0.2},
         {"meeting-whole", 3.0},
         {"meeting-big", 1.0e21},
+        {"meeting-not-a-number", std::nan("")},
+        {"meeting-infinite", -HUGE_VAL},
         {"meeting-numeric-text", QStringLiteral("123")},
     };
     const QString text = codec.encode(QStringLiteral("Body\n"), NoteEditor::human(), payload);
