@@ -39,12 +39,14 @@ inline const char* const insertMetadata =
 // metadata row, and found through that (indexed) row; the scan remains the
 // fallback for a row that does not follow the link.
 inline const char* const metadataRowid = "SELECT rowid FROM note_metadata WHERE identifier = ?";
-// Rows whose link is broken: full-text rows without their metadata row, and the other way round.
+// Rows whose link is broken: full-text rows without their metadata row, and the
+// other way round. Read from the full-text table's row sizes, not its content:
+// every process that opens the catalog runs this, and the content is the notes' text.
 inline const char* const brokenLinks =
-    "SELECT (SELECT count(*) FROM note_fts AS f LEFT JOIN note_metadata AS m ON m.rowid = f.rowid\n"
-    "        WHERE m.rowid IS NULL OR m.identifier IS NOT f.identifier)\n"
-    "     + (SELECT count(*) FROM note_metadata AS m LEFT JOIN note_fts AS f ON f.rowid = m.rowid\n"
-    "        WHERE f.rowid IS NULL)";
+    "SELECT (SELECT count(*) FROM note_fts_docsize AS d LEFT JOIN note_metadata AS m ON m.rowid = d.id\n"
+    "        WHERE m.rowid IS NULL)\n"
+    "     + (SELECT count(*) FROM note_metadata AS m LEFT JOIN note_fts_docsize AS d ON d.id = m.rowid\n"
+    "        WHERE d.id IS NULL)";
 inline const char* const clearKeywordRows[] = {"DELETE FROM note_fts", "DELETE FROM note_metadata"};
 inline const char* const deleteLinkedFts = "DELETE FROM note_fts WHERE rowid = ? AND identifier = ?";
 inline const char* const insertLinkedFts = "INSERT INTO note_fts (rowid, identifier, title, body) VALUES (?, ?, ?, ?)";
