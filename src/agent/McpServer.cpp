@@ -187,13 +187,13 @@ QJsonObject McpServer::callTool(const QJsonObject& params) {
     return toolResult(*result);
 }
 
-// The catalog stays open for the life of the server and is brought up to date
-// only when the folder changed since the last search.
-Result<NoteSearchCatalog*> McpServer::currentCatalog() {
-    if (!catalog_) {
-        auto opened = NoteSearchCatalog::open(options_.catalogPath);
+// The catalog and the vectors in memory stay for the life of the server and
+// are brought up to date only when the folder changed since the last search.
+Result<NoteSearchService*> McpServer::currentSearch() {
+    if (!search_) {
+        auto opened = NoteSearchService::open(options_.catalogPath);
         if (!opened) return fail(opened.error());
-        catalog_ = std::move(*opened);
+        search_ = std::move(*opened);
     }
     if (!watch_) {
         auto directory = repository_.directoryURL();
@@ -204,28 +204,40 @@ Result<NoteSearchCatalog*> McpServer::currentCatalog() {
         catalogStale_ = true;
     }
     if (catalogStale_ || !watch_ || !watch_->isValid()) {
-        if (auto synced = catalog_->synchronize(repository_); !synced) return fail(synced.error());
+        if (auto synced = search_->synchronize(repository_); !synced) return fail(synced.error());
         catalogStale_ = false;
+    } else if (auto refreshed = search_->refreshVectors(); !refreshed) {
+        return fail(refreshed.error());  // another process may have embedded notes
     }
-    return catalog_.get();
+    return search_.get();
 }
 
 Result<QJsonObject> McpServer::searchNotes(const QJsonObject& arguments) {
     const auto query = stringArgument(arguments, "query");
     if (!query) return fail(Error::invalidArgument(QStringLiteral("search_notes needs a query")));
     const qint64 limit = arguments.value(u"limit").toInteger(defaultSearchLimit);
-    auto catalog = currentCatalog();
-    if (!catalog) return fail(catalog.error());
-    auto found = (*catalog)->search(*query, limit);
+    const QString modeText = stringArgument(arguments, "mode").value_or(QStringLiteral("hybrid"));
+    const auto mode = NoteSearchModes::fromString(modeText);
+    if (!mode) {
+        return fail(Error::invalidArgument(QStringLiteral("mode must be keyword, meaning or hybrid, got: ") + modeText));
+    }
+    auto search = currentSearch();
+    if (!search) return fail(search.error());
+    auto found = (*search)->search(*query, *mode, limit);
     if (!found) return fail(found.error());
     QJsonArray results;
     for (const NoteSearchResult& result : found->results) {
         QJsonObject entry{{"identifier", result.identifier}, {"title", result.title}, {"excerpt", result.excerpt},
-                          {"score", result.score}, {"revision", result.revision}, {"createdBy", result.createdBy}};
+                          {"score", result.score}, {"keywordScore", result.keywordScore},
+                          {"revision", result.revision}, {"createdBy", result.createdBy},
+                          {"semanticAvailable", result.semanticAvailable}};
+        entry.insert(u"meaningScore", result.meaningScore ? QJsonValue(*result.meaningScore) : QJsonValue());
         entry.insert(u"lastEditedBy", result.lastEditedBy ? QJsonValue(*result.lastEditedBy) : QJsonValue());
         results.append(entry);
     }
-    return QJsonObject{{"results", results}};
+    QJsonObject response{{"results", results}, {"semanticAvailable", found->semanticAvailable}};
+    if (found->warning) response.insert(u"warning", *found->warning);
+    return response;
 }
 
 Result<QJsonObject> McpServer::listNotes(const QJsonObject& arguments) {

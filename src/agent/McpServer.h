@@ -10,7 +10,7 @@
 
 #include "FolderTreeWatch.h"
 #include "NoteRepository.h"
-#include "NoteSearchCatalog.h"
+#include "NoteSearchService.h"
 
 namespace mossly::agent {
 
@@ -49,13 +49,13 @@ private:
     Result<QJsonObject> createNote(const QJsonObject& arguments);
     Result<QJsonObject> updateNote(const QJsonObject& arguments);
     Result<QJsonObject> trashNote(const QJsonObject& arguments);
-    Result<NoteSearchCatalog*> currentCatalog();
+    Result<NoteSearchService*> currentSearch();
     NoteEditor editor() const;
 
     NoteRepository repository_;
     Options options_;
     QString clientName_;
-    std::shared_ptr<NoteSearchCatalog> catalog_;
+    std::unique_ptr<NoteSearchService> search_;
     std::unique_ptr<FolderTreeWatch> watch_;
     bool catalogStale_ = true;
     QSet<QString> cancelled_;  // request ids the client gave up on

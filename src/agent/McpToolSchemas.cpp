@@ -12,18 +12,22 @@ constexpr char toolsJson[] = R"json([
 {
   "name": "search_notes",
   "title": "Search notes",
-  "description": "Ranked keyword search over the user's notes (titles and text, accents and case ignored). Returns identifiers, titles, excerpts and each note's current revision. Read a note with read_note before changing it.",
+  "description": "Ranked search over the user's notes (titles and text, accents and case ignored). mode hybrid (default) finds notes by their words and by what they mean (English), keyword by words only, meaning by meaning only. Returns identifiers, titles, excerpts and each note's current revision. Read a note with read_note before changing it.",
   "inputSchema": {"type": "object", "properties": {
-      "query": {"type": "string", "description": "Words to look for."},
+      "query": {"type": "string", "description": "Words to look for, or what the note is about."},
+      "mode": {"type": "string", "enum": ["keyword", "meaning", "hybrid"], "description": "How to match (default hybrid)."},
       "limit": {"type": "integer", "minimum": 0, "maximum": 500, "description": "At most this many results (default 20)."}},
     "required": ["query"], "additionalProperties": false},
   "outputSchema": {"type": "object", "properties": {
       "results": {"type": "array", "items": {"type": "object", "properties": {
           "identifier": {"type": "string"}, "title": {"type": "string"}, "excerpt": {"type": "string"},
-          "score": {"type": "number"}, "revision": {"type": "string"}, "createdBy": {"type": "string"},
-          "lastEditedBy": {"type": ["string", "null"]}},
-        "required": ["identifier", "title", "excerpt", "score", "revision", "createdBy"]}}},
-    "required": ["results"]},
+          "score": {"type": "number"}, "keywordScore": {"type": "number"}, "meaningScore": {"type": ["number", "null"]},
+          "revision": {"type": "string"}, "createdBy": {"type": "string"},
+          "lastEditedBy": {"type": ["string", "null"]}, "semanticAvailable": {"type": "boolean"}},
+        "required": ["identifier", "title", "excerpt", "score", "keywordScore", "revision", "createdBy", "semanticAvailable"]}},
+      "semanticAvailable": {"type": "boolean"},
+      "warning": {"type": "string", "description": "Why keyword results were returned for a meaning or hybrid search."}},
+    "required": ["results", "semanticAvailable"]},
   "annotations": {"readOnlyHint": true}
 },
 {

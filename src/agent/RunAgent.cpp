@@ -16,7 +16,8 @@ Commands:
          [--field KEY=VALUE]... --agent NAME
   update ID --expected-revision R [--body TEXT | --body-file F|-]
          [--field KEY=VALUE]... --agent NAME
-  search QUERY [--limit N]               ranked keyword search (indexes first)
+  search QUERY [--mode M] [--limit N]    ranked search (indexes first); M: hybrid (default),
+                                         keyword, or meaning (English)
   trash ID                               move a note to the Trash
   sync                                   bring the search catalog up to date
   mcp [--agent NAME]                     serve the notes to AI agents over MCP (stdio)

@@ -70,6 +70,10 @@ Error Error::catalogUnavailable(const QString& detail) {
     return {Code::catalogUnavailable, QStringLiteral("The search index is unavailable: ") + detail, detail};
 }
 
+Error Error::embeddingsUnavailable(const QString& detail) {
+    return {Code::embeddingsUnavailable, QStringLiteral("On-device semantic embeddings are unavailable: ") + detail, detail};
+}
+
 Error Error::cancelled() { return {Code::cancelled, QStringLiteral("The operation was cancelled.")}; }
 
 Error Error::folderMetadataUnreadable(const QString& detail) {

@@ -32,6 +32,7 @@ public:
         // Search catalog
         catalogUnavailable,
         cancelled,
+        embeddingsUnavailable,
         // Application library
         folderMetadataUnreadable,
         unsupportedImportFile,
@@ -62,6 +63,8 @@ public:
     static Error locationUnresolved(const QString& description);
     static Error catalogUnavailable(const QString& detail);
     static Error cancelled();
+    // The word-vector table is missing or damaged; the detail says which.
+    static Error embeddingsUnavailable(const QString& detail);
     static Error folderMetadataUnreadable(const QString& detail);
     static Error unsupportedImportFile(const QString& fileName);
     // Text that is only in memory (a pending edit or an open conflict) stands in the way.

@@ -103,6 +103,9 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         {&statements->missingSemantic, CatalogSql::missingSemantic},
         {&statements->insertSemantic, CatalogSql::insertSemantic},
         {&statements->semanticEntries, CatalogSql::semanticEntries},
+        {&statements->revisions, CatalogSql::revisions},
+        {&statements->semanticVectors, CatalogSql::semanticVectors},
+        {&statements->meaningDetails, CatalogSql::meaningDetails},
         {&statements->keywordSearch, CatalogSql::keywordSearch},
         {&statements->matchDetails, CatalogSql::matchDetails},
         {&statements->matchSnippet, CatalogSql::matchSnippet},
@@ -388,7 +391,11 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
             missing.append(use.text(0));
         }
     }
-    for (const QString& identifier : missing) {
+    lastSemanticCount_ = 0;
+    const int total = static_cast<int>(missing.size());
+    for (int done = 0; done < total; ++done) {
+        const QString& identifier = missing[done];
+        if (semanticProgress_ && done % 100 == 0) semanticProgress_(done, total);
         if (stop.stop_requested()) return fail(Error::cancelled());
         auto note = repository.read(identifier);
         if (!note) {
@@ -419,8 +426,71 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
             return {};
         });
         if (!stored) return stored;
+        ++lastSemanticCount_;
     }
+    if (semanticProgress_ && total > 0) semanticProgress_(total, total);
     return {};
+}
+
+Result<std::vector<std::pair<QString, QString>>> NoteSearchCatalog::revisions() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    std::vector<std::pair<QString, QString>> found;
+    auto use = statements_->revisions->use();
+    for (;;) {
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        if (!*row) break;
+        found.emplace_back(use.text(0), use.text(1));
+    }
+    return found;
+}
+
+Result<std::vector<std::vector<double>>> NoteSearchCatalog::semanticVectors(const QString& identifier,
+                                                                           const QString& revision) {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    std::vector<std::vector<double>> vectors;
+    auto use = statements_->semanticVectors->use();
+    Result<void> bound = use.bind(1, identifier);
+    if (bound) bound = use.bind(2, revision);
+    if (!bound) return fail(bound.error());
+    for (;;) {
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        if (!*row) break;
+        vectors.push_back(vectorFromBlob(use.blob(0)));
+    }
+    return vectors;
+}
+
+Result<std::optional<NoteSearchResult>> NoteSearchCatalog::meaningResult(const QString& identifier, int chunkIndex) {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    auto use = statements_->meaningDetails->use();
+    Result<void> bound = use.bind(1, static_cast<qint64>(chunkIndex));
+    if (bound) bound = use.bind(2, identifier);
+    if (!bound) return fail(bound.error());
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    if (!*row) return std::optional<NoteSearchResult>();
+    NoteSearchResult result;
+    result.identifier = identifier;
+    result.title = use.text(0);
+    result.revision = use.text(1);
+    result.createdBy = use.text(2);
+    result.lastEditedBy = use.optionalText(3);
+    result.excerpt = NoteSearch::clippedExcerpt(use.text(4).simplified());
+    return std::optional<NoteSearchResult>(std::move(result));
+}
+
+Result<qint64> NoteSearchCatalog::dataVersion() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    auto use = statements_->dataVersion->use();
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    return *row ? use.integer(0) : 0;
 }
 
 Result<qint64> NoteSearchCatalog::count() {

@@ -76,6 +76,20 @@ public:
     Result<qint64> count();
     Result<std::vector<SemanticSearchCatalogEntry>> semanticEntries();
 
+    // Told how many notes are embedded so far, out of how many; on the synchronising thread.
+    void setSemanticProgressHandler(Progress progress) { semanticProgress_ = std::move(progress); }
+    // How many notes the last synchronisation embedded.
+    int lastSemanticCount() const { return lastSemanticCount_; }
+    // Every note's identifier and current revision.
+    Result<std::vector<std::pair<QString, QString>>> revisions();
+    // A note's chunk vectors for `revision`, in chunk order; empty if it has none.
+    Result<std::vector<std::vector<double>>> semanticVectors(const QString& identifier, const QString& revision);
+    // A result for a note found by meaning: its metadata, and the chunk's text as
+    // the excerpt. Nothing if the note is no longer in the catalog.
+    Result<std::optional<NoteSearchResult>> meaningResult(const QString& identifier, int chunkIndex);
+    // Changes when another connection commits (SQLite's data_version).
+    Result<qint64> dataVersion();
+
     // Closes the database and removes its files; later calls fail with "Database is closed.".
     Result<void> deleteCatalog();
     // Removes a catalog file and its "-wal" and "-shm" companions.
@@ -131,6 +145,8 @@ private:
     PhraseFrequencyScan* currentScan_ = nullptr;  // where the ranking's auxiliary function writes
     PhraseFrequencyScan matchScan_, rowScan_;      // kept between searches for their buffers
     Progress progress_;  // checked once per open catalog (see synchronizeKeywords)
+    Progress semanticProgress_;
+    int lastSemanticCount_ = 0;
 };
 
 }  // namespace mossly

@@ -59,6 +59,15 @@ inline const char* const semanticEntries =
     "SELECT m.identifier, m.title, m.revision, m.created_by,\n       m.last_edited_by, s.chunk_text, s.vector\n"
     "FROM note_metadata AS m\nJOIN note_semantic AS s\n  ON s.identifier = m.identifier AND s.revision = m.revision\n"
     "ORDER BY m.identifier, s.chunk_index";
+// What meaning search reads besides its vectors in memory.
+inline const char* const revisions = "SELECT identifier, revision FROM note_metadata";
+inline const char* const semanticVectors =
+    "SELECT vector FROM note_semantic WHERE identifier = ? AND revision = ? ORDER BY chunk_index";
+inline const char* const meaningDetails =
+    "SELECT m.title, m.revision, m.created_by, m.last_edited_by, s.chunk_text\n"
+    "FROM note_metadata AS m LEFT JOIN note_semantic AS s\n"
+    "  ON s.identifier = m.identifier AND s.revision = m.revision AND s.chunk_index = ?\n"
+    "WHERE m.identifier = ?";
 
 // The ranking statement, as the reference for the search.
 inline const char* const keywordSearch =
@@ -100,6 +109,7 @@ struct NoteSearchCatalog::Statements {
     std::unique_ptr<SqliteStatement> insertMetadata;
     std::unique_ptr<SqliteStatement> metadataRowid, deleteLinkedFts, insertLinkedFts;
     std::unique_ptr<SqliteStatement> missingSemantic, insertSemantic, semanticEntries;
+    std::unique_ptr<SqliteStatement> revisions, semanticVectors, meaningDetails;
     std::unique_ptr<SqliteStatement> keywordSearch, phraseFrequencies, rowPhraseFrequencies, matchDetails, matchSnippet;
 };
 

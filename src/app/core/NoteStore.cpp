@@ -15,7 +15,7 @@
 #include "DirectoryMonitor.h"
 #include "NoteListCache.h"
 #include "NoteModel.h"
-#include "NoteSearchCatalog.h"
+#include "NoteSearchService.h"
 #include "NoteTitle.h"
 #include "WelcomeNote.h"
 

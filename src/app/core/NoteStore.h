@@ -21,7 +21,7 @@
 namespace mossly {
 
 class DirectoryMonitor;
-class NoteSearchCatalog;
+class NoteSearchService;
 
 // One note as the app holds it. `url` (the file's absolute path) is its identity.
 struct Note {
@@ -240,6 +240,8 @@ signals:
     void unreadableNotesChanged();
     // The search index is being built: `done` of `total` changed notes so far.
     void indexProgress(int done, int total);
+    // Notes are being indexed for meaning search: `done` of `total` so far.
+    void meaningIndexProgress(int done, int total);
     // Note files are being imported: `done` of `total` so far.
     void importProgress(int done, int total);
     void editorFocusRequested(const QUuid& requestId, const QString& url);
@@ -297,7 +299,7 @@ private:
     QString directory_;
     Options options_;
     std::shared_ptr<NoteFileAccess> files_;
-    std::shared_ptr<NoteSearchCatalog> catalog_;
+    std::shared_ptr<NoteSearchService> catalog_;
     bool catalogReady_ = false;  // the first synchronisation has finished
     std::unique_ptr<DirectoryMonitor> monitor_;
 

@@ -4,7 +4,7 @@
 
 #include "BackgroundTask.h"
 #include "Diagnostics.h"
-#include "NoteSearchCatalog.h"
+#include "NoteSearchService.h"
 #include "NoteStore.h"
 
 namespace mossly {
@@ -90,9 +90,11 @@ void NoteStore::runSearch() {
             });
         return;
     }
-    const std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
+    // Words and meaning together once every note has its vectors; until then
+    // (or without the word vectors) the service answers with keyword results.
+    const std::shared_ptr<NoteSearchService> catalog = catalog_;
     runInBackground(
-        this, [catalog, query] { return catalog->search(query, searchResultLimit); },
+        this, [catalog, query] { return catalog->search(query, NoteSearchMode::hybrid, searchResultLimit); },
         [this, generation, query](Result<NoteSearchResponse> response) {
             if (generation != searchGeneration_) return;  // cancelled by newer typing
             isSearching_ = false;
@@ -142,10 +144,10 @@ void NoteStore::refreshSearchIndexInBackground() {
     indexRefreshRunning_ = true;
     indexNeedsRefresh_ = false;
     const QString directory = directory_;
-    std::shared_ptr<NoteSearchCatalog> catalog = catalog_;
+    std::shared_ptr<NoteSearchService> catalog = catalog_;
     const std::shared_ptr<NoteFileAccess> files = files_;
     struct Refresh {
-        std::shared_ptr<NoteSearchCatalog> catalog;
+        std::shared_ptr<NoteSearchService> catalog;
         Result<int> indexed = 0;
     };
     const std::stop_token stop = indexStop_.get_token();
@@ -159,18 +161,32 @@ void NoteStore::refreshSearchIndexInBackground() {
             },
             Qt::QueuedConnection);
     };
+    const auto meaningProgress = [self](int done, int total) {
+        QMetaObject::invokeMethod(
+            QCoreApplication::instance(),
+            [self, done, total] {
+                if (self) emit self->meaningIndexProgress(done, total);
+            },
+            Qt::QueuedConnection);
+    };
     runInBackground(
         this,
-        [directory, catalog, files, stop, progress]() mutable {
+        [directory, catalog, files, stop, progress, meaningProgress]() mutable {
             auto span = DiagnosticsCenter::shared().span(QStringLiteral("Refresh search index"));
             if (!catalog) {
-                auto opened = NoteSearchCatalog::open(librarySearchCatalogPath(directory));
+                auto opened = NoteSearchService::open(librarySearchCatalogPath(directory));
                 if (!opened) return Refresh{nullptr, fail(opened.error())};
                 catalog = std::move(*opened);
+                if (auto problem = catalog->embeddingsProblem()) {
+                    DiagnosticsCenter::shared().event(QStringLiteral("Meaning search unavailable"),
+                                                      {{QStringLiteral("reason"), *problem}});
+                }
             }
-            catalog->setProgressHandler(progress);
-            auto indexed = catalog->synchronize(files->repository(), nullptr, stop);
-            catalog->setProgressHandler({});
+            catalog->catalog().setProgressHandler(progress);
+            catalog->catalog().setSemanticProgressHandler(meaningProgress);
+            auto indexed = catalog->synchronize(files->repository(), stop);
+            catalog->catalog().setProgressHandler({});
+            catalog->catalog().setSemanticProgressHandler({});
             span.add(QStringLiteral("indexed"), indexed.value_or(-1));
             return Refresh{catalog, indexed};
         },

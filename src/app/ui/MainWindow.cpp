@@ -88,6 +88,10 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
     connect(&store, &NoteStore::indexProgress, this, [this](int done, int total) {
         showProgress(*indexProgress_, done, total, total >= 200, tr("Indexing for search: %1 of %2"));
     });
+    meaningIndexProgress_ = addProgressBar(QStringLiteral("meaningIndexProgress"));
+    connect(&store, &NoteStore::meaningIndexProgress, this, [this](int done, int total) {
+        showProgress(*meaningIndexProgress_, done, total, total >= 200, tr("Indexing for meaning search: %1 of %2"));
+    });
     importProgress_ = addProgressBar(QStringLiteral("importProgress"));
     connect(&store, &NoteStore::importProgress, this, [this](int done, int total) {
         showProgress(*importProgress_, done, total, total >= 50, tr("Importing notes: %1 of %2"));

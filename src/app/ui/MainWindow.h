@@ -33,6 +33,7 @@ public:
     QPushButton* unreadableNotesNotice() const { return unreadableNotice_; }
     LinkPreviews& linkPreviews() const { return *linkPreviews_; }
     QProgressBar* indexProgressBar() const { return indexProgress_; }
+    QProgressBar* meaningIndexProgressBar() const { return meaningIndexProgress_; }
 
     // Adds the meeting recorder's menu commands (the app has one recorder).
     void setMeetingRecorder(MeetingRecorder* recorder);
@@ -61,6 +62,7 @@ private:
     QPushButton* unreadableNotice_;
     QProgressBar* importProgress_ = nullptr;
     QProgressBar* indexProgress_;
+    QProgressBar* meaningIndexProgress_;
     LinkPreviews* linkPreviews_;
     MeetingRecorder* meetingRecorder_ = nullptr;
 };

@@ -1,0 +1,73 @@
+#pragma once
+
+#include <QString>
+#include <atomic>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <stop_token>
+
+#include "NoteSearchCatalog.h"
+#include "SemanticVectorIndex.h"
+#include "WordVectorEmbedder.h"
+
+namespace mossly {
+
+// Search by words, by meaning, or both, over one catalog: what the app's
+// search field, `mossly-agent search` and the MCP server all call. Keeps the
+// catalog's chunk vectors in memory (SemanticVectorIndex), brought up to date
+// by each synchronisation. Safe to search from several threads while one
+// thread synchronises.
+class NoteSearchService {
+public:
+    static inline const QString unavailableWarning =
+        QStringLiteral("On-device semantic embeddings are unavailable; keyword results were returned.");
+    static inline const QString indexingWarning =
+        QStringLiteral("Meaning search is still indexing; keyword results were returned.");
+
+    // `embedder` may be missing (the word-vector table could not be opened):
+    // then meaning and hybrid searches answer with keyword results and say so.
+    NoteSearchService(std::shared_ptr<NoteSearchCatalog> catalog, Result<std::shared_ptr<const WordVectorEmbedder>> embedder);
+    // The catalog at `catalogPath` and the word-vector table at its default place.
+    static Result<std::unique_ptr<NoteSearchService>> open(const QString& catalogPath);
+
+    NoteSearchCatalog& catalog() { return *catalog_; }
+    const std::shared_ptr<NoteSearchCatalog>& sharedCatalog() const { return catalog_; }
+    // Why meaning search is unavailable, if it is.
+    std::optional<QString> embeddingsProblem() const;
+    // Meaning search has vectors for every note in the catalog.
+    bool meaningReady() const;
+
+    // Keyword rows, then (when meaning search is available) every note's
+    // chunks and the vectors in memory. `stop` is checked between notes.
+    Result<int> synchronize(const NoteRepository& repository, std::stop_token stop = {});
+    // Brings the vectors in memory up to date with the catalog, which another
+    // process may have changed.
+    Result<void> refreshVectors();
+
+    Result<NoteSearchResponse> search(const QString& query, NoteSearchMode mode, qint64 limit);
+
+    // Bytes of vectors held in memory.
+    size_t vectorBytes() const;
+
+private:
+    Result<NoteSearchResponse> meaningSearch(const std::vector<float>& query, qint64 limit);
+    Result<NoteSearchResponse> hybridSearch(const QString& query, const std::vector<float>& vector, qint64 limit);
+
+    std::shared_ptr<NoteSearchCatalog> catalog_;
+    std::shared_ptr<const WordVectorEmbedder> embedder_;
+    std::optional<QString> embeddingsProblem_;
+    mutable std::shared_mutex indexLock_;
+    std::unique_ptr<SemanticVectorIndex> index_;
+    std::mutex refreshLock_;  // one refresh at a time
+    std::atomic<bool> loaded_ = false;
+    std::atomic<qsizetype> notesWithoutVectors_ = 0;
+    qint64 refreshedDataVersion_ = -1;
+};
+
+namespace NoteSearchModes {
+std::optional<NoteSearchMode> fromString(const QString& text);
+QString toString(NoteSearchMode mode);
+}  // namespace NoteSearchModes
+
+}  // namespace mossly
