@@ -17,6 +17,15 @@ namespace {
 constexpr int vocabularySize = 30000;
 
 QStringList makeVocabulary(std::mt19937_64& random) {
+    // Real words (one a line, most frequent first) when meaning search is measured:
+    // made-up words have no vectors.
+    if (const QString list = qEnvironmentVariable("MOSSLY_GENERATOR_VOCABULARY"); !list.isEmpty()) {
+        QFile file(list);
+        if (!file.open(QIODevice::ReadOnly)) throw std::runtime_error("cannot read the vocabulary list");
+        QStringList words = QString::fromUtf8(file.readAll()).split(u'\n', Qt::SkipEmptyParts);
+        if (words.size() > vocabularySize) words.resize(vocabularySize);
+        return words;
+    }
     static const char* const onsets[] = {"b", "c", "d", "f", "g", "h", "k", "l", "m", "n", "p", "r", "s",
                                          "t", "v", "w", "br", "st", "tr", "pl", "ch", "sh", "gr", "cl"};
     static const char* const vowels[] = {"a", "e", "i", "o", "u", "ai", "ea", "ou", "io"};

@@ -9,7 +9,8 @@ import { mkdtempSync, readdirSync, readFileSync, writeFileSync, unlinkSync } fro
 import { tmpdir } from "node:os";
 import { join } from "node:path";
 
-const [agent, notes] = process.argv.slice(2);
+const [agent, notes, modesFlag] = process.argv.slice(2);
+const withModes = modesFlag === "--modes";
 const home = mkdtempSync(join(tmpdir(), "mossly-bench-mcp-"));
 const env = { PATH: process.env.PATH, HOME: home, XDG_DATA_HOME: join(home, "data"), XDG_CACHE_HOME: join(home, "cache") };
 execFileSync(agent, ["access", "on"], { env });
@@ -31,18 +32,23 @@ const common = [...counts.entries()].sort((a, b) => b[1] - a[1]).slice(0, 50).ma
 
 const client = new Client({ name: "bench", version: "1" });
 await client.connect(new StdioClientTransport({ command: agent, args: ["mcp", "--notes-dir", notes], env }));
-const search = async (query) => {
+const search = async (query, mode = "hybrid") => {
   const started = performance.now();
-  const result = await client.callTool({ name: "search_notes", arguments: { query, limit: 20 } });
+  const result = await client.callTool({ name: "search_notes", arguments: { query, limit: 20, mode } });
   return { ms: performance.now() - started, result };
 };
 const percentile = (values, p) => values.slice().sort((a, b) => a - b)[Math.min(values.length - 1, Math.floor(values.length * p))];
 
 const first = await search("initial");
-const times = [];
-for (const query of queries) times.push((await search(query)).ms);
+const modes = withModes ? ["keyword", "meaning", "hybrid"] : ["keyword"];
+const timesByMode = {};
+for (const mode of modes) {
+  timesByMode[mode] = [];
+  for (const query of queries) timesByMode[mode].push((await search(query, mode)).ms);
+}
+const times = timesByMode.keyword;
 const commonTimes = [];
-for (const query of common) commonTimes.push((await search(query)).ms);
+for (const query of common) commonTimes.push((await search(query, "keyword")).ms);
 
 const freshness = [];
 for (let i = 0; i < 5; i++) {
@@ -50,7 +56,7 @@ for (let i = 0; i < 5; i++) {
   const file = join(notes, `Fresh ${i}.md`);
   writeFileSync(file, `# Fresh ${i}\n${token}\n`);
   const written = performance.now();
-  while (!(await search(token)).result.structuredContent.results.length) await new Promise((r) => setTimeout(r, 20));
+  while (!(await search(token, "keyword")).result.structuredContent.results.length) await new Promise((r) => setTimeout(r, 20));
   freshness.push(performance.now() - written);
   unlinkSync(file);
 }
@@ -58,5 +64,9 @@ await client.close();
 const f = (ms) => ms.toFixed(1);
 console.log(`| first search (opens and syncs the catalog) | ${f(first.ms)} ms |`);
 console.log(`| search_notes round trip, ${queries.length} uniform 1-3 word queries | p50 ${f(percentile(times, 0.5))} ms, p95 ${f(percentile(times, 0.95))} ms |`);
+for (const mode of modes.slice(1)) {
+  const t = timesByMode[mode];
+  console.log(`| search_notes round trip, ${mode}, ${queries.length} uniform 1-3 word queries | p50 ${f(percentile(t, 0.5))} ms, p95 ${f(percentile(t, 0.95))} ms |`);
+}
 console.log(`| search_notes round trip, ${common.length} common single words | p50 ${f(percentile(commonTimes, 0.5))} ms, p95 ${f(percentile(commonTimes, 0.95))} ms |`);
 console.log(`| a note written by another process is found after | median ${f(percentile(freshness, 0.5))} ms, max ${f(Math.max(...freshness))} ms |`);

@@ -135,7 +135,13 @@ TEST_F(AgentCommandTest, ListSearchSyncAndTrash) {
     ASSERT_EQ(results.size(), 1);
     EXPECT_EQ(results[0].toObject()["identifier"].toString(), QStringLiteral("b.md"));
     EXPECT_EQ(results[0].toObject()["openURL"].toString(), QStringLiteral("mossly://note/b.md"));
-    EXPECT_FALSE(searched.json()["semanticAvailable"].toBool());
+    EXPECT_TRUE(searched.json()["semanticAvailable"].toBool()) << "hybrid by default";
+    EXPECT_FALSE(run({"search", "budget", "--mode", "keyword"}).json()["semanticAvailable"].toBool());
+    // "budget" and "spending" mean much the same; the note never says "spending".
+    const Outcome meaning = run({"search", "spending", "--mode", "meaning", "--limit", "1"});
+    ASSERT_EQ(meaning.exitCode, success) << meaning.err.toStdString();
+    EXPECT_EQ(meaning.json()["results"].toArray()[0].toObject()["meaningScore"].toDouble() > 0, true);
+    EXPECT_EQ(run({"search", "budget", "--mode", "fuzzy"}).exitCode, 2);
 
     EXPECT_EQ(run({"sync"}).out, QStringLiteral("{\"indexed\":0,\"count\":2}\n"));
     const Outcome trashed = run({"trash", "b.md"});

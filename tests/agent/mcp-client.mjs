@@ -125,6 +125,22 @@ await step("search finds it, including a note written by another process", async
   assert.equal(later.structuredContent.results[0]?.identifier, "Offsite.md");
 });
 
+await step("search by meaning, and each mode says what it used", async () => {
+  // The client checks every answer against the tool's output schema.
+  const meaning = await call(client, "search_notes", { query: "event location", mode: "meaning" });
+  assert.equal(meaning.structuredContent.semanticAvailable, true);
+  const offsite = meaning.structuredContent.results.find((r) => r.identifier === "Offsite.md");
+  assert.ok(offsite && offsite.meaningScore > 0 && offsite.keywordScore === 0);
+  const keyword = await call(client, "search_notes", { query: "event location", mode: "keyword" });
+  assert.equal(keyword.structuredContent.results.length, 0);
+  assert.equal(keyword.structuredContent.semanticAvailable, false);
+  const hybrid = await call(client, "search_notes", { query: "venue" });
+  assert.equal(hybrid.structuredContent.results[0].identifier, "Offsite.md");
+  assert.equal(hybrid.structuredContent.semanticAvailable, true);
+  const bad = await call(client, "search_notes", { query: "venue", mode: "fuzzy" });
+  assert.equal(bad.isError, true);
+});
+
 await step("list pages through the notes", async () => {
   const first = await call(client, "list_notes", { limit: 1 });
   assert.equal(first.structuredContent.notes.length, 1);

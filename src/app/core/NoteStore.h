@@ -209,6 +209,8 @@ public:
     void setSearchText(const QString& text);
     const std::optional<std::vector<NoteSearchResult>>& searchResults() const { return searchResults_; }
     bool isSearching() const { return isSearching_; }
+    // Searches find notes by meaning as well as by words (every note has its vectors).
+    bool meaningSearchReady() const;
     // Notes in search order when a search is active, else all notes.
     std::vector<const Note*> filteredNotes() const;
     const NoteSearchResult* searchResult(const QString& url) const;

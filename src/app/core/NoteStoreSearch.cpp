@@ -112,6 +112,8 @@ void NoteStore::runSearch() {
         });
 }
 
+bool NoteStore::meaningSearchReady() const { return catalog_ && catalogReady_ && catalog_->meaningReady(); }
+
 std::vector<const Note*> NoteStore::filteredNotes() const {
     std::vector<const Note*> filtered;
     if (!searchResults_) {

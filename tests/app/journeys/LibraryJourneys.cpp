@@ -113,6 +113,23 @@ TEST_F(LibraryJourney, ASearchThatFindsNothingSaysSoAndEscapeClearsIt) {
     EXPECT_FALSE(empty->isVisible());
 }
 
+// Words the note never uses find it by what it says; a note on something
+// else stays out of the list.
+TEST_F(LibraryJourney, ASearchFindsANoteByWhatItMeans) {
+    folder.write(QStringLiteral("Plumber.md"), "# Plumber visit\n\nThe plumber fixed the leaking pipe under the sink.");
+    folder.write(QStringLiteral("Budget.md"), "# Budget\n\nQuarterly spending on rent and groceries.");
+    launch();
+    ASSERT_TRUE(waitUntil([&] { return store().meaningSearchReady(); }, 30000));
+    press(QKeySequence(QStringLiteral("Ctrl+F")));
+    type(QStringLiteral("bathroom water repair"));
+    ASSERT_TRUE(waitUntil([&] {
+        return store().searchText() == QStringLiteral("bathroom water repair") && !store().isSearching() &&
+               noteList().model()->rowCount() == 1;
+    }));
+    EXPECT_EQ(noteList().model()->index(0, 0).data(NoteListModel::TitleRole).toString(), QStringLiteral("Plumber visit"));
+    screenshot(QStringLiteral("search-by-meaning"), &window());
+}
+
 // Right-click a note: favourite it (and find it under Favourites), then move it to the Trash.
 TEST_F(LibraryJourney, ANoteIsFavouritedAndMovedToTheTrashFromItsMenu) {
     folder.write(QStringLiteral("Groceries.md"), "# Groceries\neggs");
