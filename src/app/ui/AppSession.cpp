@@ -130,7 +130,7 @@ void AppSession::openFiles(const QStringList& paths) {
             // Links are untrusted: they open a note of this library, or only say why not.
             auto note = noteForLink(request, library);
             if (!note) {
-                refused.append(note.error().description());
+                refused.append(QObject::tr("Link not opened: ") + note.error().description());
                 continue;
             }
             path = *note;

@@ -68,7 +68,8 @@ TEST_F(DeepLinkJourney, ABadLinkOnlyShowsAMessage) {
     };
     for (const auto& [link, message] : bad) {
         EXPECT_EQ(launchSecond(link), 0) << link.toStdString();
-        ASSERT_TRUE(waitUntil([&] { return statusMessage() == message; })) << statusMessage().toStdString();
+        ASSERT_TRUE(waitUntil([&] { return statusMessage() == QStringLiteral("Link not opened: ") + message; }))
+            << statusMessage().toStdString();
         if (link.contains(u"Missing")) screenshot(QStringLiteral("deep-link-refused"));
         EXPECT_EQ(store().selection(), selected);
         EXPECT_EQ(editorText(), QStringLiteral("# Diary\nMonday"));
