@@ -1,5 +1,6 @@
 #include <QFile>
 #include <QStatusBar>
+#include <QUrl>
 
 #include "EditorPane.h"
 #include "Journey.h"
@@ -39,6 +40,11 @@ TEST_F(DeepLinkJourney, ALinkAnAgentPrintedOpensTheNoteInTheRunningMossly) {
     ASSERT_TRUE(waitUntil([&] { return editorText().contains(QStringLiteral("Travel is over plan.")); }));
     EXPECT_TRUE(window().isVisible());
     screenshot(QStringLiteral("deep-link-opened"));
+
+    // The desktop entry's %U hands files over as file:// URLs.
+    EXPECT_EQ(launchSecond(QUrl::fromLocalFile(folder.filePath(QStringLiteral("Newer.md"))).toString()), 0);
+    ASSERT_TRUE(waitUntil([&] { return store().selection() == QDir::cleanPath(folder.filePath(QStringLiteral("Newer.md"))); }));
+    ASSERT_TRUE(waitUntil([&] { return editorText().contains(QStringLiteral("something else")); }));
 }
 
 // Links are untrusted: one that leaves the notes folder, names no note, or is no note link at all
