@@ -92,11 +92,11 @@ struct AgentSubcommand {
         answeredPerCall,  // starts anyway and answers each call with the reason
     };
     QString name;
-    QString synopsis;  // what follows the name; every "--option" in it takes a value
-    QString summary;   // one line
-    QString details;   // a paragraph for --help, may be empty
-    QStringList firstArguments;  // the words the first argument may be (completion), if fixed
-    Access access;
+    QString synopsis{};                // what follows the name; every "--option" in it takes a value
+    QString summary{};                 // one line
+    QString details{};                 // a paragraph for --help, may be empty
+    QStringList firstArguments{};      // the words the first argument may be (completion), if fixed
+    Access access = Access::required;  // a new command touches notes only with the user's consent
     std::function<int(const QStringList&, AgentIo&)> run;
 };
 // Every subcommand, in the order --help lists them.

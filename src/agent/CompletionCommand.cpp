@@ -25,7 +25,8 @@ QList<OptionValue> optionValues() {
     for (const AgentSubcommand& command : agentSubcommands()) synopses += u' ' + command.synopsis;
     for (const auto& match : optionWithValue.globalMatch(synopses)) {
         const QString option = match.captured(1);
-        if (std::any_of(values.begin(), values.end(), [&](const OptionValue& v) { return v.option == option; })) {
+        if (std::any_of(values.begin(), values.end(),
+                        [&](const OptionValue& v) { return v.option == option; })) {
             continue;
         }
         const QString value = match.captured(2);
@@ -49,38 +50,43 @@ QStringList commandNames() {
 }
 
 QString bashScript() {
-    QString script = QStringLiteral(
-        "# bash completion for mossly-agent (written by \"mossly-agent completion bash\")\n"
-        "_mossly_agent() {\n"
-        "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} options words\n"
-        "    if (( COMP_CWORD == 1 )); then\n"
-        "        COMPREPLY=($(compgen -W \"%1 help --help\" -- \"$cur\"))\n"
-        "        return\n"
-        "    fi\n"
-        "    case $prev in\n")
-                         .arg(commandNames().join(u' '));
+    QString script =
+        QStringLiteral(
+            "# bash completion for mossly-agent (written by \"mossly-agent completion bash\")\n"
+            "_mossly_agent() {\n"
+            "    local cur=${COMP_WORDS[COMP_CWORD]} prev=${COMP_WORDS[COMP_CWORD-1]} options words\n"
+            "    if (( COMP_CWORD == 1 )); then\n"
+            "        COMPREPLY=($(compgen -W \"%1 help --help\" -- \"$cur\"))\n"
+            "        return\n"
+            "    fi\n"
+            "    case $prev in\n")
+            .arg(commandNames().join(u' '));
     for (const OptionValue& value : optionValues()) {
         script += QStringLiteral("        ") + value.option + QStringLiteral(") ");
         switch (value.kind) {
-        case ValueKind::directory:
-            script += QStringLiteral("compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -d -- \"$cur\"))");
-            break;
-        case ValueKind::file:
-            script += QStringLiteral("compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -f -- \"$cur\"))");
-            break;
-        case ValueKind::choices:
-            script += QStringLiteral("COMPREPLY=($(compgen -W \"%1\" -- \"$cur\"))").arg(value.choices.join(u' '));
-            break;
-        case ValueKind::free:
-            script += QStringLiteral("COMPREPLY=()");
-            break;
+            case ValueKind::directory:
+                script +=
+                    QStringLiteral("compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -d -- \"$cur\"))");
+                break;
+            case ValueKind::file:
+                script +=
+                    QStringLiteral("compopt -o filenames 2>/dev/null; COMPREPLY=($(compgen -f -- \"$cur\"))");
+                break;
+            case ValueKind::choices:
+                script += QStringLiteral("COMPREPLY=($(compgen -W \"%1\" -- \"$cur\"))")
+                              .arg(value.choices.join(u' '));
+                break;
+            case ValueKind::free:
+                script += QStringLiteral("COMPREPLY=()");
+                break;
         }
         script += QStringLiteral("; return ;;\n");
     }
     script += QStringLiteral("    esac\n    case ${COMP_WORDS[1]} in\n");
     for (const AgentSubcommand& command : agentSubcommands()) {
-        script += QStringLiteral("        %1) options=\"%2 --help\"; words=\"%3\" ;;\n")
-                      .arg(command.name, subcommandOptions(command).join(u' '), command.firstArguments.join(u' '));
+        script +=
+            QStringLiteral("        %1) options=\"%2 --help\"; words=\"%3\" ;;\n")
+                .arg(command.name, subcommandOptions(command).join(u' '), command.firstArguments.join(u' '));
     }
     script += QStringLiteral(
                   "        help) options=\"\"; words=\"%1\" ;;\n"
@@ -114,7 +120,8 @@ QString zshScript() {
         "  local -a commands\n"
         "  commands=(\n");
     for (const AgentSubcommand& command : agentSubcommands()) {
-        script += QStringLiteral("    '") + command.name + u':' + zshQuoted(command.summary) + QStringLiteral("'\n");
+        script += QStringLiteral("    '") + command.name + u':' + zshQuoted(command.summary) +
+                  QStringLiteral("'\n");
     }
     script += QStringLiteral(
         "  )\n"
@@ -130,7 +137,8 @@ QString zshScript() {
     for (const AgentSubcommand& command : agentSubcommands()) {
         script += QStringLiteral("    (") + command.name + QStringLiteral(") _arguments");
         if (!command.firstArguments.isEmpty()) {
-            script += QStringLiteral(" '1:argument:(") + command.firstArguments.join(u' ') + QStringLiteral(")'");
+            script +=
+                QStringLiteral(" '1:argument:(") + command.firstArguments.join(u' ') + QStringLiteral(")'");
         }
         for (const QString& option : subcommandOptions(command)) {
             const auto value = std::find_if(values.begin(), values.end(),
@@ -138,10 +146,18 @@ QString zshScript() {
             QString action;
             if (value != values.end()) {
                 switch (value->kind) {
-                case ValueKind::directory: action = QStringLiteral(":directory:_files -/"); break;
-                case ValueKind::file: action = QStringLiteral(":file:_files"); break;
-                case ValueKind::choices: action = QStringLiteral(":value:(") + value->choices.join(u' ') + u')'; break;
-                case ValueKind::free: action = QStringLiteral(":value:"); break;
+                    case ValueKind::directory:
+                        action = QStringLiteral(":directory:_files -/");
+                        break;
+                    case ValueKind::file:
+                        action = QStringLiteral(":file:_files");
+                        break;
+                    case ValueKind::choices:
+                        action = QStringLiteral(":value:(") + value->choices.join(u' ') + u')';
+                        break;
+                    case ValueKind::free:
+                        action = QStringLiteral(":value:");
+                        break;
                 }
             }
             script += QStringLiteral(" '*") + option + action + u'\'';
@@ -159,13 +175,15 @@ QString zshScript() {
 }  // namespace
 
 int runCompletion(const QStringList& arguments, AgentIo& io) {
-    if (arguments.size() != 1) return printUsage(io, {QStringLiteral("Usage: mossly-agent completion bash|zsh")});
+    if (arguments.size() != 1)
+        return printUsage(io, {QStringLiteral("Usage: mossly-agent completion bash|zsh")});
     if (arguments.front() == u"bash") {
         io.out << bashScript();
     } else if (arguments.front() == u"zsh") {
         io.out << zshScript();
     } else {
-        return printUsage(io, {QStringLiteral("Unknown shell: ") + arguments.front() + QStringLiteral(" (bash or zsh)")});
+        return printUsage(
+            io, {QStringLiteral("Unknown shell: ") + arguments.front() + QStringLiteral(" (bash or zsh)")});
     }
     io.out.flush();
     return success;

@@ -26,54 +26,105 @@ failed operation, 2 for a usage error.
 )";
 
 std::vector<AgentSubcommand> buildTable() {
+    const QStringList clients{QStringLiteral("claude-desktop"), QStringLiteral("claude-code"),
+                              QStringLiteral("codex")};
     return {
-        {QStringLiteral("list"), {}, QStringLiteral("every note: identifier, type, date, size"), {}, {}, Access::required, runList},
-        {QStringLiteral("read"), QStringLiteral("ID"), QStringLiteral("one note with its body, front matter and revision"),
-         QStringLiteral("ID is the note's path relative to the notes folder, such as \"Projects/Plan.md\"."), {}, Access::required,
-         runRead},
-        {QStringLiteral("create"),
-         QStringLiteral("--title T [--body TEXT | --body-file F|-] [--type markdown|html|sketch] [--field KEY=VALUE]... --agent NAME"),
-         QStringLiteral("a new note named after its title (never overwrites)"),
-         QStringLiteral("--body-file - reads the body from standard input. Field values follow the front-matter grammar: 3 is an "
-         "integer, true and false booleans, 1.5 a number, [\"a\",\"b\"] a list, anything else text."),
-         {}, Access::required, runCreate},
-        {QStringLiteral("update"),
-         QStringLiteral("ID --expected-revision R [--body TEXT | --body-file F|-] [--field KEY=VALUE]... --agent NAME"),
-         QStringLiteral("new body and/or fields, only if the note still has revision R"),
-         QStringLiteral("A note that changed after it was read is refused with \"The note changed after it was read. Fetch it "
-         "again before editing.\" and nothing is written."),
-         {}, Access::required, runUpdate},
-        {QStringLiteral("search"), QStringLiteral("QUERY [--limit N]"), QStringLiteral("ranked keyword search (indexes first)"),
-         QStringLiteral("N is 0 to 500, 20 by default. Each result carries openURL, a mossly:// link that opens the note in "
-         "Mossly."),
-         {}, Access::required, runSearch},
-        {QStringLiteral("trash"), QStringLiteral("ID"), QStringLiteral("move a note to the Trash"), {}, {}, Access::required, runTrash},
-        {QStringLiteral("sync"), {}, QStringLiteral("bring the search catalog up to date"), {}, {}, Access::required, runSync},
-        {QStringLiteral("mcp"), QStringLiteral("[--agent NAME]"), QStringLiteral("serve the notes to AI agents over MCP (stdio)"),
-         QStringLiteral("Runs until standard input ends. While agent access is off, every tool call is answered with the "
-         "reason."),
-         {}, Access::answeredPerCall, runMcp},
-        {QStringLiteral("access"), QStringLiteral("on|off|status"), QStringLiteral("let agents use the notes, or not"), {},
-         {QStringLiteral("on"), QStringLiteral("off"), QStringLiteral("status")}, Access::none, runAccess},
-        {QStringLiteral("register"), QStringLiteral("CLIENT"), QStringLiteral("add the MCP server to an agent's settings"),
-         QStringLiteral("CLIENT is claude-desktop, claude-code or codex. Only Mossly's own entry changes; the previous file is "
-         "kept as FILE.mossly-backup."),
-         {QStringLiteral("claude-desktop"), QStringLiteral("claude-code"), QStringLiteral("codex")}, Access::none,
-         [](const QStringList& arguments, AgentIo& io) { return runRegister(arguments, io, true); }},
-        {QStringLiteral("unregister"), QStringLiteral("CLIENT"), QStringLiteral("remove the MCP server from an agent's settings"),
-         QStringLiteral("CLIENT is claude-desktop, claude-code or codex."),
-         {QStringLiteral("claude-desktop"), QStringLiteral("claude-code"), QStringLiteral("codex")}, Access::none,
-         [](const QStringList& arguments, AgentIo& io) { return runRegister(arguments, io, false); }},
-        {QStringLiteral("clients"), {}, QStringLiteral("where each agent stands"), {}, {}, Access::none, runClients},
-        {QStringLiteral("install"), {}, QStringLiteral("link ~/.local/bin/mossly-agent to this program"), {}, {}, Access::none, runInstall},
+        {.name = QStringLiteral("list"),
+         .summary = QStringLiteral("every note: identifier, type, date, size"),
+         .access = Access::required,
+         .run = runList},
+        {.name = QStringLiteral("read"),
+         .synopsis = QStringLiteral("ID"),
+         .summary = QStringLiteral("one note with its body, front matter and revision"),
+         .details = QStringLiteral("ID is the note's path relative to the notes folder, such as "
+                                   "\"Projects/Plan.md\"."),
+         .access = Access::required,
+         .run = runRead},
+        {.name = QStringLiteral("create"),
+         .synopsis = QStringLiteral("--title T [--body TEXT | --body-file F|-] [--type markdown|html|sketch] "
+                                    "[--field KEY=VALUE]... --agent NAME"),
+         .summary = QStringLiteral("a new note named after its title (never overwrites)"),
+         .details =
+             QStringLiteral("--body-file - reads the body from standard input. Field values follow the "
+                            "front-matter grammar: 3 is an integer, true and false booleans, 1.5 a "
+                            "number, [\"a\",\"b\"] a list, anything else text."),
+         .access = Access::required,
+         .run = runCreate},
+        {.name = QStringLiteral("update"),
+         .synopsis = QStringLiteral("ID --expected-revision R [--body TEXT | --body-file F|-] "
+                                    "[--field KEY=VALUE]... --agent NAME"),
+         .summary = QStringLiteral("new body and/or fields, only if the note still has revision R"),
+         .details = QStringLiteral("A note that changed after it was read is refused with \"The note changed "
+                                   "after it was read. Fetch it again before editing.\" and nothing is "
+                                   "written."),
+         .access = Access::required,
+         .run = runUpdate},
+        {.name = QStringLiteral("search"),
+         .synopsis = QStringLiteral("QUERY [--limit N]"),
+         .summary = QStringLiteral("ranked keyword search (indexes first)"),
+         .details = QStringLiteral("N is 0 to 500, 20 by default. Each result carries openURL, a mossly:// "
+                                   "link that opens the note in Mossly."),
+         .access = Access::required,
+         .run = runSearch},
+        {.name = QStringLiteral("trash"),
+         .synopsis = QStringLiteral("ID"),
+         .summary = QStringLiteral("move a note to the Trash"),
+         .access = Access::required,
+         .run = runTrash},
+        {.name = QStringLiteral("sync"),
+         .summary = QStringLiteral("bring the search catalog up to date"),
+         .access = Access::required,
+         .run = runSync},
+        {.name = QStringLiteral("mcp"),
+         .synopsis = QStringLiteral("[--agent NAME]"),
+         .summary = QStringLiteral("serve the notes to AI agents over MCP (stdio)"),
+         .details = QStringLiteral("Runs until standard input ends. While agent access is off, every tool "
+                                   "call is answered with the reason."),
+         .access = Access::answeredPerCall,
+         .run = runMcp},
+        {.name = QStringLiteral("access"),
+         .synopsis = QStringLiteral("on|off|status"),
+         .summary = QStringLiteral("let agents use the notes, or not"),
+         .firstArguments = {QStringLiteral("on"), QStringLiteral("off"), QStringLiteral("status")},
+         .access = Access::none,
+         .run = runAccess},
+        {.name = QStringLiteral("register"),
+         .synopsis = QStringLiteral("CLIENT"),
+         .summary = QStringLiteral("add the MCP server to an agent's settings"),
+         .details = QStringLiteral("CLIENT is claude-desktop, claude-code or codex. Only Mossly's own entry "
+                                   "changes; the previous file is kept as FILE.mossly-backup."),
+         .firstArguments = clients,
+         .access = Access::none,
+         .run = [](const QStringList& arguments, AgentIo& io) { return runRegister(arguments, io, true); }},
+        {.name = QStringLiteral("unregister"),
+         .synopsis = QStringLiteral("CLIENT"),
+         .summary = QStringLiteral("remove the MCP server from an agent's settings"),
+         .details = QStringLiteral("CLIENT is claude-desktop, claude-code or codex."),
+         .firstArguments = clients,
+         .access = Access::none,
+         .run = [](const QStringList& arguments, AgentIo& io) { return runRegister(arguments, io, false); }},
+        {.name = QStringLiteral("clients"),
+         .summary = QStringLiteral("where each agent stands"),
+         .access = Access::none,
+         .run = runClients},
+        {.name = QStringLiteral("install"),
+         .summary = QStringLiteral("link ~/.local/bin/mossly-agent to this program"),
+         .access = Access::none,
+         .run = runInstall},
         // The user's own importer, writing as "agent:granola": the user's action, not an agent's.
-        {QStringLiteral("import-granola"), {}, QStringLiteral("import and update notes from Granola"),
-         QStringLiteral("The API key comes from MOSSLY_GRANOLA_API_KEY, else from the keyring. Exit code 1 when the run stopped "
-         "early."),
-         {}, Access::none, runImportGranola},
-        {QStringLiteral("completion"), QStringLiteral("bash|zsh"), QStringLiteral("print the shell completion script"),
-         QStringLiteral("For example: source <(mossly-agent completion bash)"), {QStringLiteral("bash"), QStringLiteral("zsh")}, Access::none,
-         runCompletion},
+        {.name = QStringLiteral("import-granola"),
+         .summary = QStringLiteral("import and update notes from Granola"),
+         .details = QStringLiteral("The API key comes from MOSSLY_GRANOLA_API_KEY, else from the keyring. "
+                                   "Exit code 1 when the run stopped early."),
+         .access = Access::none,
+         .run = runImportGranola},
+        {.name = QStringLiteral("completion"),
+         .synopsis = QStringLiteral("bash|zsh"),
+         .summary = QStringLiteral("print the shell completion script"),
+         .details = QStringLiteral("For example: source <(mossly-agent completion bash)"),
+         .firstArguments = {QStringLiteral("bash"), QStringLiteral("zsh")},
+         .access = Access::none,
+         .run = runCompletion},
     };
 }
 
@@ -123,6 +174,8 @@ QString subcommandUsage(const AgentSubcommand& command) {
     if (!command.details.isEmpty()) usage += u'\n' + wrapped(command.details, {});
     if (command.access == Access::required) {
         usage += QStringLiteral("\nNeeds agent access turned on (\"mossly-agent access on\").\n");
+    } else {
+        usage += u'\n';
     }
     usage += QStringLiteral("Exit codes: 0 success, 1 the operation failed, 2 usage error.\n");
     return usage;
@@ -131,7 +184,8 @@ QString subcommandUsage(const AgentSubcommand& command) {
 QString agentUsage() {
     QString usage = QString::fromUtf8(overview);
     for (const AgentSubcommand& command : agentSubcommands()) {
-        const QString call = command.synopsis.isEmpty() ? command.name : command.name + u' ' + command.synopsis;
+        const QString call =
+            command.synopsis.isEmpty() ? command.name : command.name + u' ' + command.synopsis;
         usage += QStringLiteral("  ") + call + u'\n';
         usage += QStringLiteral("        ") + command.summary + u'\n';
     }
@@ -153,12 +207,14 @@ int runAgent(const QStringList& arguments, AgentIo& io) {
     const QStringList rest = arguments.mid(1);
     const auto& table = agentSubcommands();
     const auto find = [&table](const QString& wanted) {
-        return std::find_if(table.begin(), table.end(), [&](const AgentSubcommand& c) { return c.name == wanted; });
+        return std::find_if(table.begin(), table.end(),
+                            [&](const AgentSubcommand& c) { return c.name == wanted; });
     };
     if (name == u"help" || name == u"--help" || name == u"-h") {
         if (rest.isEmpty() || rest.front().startsWith(u'-')) return printText(io, agentUsage());
         const auto command = find(rest.front());
-        if (command == table.end()) return printUsage(io, {QStringLiteral("Unknown command: ") + rest.front()});
+        if (command == table.end())
+            return printUsage(io, {QStringLiteral("Unknown command: ") + rest.front()});
         return printText(io, subcommandUsage(*command));
     }
     const auto command = find(name);

@@ -16,7 +16,10 @@ bool isNoteLink(const QString& text) {
 
 Result<QString> identifier(const QString& link) {
     const QUrl url(link, QUrl::StrictMode);
-    const auto notALink = [&link] { return fail(Error::invalidArgument(u'\u201C' + link + QStringLiteral("\u201D is not a link to a note."))); };
+    const auto notALink = [&link] {
+        return fail(
+            Error::invalidArgument(u'\u201C' + link + QStringLiteral("\u201D is not a link to a note.")));
+    };
     if (!url.isValid() || url.scheme() != scheme || url.host() != u"note" || url.port() != -1 ||
         !url.userInfo().isEmpty() || url.hasQuery() || url.hasFragment() || !url.path().startsWith(u'/')) {
         return notALink();

@@ -20,10 +20,10 @@ TEST(NoteLink, ReadsBackEveryIdentifierASearchResultLinks) {
 }
 
 TEST(NoteLink, IdentifiersOutsideTheFolderOrHiddenAreRefusedByThePathPolicy) {
-    for (const char* link : {"mossly://note/../secret.md", "mossly://note/a/%2E%2E/%2E%2E/x.md",
-                             "mossly://note/%2E%2E%2Fx.md", "mossly://note//etc/passwd.md", "mossly://note/.git/x.md",
-                             "mossly://note/a%5Cb.md", "mossly://note/x%00.md", "mossly://note/notes.txt",
-                             "mossly://note/", "mossly://note/dir/"}) {
+    for (const char* link :
+         {"mossly://note/../secret.md", "mossly://note/a/%2E%2E/%2E%2E/x.md", "mossly://note/%2E%2E%2Fx.md",
+          "mossly://note//etc/passwd.md", "mossly://note/.git/x.md", "mossly://note/a%5Cb.md",
+          "mossly://note/x%00.md", "mossly://note/notes.txt", "mossly://note/", "mossly://note/dir/"}) {
         const auto read = NoteLink::identifier(QString::fromUtf8(link));
         ASSERT_FALSE(read) << link;
         EXPECT_EQ(read.error().code(), Error::Code::invalidIdentifier) << link;
@@ -32,9 +32,10 @@ TEST(NoteLink, IdentifiersOutsideTheFolderOrHiddenAreRefusedByThePathPolicy) {
 }
 
 TEST(NoteLink, AnythingButANoteLinkIsRefusedWithTheLinkInTheMessage) {
-    for (const char* link : {"mossly://folder/Plan.md", "mossly:Plan.md", "mossly://note", "mossly://user@note/a.md",
-                             "mossly://note:80/a.md", "mossly://note/a.md?x=1", "mossly://note/a.md#top",
-                             "https://note/a.md", "file:///etc/passwd", "mossly://note/a%zz.md"}) {
+    for (const char* link :
+         {"mossly://folder/Plan.md", "mossly:Plan.md", "mossly://note", "mossly://user@note/a.md",
+          "mossly://note:80/a.md", "mossly://note/a.md?x=1", "mossly://note/a.md#top", "https://note/a.md",
+          "file:///etc/passwd", "mossly://note/a%zz.md"}) {
         const auto read = NoteLink::identifier(QString::fromUtf8(link));
         ASSERT_FALSE(read) << link;
         EXPECT_EQ(read.error().code(), Error::Code::invalidArgument) << link;
