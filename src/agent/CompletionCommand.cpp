@@ -103,7 +103,7 @@ QString bashScript() {
     return script;
 }
 
-// Text inside single quotes, with zsh's own escapes for the spec syntax.
+// Text inside single quotes, with the escapes zsh's completion descriptions need.
 QString zshQuoted(QString text) {
     text.replace(u'\'', QStringLiteral("'\\''"));
     text.replace(u':', QStringLiteral("\\:"));
