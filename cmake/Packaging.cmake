@@ -8,6 +8,9 @@ set(MOSSLY_PACKAGE_NAME mossly)
 set(CMAKE_INSTALL_DOCDIR share/doc/${MOSSLY_PACKAGE_NAME})
 include(GNUInstallDirs)
 
+# Hardened programs: the relocation tables are read-only once loaded.
+add_link_options(LINKER:-z,relro LINKER:-z,now)
+
 set(MOSSLY_PACKAGE_MAINTAINER "Mossly maintainers <mossly@bellam.com>" CACHE STRING "Maintainer of the Debian package")
 set(MOSSLY_PROJECT_LICENSE "LicenseRef-proprietary" CACHE STRING "SPDX expression of Mossly's own licence")
 set(MOSSLY_HOMEPAGE_URL "https://bellam.com/mossly" CACHE STRING "Mossly's home page")
