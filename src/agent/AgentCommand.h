@@ -4,7 +4,9 @@
 #include <QString>
 #include <QStringList>
 #include <QTextStream>
+#include <functional>
 #include <optional>
+#include <vector>
 
 #include "Error.h"
 #include "NoteRepository.h"
@@ -80,6 +82,31 @@ int runRegister(const QStringList& arguments, AgentIo& io, bool add);
 int runClients(const QStringList& arguments, AgentIo& io);
 int runInstall(const QStringList& arguments, AgentIo& io);
 int runImportGranola(const QStringList& arguments, AgentIo& io);
+int runCompletion(const QStringList& arguments, AgentIo& io);
+
+// One subcommand as its --help, the manual and shell completion describe it.
+struct AgentSubcommand {
+    enum class Access {
+        none,             // setting up: it is how the user grants access
+        required,         // refused while agent access is off
+        answeredPerCall,  // starts anyway and answers each call with the reason
+    };
+    QString name;
+    QString synopsis{};                // what follows the name; every "--option" in it takes a value
+    QString summary{};                 // one line
+    QString details{};                 // a paragraph for --help, may be empty
+    QStringList firstArguments{};      // the words the first argument may be (completion), if fixed
+    Access access = Access::required;  // a new command touches notes only with the user's consent
+    std::function<int(const QStringList&, AgentIo&)> run;
+};
+// Every subcommand, in the order --help lists them.
+const std::vector<AgentSubcommand>& agentSubcommands();
+// "Usage: mossly-agent NAME SYNOPSIS…" with the summary and details.
+QString subcommandUsage(const AgentSubcommand& command);
+// The program's whole usage: every subcommand's synopsis and summary.
+QString agentUsage();
+// The options a subcommand takes ("--title"…, and the ones every subcommand takes).
+QStringList subcommandOptions(const AgentSubcommand& command);
 
 // Dispatches "mossly-agent <subcommand> …" (arguments exclude the program name).
 int runAgent(const QStringList& arguments, AgentIo& io);

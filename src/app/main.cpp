@@ -2,6 +2,7 @@
 #include <QCommandLineParser>
 #include <QDir>
 #include <QFileInfo>
+#include <QUrl>
 #include <cstdio>
 #include <unistd.h>
 
@@ -10,6 +11,7 @@
 #include "AppSession.h"
 #include "Diagnostics.h"
 #include "MainWindow.h"
+#include "NoteLink.h"
 #include "NotesLocation.h"
 #include "SingleInstance.h"
 
@@ -24,6 +26,13 @@ Result<QString> notesDirectory(const QCommandLineParser& parser, const QCommandL
     if (!resolution) return fail(resolution.error());
     if (resolution->notice) DiagnosticsCenter::shared().event(*resolution->notice);
     return resolution->directory;
+}
+
+// A path, a file:// URL (the desktop entry's %U) or a mossly:// link, as the running app takes it.
+QString openRequest(const QString& argument) {
+    if (NoteLink::isNoteLink(argument)) return argument;
+    const QUrl url(argument);
+    return QFileInfo(url.isLocalFile() ? url.toLocalFile() : argument).absoluteFilePath();
 }
 
 }  // namespace
@@ -48,16 +57,17 @@ int main(int argc, char** argv) {
     const QCommandLineOption notesDirOption(QStringLiteral("notes-dir"), QStringLiteral("Open the notes in DIR."),
                                             QStringLiteral("DIR"));
     parser.addOption(notesDirOption);
-    parser.addPositionalArgument(QStringLiteral("files"), QStringLiteral("Markdown, HTML or sketch files to open."),
-                                 QStringLiteral("[FILE…]"));
+    parser.addPositionalArgument(QStringLiteral("files"),
+                                 QStringLiteral("Markdown, HTML or sketch files, or mossly://note/… links, to open."),
+                                 QStringLiteral("[FILE|LINK…]"));
     if (!parser.parse(QApplication::arguments())) {  // parse(), not process(): tolerate platform flags
         std::fprintf(stderr, "%s\n", qPrintable(parser.errorText()));
         return 2;
     }
     if (parser.isSet(QStringLiteral("help"))) parser.showHelp();
-    // Files to open, from the command line or the file manager (the desktop entry's %F).
+    // Files and links to open, from the command line, the file manager or a clicked link (the desktop entry's %U).
     QStringList files;
-    for (const QString& file : parser.positionalArguments()) files.append(QFileInfo(file).absoluteFilePath());
+    for (const QString& file : parser.positionalArguments()) files.append(openRequest(file));
     // One Mossly per user: a second launch hands its files to the one running and ends.
     if (SingleInstance::handOver(files)) return 0;
 

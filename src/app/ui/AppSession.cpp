@@ -14,6 +14,8 @@
 #include "EditorPane.h"
 #include "MainWindow.h"
 #include "MeetingRecorder.h"
+#include "NoteLink.h"
+#include "NotePathPolicy.h"
 #include "NoteStore.h"
 #include "PulseDevices.h"
 #include "QuitFlow.h"
@@ -86,6 +88,25 @@ AppSession::AppSession(const QString& notesDirectory) : parts_(std::make_unique<
 
 AppSession::~AppSession() = default;
 
+namespace {
+
+// The file a mossly:// link names, when it is a note file inside `library`.
+Result<QString> noteForLink(const QString& link, const QDir& library) {
+    auto identifier = NoteLink::identifier(link);
+    if (!identifier) return fail(identifier.error());
+    auto path = NotePathPolicy().url(*identifier, library.absolutePath());
+    if (!path) return fail(path.error());
+    // Symbolic links are never followed: neither the note nor a folder on the way may lead elsewhere.
+    const QFileInfo file(*path);
+    const QString inside = QDir(library.canonicalPath()).relativeFilePath(file.canonicalFilePath());
+    if (!file.isFile() || file.isSymLink() || file.canonicalFilePath().isEmpty() || inside != *identifier) {
+        return fail(Error::notFound(*identifier));
+    }
+    return *path;
+}
+
+}  // namespace
+
 void AppSession::openFiles(const QStringList& paths) {
     if (paths.isEmpty()) return;
     NoteStore& notes = store();
@@ -103,7 +124,17 @@ void AppSession::openFiles(const QStringList& paths) {
     const QDir library(notes.directory());
     QStringList toImport;
     QStringList refused;
-    for (const QString& path : paths) {
+    for (const QString& request : paths) {
+        QString path = request;
+        if (NoteLink::isNoteLink(request)) {
+            // Links are untrusted: they open a note of this library, or only say why not.
+            auto note = noteForLink(request, library);
+            if (!note) {
+                refused.append(QObject::tr("Link not opened: ") + note.error().description());
+                continue;
+            }
+            path = *note;
+        }
         const QFileInfo file(path);
         if (!file.isFile()) {
             refused.append(QObject::tr("\u201C%1\u201D was not found.").arg(path));

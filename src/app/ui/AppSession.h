@@ -29,7 +29,8 @@ public:
     // Files given on the command line, by the file manager or by a second
     // launch: a note of this library opens; a note file from elsewhere is
     // offered for import (copied: the file itself is never moved or changed);
-    // anything else is refused with a message.
+    // anything else is refused with a message. A mossly://note/… link (a
+    // search result's openURL) opens its note when it names one in this library.
     void openFiles(const QStringList& paths);
 
 private:

@@ -54,6 +54,17 @@ QString resultJson(const HTMLRenderResult& result) {
 }  // namespace
 
 int runHtmlPage(const QStringList& arguments, QIODevice& in, QTextStream& out, QTextStream& err) {
+    if (arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"))) {
+        out << "Usage: mossly-html-page [--note FILE] [--fragment] [--json] < page.html\n\n"
+               "Reads HTML on standard input and writes the page Mossly would display: scripts, frames, forms,\n"
+               "event handlers and remote references removed, a strict Content-Security-Policy added.\n\n"
+               "  --note FILE   where the note lies; only files in its folder may be shown (else none)\n"
+               "  --fragment    write only the cleaned fragment, not the whole page\n"
+               "  --json        write html, headHTML, bodyHTML, bodyAttributes, styleSheet, blockedElements\n\n"
+               "Exit codes: 0 written, 1 standard input could not be read, 2 usage error.\n";
+        out.flush();
+        return 0;
+    }
     const auto options = parseOptions(arguments);
     if (!options) {
         err << "usage: mossly-html-page [--note FILE] [--fragment] [--json] < page.html\n";

@@ -34,6 +34,15 @@ LinkPreviewTools LinkPreviewTools::system() {
 }
 
 int runLinkPreview(const QStringList& arguments, QTextStream& out, QTextStream& err, const LinkPreviewTools& tools) {
+    if (arguments.contains(QStringLiteral("--help")) || arguments.contains(QStringLiteral("-h"))) {
+        out << "Usage: mossly-link-preview [--check] URL\n\n"
+               "Prints the link preview Mossly would show for URL as JSON: url, title, summary, siteName and\n"
+               "thumbnailData (base64). Only public http and https addresses are fetched.\n\n"
+               "  --check    only resolve the host and apply the public-network policy; fetch nothing\n\n"
+               "Exit codes: 0 success, 1 refused or failed (the reason on standard error), 2 usage error.\n";
+        out.flush();
+        return 0;
+    }
     QStringList rest = arguments;
     const bool check = rest.removeAll(QStringLiteral("--check")) > 0;
     if (rest.size() != 1 || rest.front().startsWith(QStringLiteral("--"))) {
