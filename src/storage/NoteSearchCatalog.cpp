@@ -529,7 +529,8 @@ Result<void> NoteSearchCatalog::deleteCatalog() {
 }
 
 Result<void> NoteSearchCatalog::deleteCache(const QString& url) {
-    for (const QString& path : {url, url + QStringLiteral("-wal"), url + QStringLiteral("-shm")}) {
+    // "-vectors": meaning search's vectors, kept beside the catalog by one-shot commands.
+    for (const QString& path : {url, url + QStringLiteral("-wal"), url + QStringLiteral("-shm"), url + QStringLiteral("-vectors")}) {
         if (::unlink(QFile::encodeName(path).constData()) != 0 && errno != ENOENT) {
             return fail(Error::catalogUnavailable(QString::fromLocal8Bit(std::strerror(errno)) + QStringLiteral(": ") + path));
         }

@@ -1,6 +1,8 @@
 #include "NoteSearchService.h"
 
+#include <QFile>
 #include <QHash>
+#include <QSaveFile>
 #include <QSet>
 #include <algorithm>
 
@@ -68,9 +70,28 @@ Result<int> NoteSearchService::synchronize(const NoteRepository& repository, std
     return indexed;
 }
 
+void NoteSearchService::keepVectorsBesideCatalog() { keepsVectorsFile_ = true; }
+
 Result<void> NoteSearchService::refreshVectors() {
     if (!embedder_) return {};
     std::lock_guard refreshing(refreshLock_);
+    const QString vectorsFile = vectorsFilePath(catalog_->url());
+    if (keepsVectorsFile_ && !loaded_) {
+        // What another run left: checked against the catalog's revisions below,
+        // so a stale or foreign file costs a rebuild, never a wrong answer.
+        QFile file(vectorsFile);
+        if (file.open(QIODevice::ReadOnly)) {
+            const uchar* mapped = file.map(0, file.size());
+            if (mapped) {
+                auto kept = SemanticVectorIndex::fromSerialised(
+                    QByteArrayView(reinterpret_cast<const char*>(mapped), file.size()), embedder_->dimension());
+                if (kept) {
+                    std::unique_lock writing(indexLock_);
+                    *index_ = std::move(*kept);
+                }
+            }
+        }
+    }
     auto version = catalog_->dataVersion();
     if (!version) return std::unexpected(version.error());
     auto revisions = catalog_->revisions();
@@ -110,6 +131,14 @@ Result<void> NoteSearchService::refreshVectors() {
     notesWithoutVectors_ = without;
     refreshedDataVersion_ = *version;
     loaded_ = true;
+    if (keepsVectorsFile_ && (!held.isEmpty() || !changes.empty())) {
+        // Only a cache: a failed write costs the next run time, nothing else.
+        QSaveFile file(vectorsFile);
+        if (file.open(QIODevice::WriteOnly)) {
+            file.write(index_->serialised());
+            file.commit();
+        }
+    }
     return {};
 }
 

@@ -50,6 +50,12 @@ public:
     // Bytes of vectors held in memory.
     size_t vectorBytes() const;
 
+    // Keeps the vectors in memory in a file beside the catalog between runs,
+    // read before the catalog and rewritten when they changed. For one-shot
+    // commands, which would otherwise read every vector from SQLite each time.
+    void keepVectorsBesideCatalog();
+    static QString vectorsFilePath(const QString& catalogPath) { return catalogPath + QStringLiteral("-vectors"); }
+
 private:
     Result<NoteSearchResponse> meaningSearch(const std::vector<float>& query, qint64 limit);
     Result<NoteSearchResponse> hybridSearch(const QString& query, const std::vector<float>& vector, qint64 limit);
@@ -63,6 +69,7 @@ private:
     std::atomic<bool> loaded_ = false;
     std::atomic<qsizetype> notesWithoutVectors_ = 0;
     qint64 refreshedDataVersion_ = -1;
+    bool keepsVectorsFile_ = false;
 };
 
 namespace NoteSearchModes {

@@ -1,7 +1,9 @@
 #include "SemanticVectorIndex.h"
 
+#include <QtEndian>
 #include <algorithm>
 #include <cmath>
+#include <cstring>
 
 namespace mossly {
 
@@ -123,6 +125,92 @@ size_t SemanticVectorIndex::vectorBytes() const {
     size_t bytes = 0;
     for (const Note& note : notes_) bytes += note.codes.size() + note.scales.size() * sizeof(float);
     return bytes;
+}
+
+namespace {
+
+constexpr char snapshotMagic[8] = {'M', 'O', 'S', 'S', 'V', 'I', '0', '1'};
+
+void appendU32(QByteArray& out, quint32 value) {
+    char bytes[4];
+    qToLittleEndian(value, bytes);
+    out.append(bytes, 4);
+}
+
+void appendText(QByteArray& out, const QString& text) {
+    const QByteArray utf8 = text.toUtf8();
+    appendU32(out, static_cast<quint32>(utf8.size()));
+    out.append(utf8);
+}
+
+// Reads forward through the bytes; any read past the end fails the whole parse.
+struct Reader {
+    QByteArrayView bytes;
+    qsizetype at = 0;
+    bool failed = false;
+    const char* take(qsizetype count) {
+        if (failed || count < 0 || bytes.size() - at < count) {
+            failed = true;
+            return nullptr;
+        }
+        const char* start = bytes.data() + at;
+        at += count;
+        return start;
+    }
+    quint32 u32() {
+        const char* p = take(4);
+        return p ? qFromLittleEndian<quint32>(p) : 0;
+    }
+    QString text() {
+        const quint32 size = u32();
+        const char* p = take(size);
+        return p ? QString::fromUtf8(p, size) : QString();
+    }
+};
+
+}  // namespace
+
+QByteArray SemanticVectorIndex::serialised() const {
+    QByteArray out(snapshotMagic, sizeof snapshotMagic);
+    appendU32(out, static_cast<quint32>(dimension_));
+    appendU32(out, static_cast<quint32>(notes_.size()));
+    for (const Note& note : notes_) {
+        appendText(out, note.identifier);
+        appendText(out, note.revision);
+        appendU32(out, static_cast<quint32>(note.scales.size()));
+        for (float scale : note.scales) {
+            char bytes[4];
+            qToLittleEndian(scale, bytes);
+            out.append(bytes, 4);
+        }
+        out.append(reinterpret_cast<const char*>(note.codes.data()), static_cast<qsizetype>(note.codes.size()));
+    }
+    return out;
+}
+
+std::optional<SemanticVectorIndex> SemanticVectorIndex::fromSerialised(QByteArrayView bytes, int dimension) {
+    Reader reader{bytes};
+    const char* magic = reader.take(sizeof snapshotMagic);
+    if (!magic || std::memcmp(magic, snapshotMagic, sizeof snapshotMagic) != 0) return std::nullopt;
+    if (reader.u32() != static_cast<quint32>(dimension)) return std::nullopt;
+    const quint32 count = reader.u32();
+    SemanticVectorIndex index(dimension);
+    for (quint32 n = 0; n < count && !reader.failed; ++n) {
+        Note note;
+        note.identifier = reader.text();
+        note.revision = reader.text();
+        const quint32 chunks = reader.u32();
+        const char* scales = reader.take(qsizetype{4} * chunks);
+        const char* codes = reader.take(qsizetype{chunks} * dimension);
+        if (reader.failed || index.positions_.contains(note.identifier)) return std::nullopt;
+        note.scales.resize(chunks);
+        for (quint32 c = 0; c < chunks; ++c) note.scales[c] = qFromLittleEndian<float>(scales + 4 * c);
+        note.codes.assign(reinterpret_cast<const qint8*>(codes), reinterpret_cast<const qint8*>(codes) + chunks * dimension);
+        index.positions_.insert(note.identifier, static_cast<qsizetype>(index.notes_.size()));
+        index.notes_.push_back(std::move(note));
+    }
+    if (reader.failed || reader.at != bytes.size()) return std::nullopt;
+    return index;
 }
 
 }  // namespace mossly

@@ -1,7 +1,9 @@
 #pragma once
 
+#include <QByteArray>
 #include <QHash>
 #include <QString>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -36,6 +38,12 @@ public:
 
     // Bytes held by vectors and scales.
     size_t vectorBytes() const;
+
+    // The whole index as bytes, and back: a one-shot command keeps it beside
+    // the catalog instead of reading every vector from SQLite each time. Bytes
+    // that are not a whole index of this dimension read as nothing.
+    QByteArray serialised() const;
+    static std::optional<SemanticVectorIndex> fromSerialised(QByteArrayView bytes, int dimension);
 
 private:
     struct Note {
