@@ -212,6 +212,66 @@ TEST_F(MeaningSearchTest, VectorsFollowChangesMadeByAnotherProcess) {
     EXPECT_EQ(identifiers(search(*ours, QStringLiteral("teeth doctor"), NoteSearchMode::meaning)), QStringList{"b.md"});
 }
 
+// One-shot commands keep the vectors in a file beside the catalog; a file that is
+// stale, damaged or missing costs time, never a wrong answer.
+TEST_F(MeaningSearchTest, VectorsKeptBesideTheCatalogAreTrustedOnlyWhereCurrent) {
+    folder.write("a.md", "# Garden\n\nPlanted tomatoes and basil in the raised bed.");
+    folder.write("b.md", "# Car\n\nOil change and new brake pads at the garage.");
+    // What a run with the file answers, and what reading every vector from the catalog answers.
+    const auto oneShot = [&](const QString& query) {
+        auto s = service();
+        s->keepVectorsBesideCatalog();
+        EXPECT_TRUE(s->synchronize(repository));
+        return search(*s, query, NoteSearchMode::meaning);
+    };
+    const auto fromCatalog = [&](const QString& query) {
+        auto s = service();
+        EXPECT_TRUE(s->synchronize(repository));
+        return search(*s, query, NoteSearchMode::meaning);
+    };
+    const auto same = [](const NoteSearchResponse& a, const NoteSearchResponse& b) {
+        if (a.results.size() != b.results.size()) return false;
+        for (size_t i = 0; i < a.results.size(); ++i) {
+            if (a.results[i].identifier != b.results[i].identifier || a.results[i].score != b.results[i].score) return false;
+        }
+        return true;
+    };
+    EXPECT_EQ(identifiers(oneShot(QStringLiteral("vehicle mechanic"))).value(0), "b.md");
+    const QString kept = NoteSearchService::vectorsFilePath(catalogPath);
+    ASSERT_TRUE(QFile::exists(kept));
+    folder.write("b.md", "# Dentist\n\nAppointment moved to Thursday, ask about the cavity.");
+    EXPECT_EQ(identifiers(oneShot(QStringLiteral("teeth doctor"))).value(0), "b.md");
+    EXPECT_TRUE(same(oneShot(QStringLiteral("vehicle mechanic")), fromCatalog(QStringLiteral("vehicle mechanic"))));
+    QFile file(kept);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.resize(file.size() / 2);
+    file.close();
+    EXPECT_TRUE(same(oneShot(QStringLiteral("teeth doctor")), fromCatalog(QStringLiteral("teeth doctor"))));
+    ASSERT_TRUE(NoteSearchCatalog::deleteCache(catalogPath));
+    EXPECT_FALSE(QFile::exists(kept));
+}
+
+TEST(SemanticVectorIndex, ReadsBackWhatItWroteAndNothingElse) {
+    SemanticVectorIndex index(3);
+    index.put("a.md", "r1", {{1, 0, 0}, {0, 0.6, 0.8}});
+    index.put("é.md", "r2", {{0, -1, 0}});
+    const QByteArray bytes = index.serialised();
+    const auto back = SemanticVectorIndex::fromSerialised(bytes, 3);
+    ASSERT_TRUE(back);
+    const float query[] = {0, 0.6f, 0.8f};
+    const auto hits = back->nearest(query, 5);
+    ASSERT_EQ(hits.size(), 2u);
+    EXPECT_EQ(hits[0].identifier, "a.md");
+    EXPECT_EQ(hits[0].bestChunk, 1);
+    EXPECT_NEAR(hits[0].score, 1.0, 0.02);
+    EXPECT_EQ(back->revision("é.md"), "r2");
+    EXPECT_FALSE(SemanticVectorIndex::fromSerialised(bytes, 4)) << "another dimension";
+    for (qsizetype cut : {qsizetype(0), qsizetype(9), bytes.size() - 1}) {
+        EXPECT_FALSE(SemanticVectorIndex::fromSerialised(bytes.left(cut), 3)) << cut;
+    }
+    EXPECT_FALSE(SemanticVectorIndex::fromSerialised(bytes + "x", 3));
+}
+
 // The evaluation set: paraphrased queries that share no word with their note.
 TEST_F(MeaningSearchTest, ParaphrasesFindTheirNotes) {
     QFile file(QStringLiteral(MOSSLY_TEST_DATA_DIR "/meaning-evaluation.json"));
