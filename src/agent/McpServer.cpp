@@ -204,12 +204,32 @@ Result<NoteSearchService*> McpServer::currentSearch() {
         catalogStale_ = true;
     }
     if (catalogStale_ || !watch_ || !watch_->isValid()) {
-        if (auto synced = search_->synchronize(repository_); !synced) return fail(synced.error());
+        if (auto synced = search_->synchronizeKeywords(repository_); !synced) return fail(synced.error());
         catalogStale_ = false;
-    } else if (auto refreshed = search_->refreshVectors(); !refreshed) {
-        return fail(refreshed.error());  // another process may have embedded notes
+    } else if (!meaningIndexing_) {
+        // Another process may have embedded notes.
+        if (auto refreshed = search_->refreshVectors(false); !refreshed) return fail(refreshed.error());
     }
+    if (search_->meaningBehind()) indexMeaningInBackground();
     return search_.get();
+}
+
+void McpServer::indexMeaningInBackground() {
+    if (meaningIndexing_.exchange(true)) return;
+    if (meaningIndexer_.joinable()) meaningIndexer_.join();
+    auto directory = repository_.directoryURL();
+    if (!directory) {
+        meaningIndexing_ = false;
+        return;
+    }
+    meaningIndexer_ = std::jthread([this, folder = *directory](std::stop_token stop) {
+        // A repository of its own: this thread only reads notes.
+        const NoteRepository reader(folder);
+        if (auto done = search_->synchronizeMeaning(reader, stop); !done && done.error().code() != Error::Code::cancelled) {
+            QTextStream(stderr) << "mossly-agent: meaning search indexing failed: " << done.error().description() << "\n";
+        }
+        meaningIndexing_ = false;
+    });
 }
 
 Result<QJsonObject> McpServer::searchNotes(const QJsonObject& arguments) {

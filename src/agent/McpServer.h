@@ -5,8 +5,10 @@
 #include <QJsonObject>
 #include <QSet>
 #include <QTextStream>
+#include <atomic>
 #include <memory>
 #include <optional>
+#include <thread>
 
 #include "FolderTreeWatch.h"
 #include "NoteRepository.h"
@@ -50,12 +52,17 @@ private:
     Result<QJsonObject> updateNote(const QJsonObject& arguments);
     Result<QJsonObject> trashNote(const QJsonObject& arguments);
     Result<NoteSearchService*> currentSearch();
+    // Embeds notes that lack vectors on a thread of its own; searches meanwhile
+    // answer with keyword results and say that meaning search is still indexing.
+    void indexMeaningInBackground();
     NoteEditor editor() const;
 
     NoteRepository repository_;
     Options options_;
     QString clientName_;
     std::unique_ptr<NoteSearchService> search_;
+    std::atomic<bool> meaningIndexing_ = false;
+    std::jthread meaningIndexer_;  // declared after search_: joined before it goes
     std::unique_ptr<FolderTreeWatch> watch_;
     bool catalogStale_ = true;
     QSet<QString> cancelled_;  // request ids the client gave up on

@@ -235,9 +235,16 @@ Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, con
         }
     }
     if (semantic) {
+        std::lock_guard embedding(semanticLock_);
         if (auto done = synchronizeSemantic(repository, *semantic, stop); !done) return fail(done.error());
     }
     return indexed;
+}
+
+Result<void> NoteSearchCatalog::synchronizeSemanticRows(const NoteRepository& repository,
+                                                        const NoteSemanticProvider& semantic, std::stop_token stop) {
+    std::lock_guard embedding(semanticLock_);
+    return synchronizeSemantic(repository, semantic, stop);
 }
 
 Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {

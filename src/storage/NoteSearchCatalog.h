@@ -66,6 +66,11 @@ public:
 
     Result<int> synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic = nullptr,
                             std::stop_token stop = {});
+    // Only the semantic rows of notes whose current revision has none. Runs
+    // beside keyword synchronisations (each note in a transaction of its own),
+    // so a long first embedding never holds up a search's keyword rows.
+    Result<void> synchronizeSemanticRows(const NoteRepository& repository, const NoteSemanticProvider& semantic,
+                                         std::stop_token stop = {});
 
     // Ranked keyword search; `limit` is clamped to 0…500.
     Result<NoteSearchResponse> search(const QString& query, qint64 limit);
@@ -131,8 +136,9 @@ private:
     std::unique_ptr<Statements> statements_;
     // Guards the handle and its statements.
     std::recursive_mutex lock_;
-    // One synchronisation at a time.
+    // One synchronisation at a time, and one semantic pass at a time.
     std::mutex synchronizationLock_;
+    std::mutex semanticLock_;
     bool linksVerified_ = false;
     // Each note's modification time and size as the catalog holds them.
     struct Fingerprint;

@@ -126,8 +126,16 @@ await step("search finds it, including a note written by another process", async
 });
 
 await step("search by meaning, and each mode says what it used", async () => {
-  // The client checks every answer against the tool's output schema.
-  const meaning = await call(client, "search_notes", { query: "event location", mode: "meaning" });
+  // The client checks every answer against the tool's output schema. The server
+  // embeds notes on a thread of its own: until then keyword results say so.
+  let meaning;
+  for (let tries = 0; tries < 200; tries++) {
+    meaning = await call(client, "search_notes", { query: "event location", mode: "meaning" });
+    if (!meaning.structuredContent.warning) break;
+    assert.equal(meaning.structuredContent.warning, "Meaning search is still indexing; keyword results were returned.");
+    assert.equal(meaning.structuredContent.semanticAvailable, false);
+    await new Promise((resolve) => setTimeout(resolve, 50));
+  }
   assert.equal(meaning.structuredContent.semanticAvailable, true);
   const offsite = meaning.structuredContent.results.find((r) => r.identifier === "Offsite.md");
   assert.ok(offsite && offsite.meaningScore > 0 && offsite.keywordScore === 0);

@@ -72,9 +72,27 @@ Result<int> NoteSearchService::synchronize(const NoteRepository& repository, std
 
 void NoteSearchService::keepVectorsBesideCatalog() { keepsVectorsFile_ = true; }
 
-Result<void> NoteSearchService::refreshVectors() {
+Result<int> NoteSearchService::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {
+    auto indexed = catalog_->synchronize(repository, nullptr, stop);
+    if (!indexed) return indexed;
+    if (auto refreshed = refreshVectors(); !refreshed) return std::unexpected(refreshed.error());
+    return indexed;
+}
+
+Result<void> NoteSearchService::synchronizeMeaning(const NoteRepository& repository, std::stop_token stop) {
+    if (!embedder_) return {};
+    if (auto done = catalog_->synchronizeSemanticRows(repository, *embedder_, stop); !done) return done;
+    return refreshVectors();
+}
+
+Result<void> NoteSearchService::refreshVectors(bool always) {
     if (!embedder_) return {};
     std::lock_guard refreshing(refreshLock_);
+    if (!always && loaded_) {
+        auto version = catalog_->dataVersion();
+        if (!version) return std::unexpected(version.error());
+        if (*version == refreshedDataVersion_) return {};
+    }
     const QString vectorsFile = vectorsFilePath(catalog_->url());
     if (keepsVectorsFile_ && !loaded_) {
         // What another run left: checked against the catalog's revisions below,

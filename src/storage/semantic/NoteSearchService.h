@@ -41,9 +41,17 @@ public:
     // Keyword rows, then (when meaning search is available) every note's
     // chunks and the vectors in memory. `stop` is checked between notes.
     Result<int> synchronize(const NoteRepository& repository, std::stop_token stop = {});
+    // The two halves on their own, for a long-lived process that answers
+    // searches (with keyword results and the indexing warning) while the
+    // meaning half runs on another thread.
+    Result<int> synchronizeKeywords(const NoteRepository& repository, std::stop_token stop = {});
+    Result<void> synchronizeMeaning(const NoteRepository& repository, std::stop_token stop = {});
+    // Whether the last refresh found notes without vectors.
+    bool meaningBehind() const { return embedder_ && notesWithoutVectors_ > 0; }
     // Brings the vectors in memory up to date with the catalog, which another
-    // process may have changed.
-    Result<void> refreshVectors();
+    // process may have changed. Without `always`, only if another connection
+    // committed since the last refresh (this one's changes refresh themselves).
+    Result<void> refreshVectors(bool always = true);
 
     Result<NoteSearchResponse> search(const QString& query, NoteSearchMode mode, qint64 limit);
 
