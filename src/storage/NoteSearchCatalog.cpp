@@ -283,6 +283,9 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         if (!fingerprints_ || fingerprints_->dataVersion != dataVersion) {
             auto loaded = std::make_unique<FingerprintCache>();
             loaded->dataVersion = dataVersion;
+            // Sized for the folder up front: growing a hash of 10,000 strings step by step
+            // cost a one-shot search a sixth of its time.
+            loaded->byIdentifier.reserve(static_cast<qsizetype>(listing->size()));
             auto use = statements_->fingerprints->use();
             for (;;) {
                 auto row = use.step();
