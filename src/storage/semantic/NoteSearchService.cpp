@@ -10,8 +10,7 @@ namespace mossly {
 
 namespace {
 
-// Hybrid ranking: a note scores kw / (kw + 10) for its keyword score kw (0…1,
-// a half at kw = 10, which a note holding every word of a short query reaches)
+// Hybrid ranking: a note scores kw / (kw + 10) for its keyword score kw (0…1)
 // plus its meaning (cosine similarity). A note found by meaning alone must
 // reach `meaningOnlyFloor`. Notes whose title holds the whole query come
 // before all others. Chosen on the evaluation set (docs/benchmarks.md).

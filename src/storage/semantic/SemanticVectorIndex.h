@@ -10,8 +10,8 @@
 namespace mossly {
 
 // Every note's chunk vectors in memory, as signed bytes with a scale per
-// chunk (a quarter of the doubles' size and as good for ranking: see
-// docs/benchmarks.md), so that a meaning search reads no vector from SQLite.
+// chunk (an eighth of the doubles' size; a component is off by at most 1/254
+// of the chunk's largest), so that a meaning search reads no vector from SQLite.
 // Not thread-safe: its owner guards it.
 class SemanticVectorIndex {
 public:
