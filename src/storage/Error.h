@@ -32,6 +32,9 @@ public:
         // Search catalog
         catalogUnavailable,
         cancelled,
+        // Note history
+        historyUnavailable,
+        versionNotFound,
         // Application library
         folderMetadataUnreadable,
         unsupportedImportFile,
@@ -62,6 +65,8 @@ public:
     static Error locationUnresolved(const QString& description);
     static Error catalogUnavailable(const QString& detail);
     static Error cancelled();
+    static Error historyUnavailable(const QString& detail);
+    static Error versionNotFound(const QString& identifier, const QString& revision);
     static Error folderMetadataUnreadable(const QString& detail);
     static Error unsupportedImportFile(const QString& fileName);
     // Text that is only in memory (a pending edit or an open conflict) stands in the way.
