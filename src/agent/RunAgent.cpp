@@ -11,13 +11,16 @@ Usage: mossly-agent COMMAND [ARGUMENTS] [--notes-dir DIR] [--catalog FILE]
 
 Commands:
   list                                   every note: identifier, type, date, size
-  read ID                                one note with its revision
+  read ID [--version REVISION]           one note with its revision, or one of its past versions
   create --title T [--body TEXT | --body-file F|-] [--type markdown|html|sketch]
          [--field KEY=VALUE]... --agent NAME
   update ID --expected-revision R [--body TEXT | --body-file F|-]
          [--field KEY=VALUE]... --agent NAME
   search QUERY [--limit N]               ranked keyword search (indexes first)
   trash ID                               move a note to the Trash
+  history ID                             the note's versions, newest first: who saved each, and when
+  restore ID --version REVISION --expected-revision R --agent NAME
+                                         write a past version back (only if the note is still at R)
   sync                                   bring the search catalog up to date
   mcp [--agent NAME]                     serve the notes to AI agents over MCP (stdio)
   access on|off|status                   let agents use the notes, or not
@@ -56,6 +59,7 @@ int runAgent(const QStringList& arguments, AgentIo& io) {
     const std::pair<const char16_t*, Runner> commands[] = {
         {u"list", runList},     {u"read", runRead},   {u"create", runCreate}, {u"update", runUpdate},
         {u"search", runSearch}, {u"trash", runTrash}, {u"sync", runSync},     {u"mcp", runMcp},
+        {u"history", runHistory}, {u"restore", runRestore},
     };
     for (const auto& [name, run] : commands) {
         if (command != QStringView(name)) continue;

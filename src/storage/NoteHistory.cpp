@@ -212,6 +212,29 @@ Result<QString> noteVersionText(const NoteRepository& repository, const QString&
     return QString::fromUtf8(*bytes);
 }
 
+Result<StoredNote> readNoteVersion(const NoteRepository& repository, const QString& identifier, const QString& revision) {
+    auto current = repository.read(identifier);
+    if (current && current->document.revision() == revision) return current;
+    auto type = noteContentTypeForFileName(identifier);
+    if (!type) return fail(Error::invalidIdentifier(identifier));
+    auto text = noteVersionText(repository, identifier, revision);
+    if (!text) return fail(text.error());
+    FileTime savedAt{};
+    if (auto history = repository.history()) {
+        if (auto versions = history->versions(identifier)) {
+            for (const NoteVersionInfo& version : *versions) {
+                if (version.revision == revision) {
+                    savedAt = version.savedAt;
+                    break;
+                }
+            }
+        }
+    }
+    auto directory = repository.directoryURL();
+    return StoredNote{identifier, directory ? *directory + u'/' + identifier : identifier, *text,
+                      NoteDocument(*text, *type), *type, savedAt};
+}
+
 Result<StoredNote> restoreNoteVersion(const NoteRepository& repository, const QString& identifier,
                                       const QString& revision, const QString& expectedRevision,
                                       const NoteEditor& editor) {

@@ -81,6 +81,9 @@ Result<std::vector<NoteVersionInfo>> noteTimeline(const NoteRepository& reposito
 // One version's text, the current file's included.
 Result<QString> noteVersionText(const NoteRepository& repository, const QString& identifier, const QString& revision);
 
+// One version as a note (its text, and the time it was saved), the current file's included.
+Result<StoredNote> readNoteVersion(const NoteRepository& repository, const QString& identifier, const QString& revision);
+
 // Writes the version `revision` back as the note's text, stamped as edited by
 // `editor`, if the note still has `expectedRevision`. Recorded like any write.
 Result<StoredNote> restoreNoteVersion(const NoteRepository& repository, const QString& identifier,
