@@ -1,6 +1,9 @@
 #include <QLabel>
 #include <QListWidget>
 #include <QPushButton>
+#include <QSpinBox>
+#include <QTabBar>
+#include <QTabWidget>
 #include <QTextBrowser>
 
 #include "AgentChangeBanner.h"
@@ -10,6 +13,7 @@
 #include "NoteHistory.h"
 #include "NoteHistoryWindow.h"
 #include "NoteRepository.h"
+#include "SettingsWindow.h"
 
 namespace mossly::test {
 namespace {
@@ -97,6 +101,32 @@ TEST_F(HistoryJourney, ShowHistoryComparesAndRestoresAVersion) {
     ASSERT_TRUE(waitUntil([&] { return history->isLoaded() && list->count() == 3; }));
     EXPECT_TRUE(history->status()->text().startsWith(QStringLiteral("Restored")));
     history->close();
+}
+
+// Settings ▸ History sets how long versions are kept; every process writing the library follows it.
+TEST_F(HistoryJourney, SettingsSetHowLongVersionsAreKept) {
+    folder.write(QStringLiteral("Plan.md"), "# Plan\nwords");
+    launch();
+    press(QKeySequence(QStringLiteral("Ctrl+,")));
+    SettingsWindow* settings = nullptr;
+    ASSERT_TRUE(waitUntil([&] { return (settings = window().findChild<SettingsWindow*>()) != nullptr; }));
+    auto* tabs = settings->findChild<QTabWidget*>(QStringLiteral("settingsTabs"));
+    int historyTab = -1;
+    for (int i = 0; i < tabs->count(); ++i) {
+        if (tabs->tabText(i) == QStringLiteral("History")) historyTab = i;
+    }
+    ASSERT_GE(historyTab, 0);
+    QTest::mouseClick(tabs->tabBar(), Qt::LeftButton, {}, tabs->tabBar()->tabRect(historyTab).center());
+    auto* days = settings->findChild<QSpinBox*>(QStringLiteral("historyDays"));
+    ASSERT_TRUE(waitUntil([&] { return days->isEnabled() && days->value() == NoteHistoryRetention::defaultMaximumAgeDays; }));
+    QTest::mouseClick(days, Qt::LeftButton, {}, QPoint(10, days->height() / 2));
+    press(QKeySequence::SelectAll);
+    type(QStringLiteral("30"));
+    press(Qt::Key_Return);
+    const auto history = NoteRepository(folder.path()).history();
+    ASSERT_TRUE(waitUntil([&] { return history->retention() && history->retention()->maximumAgeDays == 30; }));
+    screenshot(QStringLiteral("history-settings"), settings);
+    settings->close();
 }
 
 }  // namespace
