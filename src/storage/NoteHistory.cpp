@@ -56,14 +56,15 @@ QString NoteHistory::defaultPath(const QString& directory) {
 }
 
 std::shared_ptr<NoteHistory> NoteHistory::forDirectory(const QString& directory) {
+    // Kept for the life of the process: the store stays open between saves, and a
+    // failure the user was told about is not told again by the next repository.
     static std::mutex mutex;
-    static std::map<QString, std::weak_ptr<NoteHistory>> histories;
+    static std::map<QString, std::shared_ptr<NoteHistory>> histories;
     const QString path = defaultPath(directory);
     std::lock_guard lock(mutex);
-    if (auto existing = histories[path].lock()) return existing;
-    auto created = std::make_shared<NoteHistory>(path, Options{});
-    histories[path] = created;
-    return created;
+    auto& history = histories[path];
+    if (!history) history = std::make_shared<NoteHistory>(path, Options{});
+    return history;
 }
 
 void NoteHistory::setNoticeHandler(std::function<void(const QString&)> handler) {

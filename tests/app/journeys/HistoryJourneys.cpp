@@ -50,6 +50,16 @@ TEST_F(HistoryJourney, AnAgentsEditIsUndoneFromTheBanner) {
     ASSERT_TRUE(waitUntil([&] { return editor()->toPlainText().contains(QStringLiteral("the agent's rewrite")); }));
     screenshot(QStringLiteral("history-agent-banner"), &window());
 
+    // Show Changes opens the history on the version before the agent's edit.
+    QTest::mouseClick(banner()->showChangesButton(), Qt::LeftButton);
+    ASSERT_TRUE(waitUntil([&] { return historyWindow() && historyWindow()->isLoaded(); }));
+    QListWidget* list = historyWindow()->versionList();
+    ASSERT_GE(list->currentRow(), 1);
+    EXPECT_TRUE(list->currentItem()->text().startsWith(QStringLiteral("You \u2014")));
+    ASSERT_TRUE(waitUntil([&] { return historyWindow()->comparison()->toPlainText().contains(QStringLiteral("rewrite")); }));
+    historyWindow()->close();
+    ASSERT_TRUE(waitUntil([&] { return !historyWindow(); }));
+
     QTest::mouseClick(banner()->undoButton(), Qt::LeftButton);
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Plan.md")), QStringLiteral("# Plan\nmy own words and more"));
     ASSERT_TRUE(waitUntil([&] { return editor()->toPlainText().contains(QStringLiteral("my own words and more")); }));
