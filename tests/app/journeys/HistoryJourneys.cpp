@@ -1,5 +1,6 @@
 #include <QLabel>
 #include <QListWidget>
+#include <QStatusBar>
 #include <QPushButton>
 #include <QSpinBox>
 #include <QTabBar>
@@ -8,6 +9,7 @@
 
 #include "AgentChangeBanner.h"
 #include "EditorPane.h"
+#include <QDir>
 #include "Journey.h"
 #include "MarkdownTextView.h"
 #include "NoteHistory.h"
@@ -111,6 +113,30 @@ TEST_F(HistoryJourney, ShowHistoryComparesAndRestoresAVersion) {
     ASSERT_TRUE(waitUntil([&] { return history->isLoaded() && list->count() == 3; }));
     EXPECT_TRUE(history->status()->text().startsWith(QStringLiteral("Restored")));
     history->close();
+}
+
+// A history that cannot be written costs no save: the words are on disk and the status bar says so, once.
+TEST_F(HistoryJourney, AHistoryThatCannotBeWrittenCostsNoSaveAndIsToldOnce) {
+    folder.write(QStringLiteral("Diary.md"), "# Diary\nMonday");
+    // Where the history's file should be, a folder: SQLite cannot open it.
+    ASSERT_TRUE(QDir().mkpath(NoteHistory::defaultPath(folder.path())));
+    launch();
+    QStringList shown;
+    QObject::connect(window().statusBar(), &QStatusBar::messageChanged, window().statusBar(),
+                     [&](const QString& message) { if (!message.isEmpty()) shown.append(message); });
+    QTest::mouseClick(editor()->viewport(), Qt::LeftButton, {}, QPoint(40, 20));
+    press(Qt::Key_End, Qt::ControlModifier);
+    type(QStringLiteral(", rain"));
+    settle();
+    agentWrites(QStringLiteral("Diary.md"), QStringLiteral("# Diary\nMonday, rain. Sunny later."));
+    ASSERT_TRUE(waitUntil([&] { return editor()->toPlainText().contains(QStringLiteral("Sunny")); }, 10000));
+    press(Qt::Key_End, Qt::ControlModifier);
+    type(QStringLiteral(" Or not."));
+    settle();
+    EXPECT_EQ(bodyOnDisk(QStringLiteral("Diary.md")), QStringLiteral("# Diary\nMonday, rain. Sunny later. Or not."));
+    ASSERT_TRUE(waitUntil([&] { return !shown.isEmpty(); }));
+    screenshot(QStringLiteral("history-unavailable"), &window());
+    EXPECT_EQ(shown.filter(NoteHistory::failedNoticePrefix).size(), 1) << shown.join(u'|').toStdString();
 }
 
 // Settings ▸ History sets how long versions are kept; every process writing the library follows it.
