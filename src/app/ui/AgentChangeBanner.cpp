@@ -32,6 +32,11 @@ AgentChangeBanner::AgentChangeBanner(NoteStore& store, std::function<QString()> 
     layout->addWidget(dismiss_);
     hide();
 
+    // Any other change to the note (the user typing, say) ends what the banner offers; a change from
+    // elsewhere is announced right after its text arrives, and shows the banner again.
+    connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
+        if (url == url_) hide();
+    });
     connect(&store_, &NoteStore::noteChangedElsewhere, this, &AgentChangeBanner::noteChanged);
     connect(&store_, &NoteStore::selectionChanged, this, [this] {
         if (shownNote_() != url_) hide();

@@ -130,9 +130,11 @@ TEST_F(HistoryJourney, AHistoryThatCannotBeWrittenCostsNoSaveAndIsToldOnce) {
     settle();
     agentWrites(QStringLiteral("Diary.md"), QStringLiteral("# Diary\nMonday, rain. Sunny later."));
     ASSERT_TRUE(waitUntil([&] { return editor()->toPlainText().contains(QStringLiteral("Sunny")); }, 10000));
+    ASSERT_TRUE(waitUntil([&] { return banner()->isVisible(); }));
     press(Qt::Key_End, Qt::ControlModifier);
     type(QStringLiteral(" Or not."));
     settle();
+    EXPECT_FALSE(banner()->isVisible()) << "typing in the note ends the offer to undo the agent's edit";
     EXPECT_EQ(bodyOnDisk(QStringLiteral("Diary.md")), QStringLiteral("# Diary\nMonday, rain. Sunny later. Or not."));
     ASSERT_TRUE(waitUntil([&] { return !shown.isEmpty(); }));
     screenshot(QStringLiteral("history-unavailable"), &window());
