@@ -17,7 +17,7 @@ Commands:
   update ID --expected-revision R [--body TEXT | --body-file F|-]
          [--field KEY=VALUE]... --agent NAME
   search QUERY [--limit N]               ranked keyword search (indexes first)
-  trash ID                               move a note to the Trash
+  trash ID [--agent NAME]                move a note to the Trash
   history ID                             the note's versions, newest first: who saved each, and when
   restore ID --version REVISION --expected-revision R --agent NAME
                                          write a past version back (only if the note is still at R)

@@ -72,6 +72,13 @@ TEST_F(HistoryCommandTest, HistoryReadAVersionAndRestoreIt) {
     EXPECT_EQ(restored.json()["body"].toString(), QStringLiteral("mine"));
     EXPECT_EQ(restored.json()["lastEditedBy"].toString(), QStringLiteral("agent:claude"));
     EXPECT_EQ(run({"history", "Plan.md"}).json()["versions"].toArray().size(), 3);
+
+    // A trashed note's history stays: its last text is the newest kept version.
+    ASSERT_EQ(run({"trash", "Plan.md", "--agent", "claude"}).exitCode, success);
+    const QJsonArray kept = run({"history", "Plan.md"}).json()["versions"].toArray();
+    ASSERT_EQ(kept.size(), 3);
+    EXPECT_EQ(kept[0]["revision"].toString(), restored.json()["revision"].toString());
+    EXPECT_EQ(run({"read", "Plan.md", "--version", first}).json()["body"].toString(), QStringLiteral("mine"));
 }
 
 TEST_F(HistoryCommandTest, FailuresAndUsage) {
