@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Error.h"
+#include "NoteHistoryStore.h"
 #include "NoteRepository.h"
 
 namespace mossly::agent {
@@ -63,6 +64,9 @@ std::expected<NoteWrite, UsageError> noteWriteFrom(const CommandOptions& options
 // A note as agents see it: identifier, title, type, revision, editors, date, body, front matter.
 QString noteJson(const StoredNote& note);
 
+// A note's versions, newest first: {"identifier", "versions": [{"revision", "editedBy", "savedAt", "size"}…]}.
+QString historyJson(const QString& identifier, const std::vector<NoteVersionInfo>& versions);
+
 // Writes one JSON document (and a newline) to stdout; returns `success`.
 int printJson(AgentIo& io, const QString& json);
 // Writes the error's exact description to stderr; returns `failure`.
@@ -75,6 +79,8 @@ int runCreate(const QStringList& arguments, AgentIo& io);
 int runUpdate(const QStringList& arguments, AgentIo& io);
 int runSearch(const QStringList& arguments, AgentIo& io);
 int runTrash(const QStringList& arguments, AgentIo& io);
+int runHistory(const QStringList& arguments, AgentIo& io);
+int runRestore(const QStringList& arguments, AgentIo& io);
 int runSync(const QStringList& arguments, AgentIo& io);
 int runMcp(const QStringList& arguments, AgentIo& io);
 int runAccess(const QStringList& arguments, AgentIo& io);

@@ -7,6 +7,7 @@
 
 #include "AgentAccess.h"
 #include "AgentCommand.h"
+#include "McpHistoryTools.h"
 #include "McpToolSchemas.h"
 
 namespace mossly::agent {
@@ -183,6 +184,12 @@ QJsonObject McpServer::callTool(const QJsonObject& params) {
     if (name == u"create_note") result = createNote(arguments);
     if (name == u"update_note") result = updateNote(arguments);
     if (name == u"trash_note") result = trashNote(arguments);
+    if (name == u"note_history") result = mcpNoteHistory(repository_, arguments);
+    if (name == u"restore_note_version") {
+        auto restored = mcpRestoreNoteVersion(repository_, arguments, editor());
+        result = restored ? Result<QJsonObject>(noteObject(*restored)) : fail(restored.error());
+        catalogStale_ = catalogStale_ || restored.has_value();
+    }
     if (!result) return toolError(result.error().description());
     return toolResult(*result);
 }
@@ -334,7 +341,7 @@ Result<QJsonObject> McpServer::updateNote(const QJsonObject& arguments) {
 Result<QJsonObject> McpServer::trashNote(const QJsonObject& arguments) {
     const auto identifier = stringArgument(arguments, "identifier");
     if (!identifier) return fail(Error::invalidArgument(QStringLiteral("trash_note needs an identifier")));
-    if (auto trashed = repository_.moveToTrash(*identifier); !trashed) return fail(trashed.error());
+    if (auto trashed = repository_.moveToTrash(*identifier, editor()); !trashed) return fail(trashed.error());
     catalogStale_ = true;
     return QJsonObject{{"identifier", *identifier}, {"trashed", true}};
 }

@@ -1,4 +1,5 @@
 #include "McpToolSchemas.h"
+#include "McpHistoryTools.h"
 
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -108,10 +109,12 @@ QJsonArray mcpToolDefinitions() {
     static const QJsonArray tools = [] {
         const QJsonObject note = QJsonDocument::fromJson(noteSchemaJson).object();
         QJsonArray parsed = QJsonDocument::fromJson(toolsJson).array();
+        for (const QJsonValue& tool : mcpHistoryToolDefinitions()) parsed.append(tool);
         for (qsizetype i = 0; i < parsed.size(); ++i) {
             QJsonObject tool = parsed[i].toObject();
             const QString name = tool.value(u"name").toString();
-            if (name == u"read_note" || name == u"create_note" || name == u"update_note") {
+            if (name == u"read_note" || name == u"create_note" || name == u"update_note" ||
+                name == u"restore_note_version") {
                 tool.insert(u"outputSchema", note);
             }
             parsed[i] = tool;

@@ -74,6 +74,16 @@ Error Error::embeddingsUnavailable(const QString& detail) {
     return {Code::embeddingsUnavailable, QStringLiteral("On-device semantic embeddings are unavailable: ") + detail, detail};
 }
 
+Error Error::historyUnavailable(const QString& detail) {
+    return {Code::historyUnavailable, QStringLiteral("The note history is unavailable: ") + detail, detail};
+}
+
+Error Error::versionNotFound(const QString& identifier, const QString& revision) {
+    return {Code::versionNotFound,
+            QStringLiteral("No version %1 of %2 is in the note history.").arg(revision, identifier), identifier,
+            revision};
+}
+
 Error Error::cancelled() { return {Code::cancelled, QStringLiteral("The operation was cancelled.")}; }
 
 Error Error::folderMetadataUnreadable(const QString& detail) {

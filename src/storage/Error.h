@@ -33,6 +33,9 @@ public:
         catalogUnavailable,
         cancelled,
         embeddingsUnavailable,
+        // Note history
+        historyUnavailable,
+        versionNotFound,
         // Application library
         folderMetadataUnreadable,
         unsupportedImportFile,
@@ -65,6 +68,8 @@ public:
     static Error cancelled();
     // The word-vector table is missing or damaged; the detail says which.
     static Error embeddingsUnavailable(const QString& detail);
+    static Error historyUnavailable(const QString& detail);
+    static Error versionNotFound(const QString& identifier, const QString& revision);
     static Error folderMetadataUnreadable(const QString& detail);
     static Error unsupportedImportFile(const QString& fileName);
     // Text that is only in memory (a pending edit or an open conflict) stands in the way.

@@ -13,6 +13,7 @@
 
 #include "AtomicFile.h"
 #include "NoteFileLock.h"
+#include "NoteHistory.h"
 #include "NoteFolderScan.h"
 #include "SketchDocumentCodec.h"
 
@@ -208,12 +209,41 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
                                           const std::optional<QString>& body, const NoteEditor& editedBy,
                                           std::optional<NoteContentType> contentType,
                                           const NoteFrontMatterFields& frontMatterUpdates) const {
+    if (auto keys = validateFrontMatterKeys(frontMatterUpdates); !keys) return fail(keys.error());
+    return replaceChecked(identifier, expectedRevision, editedBy, NoteWriteKind::edit, contentType,
+                          [&](const StoredNote& current) {
+                              return current.document.serialized(body, editedBy, frontMatterUpdates);
+                          });
+}
+
+Result<StoredNote> NoteRepository::restore(const QString& identifier, const QString& expectedRevision,
+                                           const QString& text, const NoteEditor& editedBy) const {
+    return replaceChecked(identifier, expectedRevision, editedBy, NoteWriteKind::restore, std::nullopt,
+                          [&](const StoredNote&) { return text; });
+}
+
+void NoteRepository::setHistory(std::shared_ptr<NoteHistory> history) { history_ = std::move(history); }
+
+std::shared_ptr<NoteHistory> NoteRepository::history() const {
+    auto directory = directoryURL();
+    if (!directory) return nullptr;
+    return historyOf(*directory);
+}
+
+std::shared_ptr<NoteHistory> NoteRepository::historyOf(const QString& directory) const {
+    if (history_) return *history_;
+    return NoteHistory::forDirectory(directory);
+}
+
+Result<StoredNote> NoteRepository::replaceChecked(const QString& identifier, const QString& expectedRevision,
+                                                  const NoteEditor& editedBy, NoteWriteKind kind,
+                                                  std::optional<NoteContentType> contentType,
+                                                  const std::function<QString(const StoredNote&)>& newText) const {
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());
     auto path = pathPolicy_.url(identifier, *directory);
     if (!path) return fail(path.error());
     if (auto name = validateEditor(editedBy); !name) return fail(name.error());
-    if (auto keys = validateFrontMatterKeys(frontMatterUpdates); !keys) return fail(keys.error());
 
     return NoteFileLock::withExclusiveLock(*directory, [&]() -> Result<StoredNote> {
         auto current = readAt(*directory, identifier);
@@ -224,17 +254,21 @@ Result<StoredNote> NoteRepository::update(const QString& identifier, const QStri
         if (current->document.revision() != expectedRevision) {
             return fail(Error::stale(expectedRevision, current->document.revision()));
         }
-        const QString text = current->document.serialized(body, editedBy, frontMatterUpdates);
+        const QString text = newText(*current);
         // A byte order mark the file started with stays: the edit is to the text, not to the encoding.
         static const QByteArray byteOrderMark("\xEF\xBB\xBF");
         QFile file(*path);
         const bool hadMark = file.open(QIODevice::ReadOnly) && file.read(3) == byteOrderMark;
         file.close();
-        const QByteArray bytes = (hadMark ? byteOrderMark : QByteArray()) + text.toUtf8();
+        const QByteArray bytes = (hadMark && !text.startsWith(QChar(0xFEFF)) ? byteOrderMark : QByteArray()) +
+                                 text.toUtf8();
         struct stat info {};
         if (::lstat(encoded(*path).constData(), &info) != 0) return fail(Error::system(errno, identifier));
         auto staged = AtomicFile::stage(*path, bytes, info.st_mode & 07777);
         if (!staged) return fail(staged.error());
+        // Recorded before the file is replaced: a crash in between leaves a
+        // kept version that equals the file, never a write without its history.
+        if (auto history = historyOf(*directory)) history->recordReplaced(*current, editedBy, kind);
         if (auto committed = staged->commitReplacing(); !committed) return fail(committed.error());
         return writtenNote(identifier, *path, text, bytes, current->contentType);
     });
@@ -268,14 +302,17 @@ Result<StoredNote> NoteRepository::rename(const QString& identifier, const QStri
             return fail(Error::stale(expectedRevision, current->document.revision()));
         }
         if (newIdentifier == identifier) return current;
+        auto history = historyOf(*directory);
+        if (history) history->recordReplaced(*current, editedBy, NoteWriteKind::rename);
         auto renamed = renameIfAbsent(*path, *newPath);
         if (!renamed) return fail(renamed.error());
         if (!*renamed) return fail(Error::alreadyExists(newIdentifier));
+        if (history) history->noteRenamed(identifier, newIdentifier);
         return readAt(*directory, newIdentifier);
     });
 }
 
-Result<void> NoteRepository::moveToTrash(const QString& identifier) const {
+Result<void> NoteRepository::moveToTrash(const QString& identifier, const NoteEditor& trashedBy) const {
     auto directory = directoryURL();
     if (!directory) return fail(directory.error());
     auto path = pathPolicy_.url(identifier, *directory);
@@ -287,6 +324,10 @@ Result<void> NoteRepository::moveToTrash(const QString& identifier) const {
             return fail(Error::system(errno, identifier));
         }
         if (!S_ISREG(info.st_mode)) return fail(Error::notRegularFile(identifier));
+        // Its history stays (under its identifier) until retention drops it.
+        if (auto history = historyOf(*directory)) {
+            if (auto current = readAt(*directory, identifier)) history->recordReplaced(*current, trashedBy, NoteWriteKind::trash);
+        }
         // The freedesktop.org Trash: the user can restore the note from the file manager.
         if (!QFile::moveToTrash(*path)) return fail(Error::trashFailed(identifier));
         return {};

@@ -2,16 +2,20 @@
 
 #include <QString>
 #include <QStringList>
+#include <memory>
 #include <optional>
 #include <vector>
 
 #include "Error.h"
 #include "NoteDocument.h"
+#include "NoteHistoryStore.h"
 #include "NotePathPolicy.h"
 #include "NotesLocation.h"
 #include "StoredNote.h"
 
 namespace mossly {
+
+class NoteHistory;
 
 // The only component that reads and writes note files. Every writer (the
 // app, the meeting recorder, mossly-agent) goes through it, so its rules hold
@@ -68,7 +72,18 @@ public:
                               const QString& newBaseName, const NoteEditor& editedBy) const;
 
     // Moves the note file to the user's Trash. Never deletes.
-    Result<void> moveToTrash(const QString& identifier) const;
+    Result<void> moveToTrash(const QString& identifier, const NoteEditor& trashedBy = NoteEditor::human()) const;
+
+    // Writes exactly `text` (a version from the history) if the file still
+    // has `expectedRevision`, like `update`; recorded as a restore.
+    Result<StoredNote> restore(const QString& identifier, const QString& expectedRevision, const QString& text,
+                               const NoteEditor& editedBy) const;
+
+    // Every update, rename, restore and trash first records the version it
+    // replaces, under the lock. By default in the folder's shared history;
+    // `setHistory(nullptr)` turns that off.
+    void setHistory(std::shared_ptr<NoteHistory> history);
+    std::shared_ptr<NoteHistory> history() const;
 
     // The file name (without extension) for a note title.
     static QString safeBaseName(const QString& title);
@@ -81,11 +96,17 @@ public:
 
 private:
     Result<StoredNote> readAt(const QString& directory, const QString& identifier) const;
+    std::shared_ptr<NoteHistory> historyOf(const QString& directory) const;
+    Result<StoredNote> replaceChecked(const QString& identifier, const QString& expectedRevision,
+                                      const NoteEditor& editedBy, NoteWriteKind kind,
+                                      std::optional<NoteContentType> contentType,
+                                      const std::function<QString(const StoredNote&)>& newText) const;
 
     std::optional<QString> fixedDirectory_;
     std::optional<NotesLocationConfigurationStore> store_;
     std::optional<NotesDirectoryResolver> resolver_;
     NotePathPolicy pathPolicy_;
+    std::optional<std::shared_ptr<NoteHistory>> history_;  // unset: the folder's shared history
 };
 
 }  // namespace mossly

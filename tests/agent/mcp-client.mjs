@@ -65,13 +65,14 @@ await step("initialise and list tools with schemas", async () => {
   assert.equal(client.getServerVersion().name, "mossly");
   const { tools } = await client.listTools();
   const names = tools.map((tool) => tool.name).sort();
-  assert.deepEqual(names, ["create_note", "list_notes", "read_note", "search_notes", "trash_note", "update_note"]);
+  assert.deepEqual(names, ["create_note", "list_notes", "note_history", "read_note", "restore_note_version",
+                           "search_notes", "trash_note", "update_note"]);
   for (const tool of tools) {
     assert.equal(tool.inputSchema.type, "object");
     assert.ok(tool.description.length > 40, `${tool.name} teaches nothing`);
     if (tool.outputSchema) schemas.set(tool.name, ajv.compile(tool.outputSchema));
   }
-  assert.equal(schemas.size, 6);
+  assert.equal(schemas.size, 8);
   await client.ping();
 });
 
@@ -115,6 +116,39 @@ await step("re-read, update with the new revision", async () => {
   assert.equal(updated.isError, undefined);
   assert.equal(updated.structuredContent.lastEditedBy, "agent:sdk-test");
   assert.match(updated.structuredContent.body, /Hotels and travel is over plan\.\nAgreed/);
+});
+
+await step("history shows who changed the note; restore undoes the agent's edit", async () => {
+  const { versions } = (await call(client, "note_history", { identifier: note.identifier })).structuredContent;
+  // The current text, and the one the agent's update replaced (the user's edit, made outside the app).
+  assert.deepEqual(versions.map((v) => v.editedBy), ["agent:sdk-test", "agent:sdk-test"]);
+  assert.ok(versions.every((v) => v.size > 0 && !Number.isNaN(Date.parse(v.savedAt))));
+  const current = versions[0].revision;
+  const beforeAgent = versions[1].revision;
+  // A revision that is no longer current: refused, nothing written.
+  const stale = await call(client, "restore_note_version", {
+    identifier: note.identifier, version: beforeAgent, expectedRevision: note.revision,
+  });
+  assert.equal(stale.isError, true);
+  assert.equal(stale.content[0].text, "The note changed after it was read. Fetch it again before editing.");
+  const restored = await call(client, "restore_note_version", {
+    identifier: note.identifier, version: beforeAgent, expectedRevision: current,
+  });
+  assert.equal(restored.isError, undefined);
+  assert.doesNotMatch(restored.structuredContent.body, /Agreed/);
+  assert.match(readFileSync(join(notes, note.identifier), "utf8"), /Hotels and travel is over plan\.\n?/);
+  const after = (await call(client, "note_history", { identifier: note.identifier })).structuredContent;
+  assert.equal(after.versions.length, 3, "the restore kept the text it replaced");
+  // The same rules as every other tool: no access, no history.
+  run("access", "off");
+  const refused = await call(client, "note_history", { identifier: note.identifier });
+  assert.equal(refused.isError, true);
+  run("access", "on");
+  // Put the agent's words back so the steps below find them.
+  const again = await call(client, "restore_note_version", {
+    identifier: note.identifier, version: current, expectedRevision: restored.structuredContent.revision,
+  });
+  assert.match(again.structuredContent.body, /Agreed/);
 });
 
 await step("search finds it, including a note written by another process", async () => {

@@ -136,6 +136,8 @@ public:
     Result<void> flushPendingSaves(std::chrono::milliseconds busyPatience = defaultBusyPatience);
     bool hasPendingSaves() const { return !pendingBaseRevisions_.isEmpty(); }
     bool hasPendingSave(const QString& url) const { return pendingBaseRevisions_.contains(url); }
+    // The repository the store writes through, for reading a note's history.
+    const NoteRepository& repository() const { return files_->repository(); }
     // Pending edits or conflicts: text that is only in memory.
     bool hasUnsavedChanges() const { return hasPendingSaves() || !conflicts_.isEmpty(); }
     // A save that failed and is being retried, once the user has been told.
@@ -237,6 +239,9 @@ signals:
     // A note's text changed (an editor, a reload from disk, the store itself);
     // every editor showing it whose text differs takes the new text.
     void noteContentChanged(const QString& url);
+    // Another writer (an agent, the recorder, another program) replaced a note
+    // that had nothing unsaved here; `editedBy` is the stored editor of the new text.
+    void noteChangedElsewhere(const QString& url, const QString& previousRevision, const QString& editedBy);
     // A save failed, or a failed save finally succeeded.
     void saveStateChanged(const QString& url);
     void unreadableNotesChanged();

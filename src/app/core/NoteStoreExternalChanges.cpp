@@ -157,9 +157,12 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
             // A body nobody has opened stays unread; an open one takes the new text.
             Note fresh = existing->bodyLoaded ? noteFromStored(stored) : noteListEntryFromStored(stored);
             touch(fresh);
-            *existing = std::move(fresh);
+            const QString previousRevision = std::exchange(*existing, std::move(fresh)).revision;
             ++updated;
             emit noteContentChanged(stored.url);
+            const NoteDocument& document = stored.document;
+            emit noteChangedElsewhere(stored.url, previousRevision,
+                                      document.lastEditedBy.value_or(document.createdBy).storedValue());
         }
     }
 

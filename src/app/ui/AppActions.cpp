@@ -224,7 +224,7 @@ void installAppActions(MainWindow& window, NoteStore& store) {
 
     edit->addSeparator();
     QAction* settings = addAction(edit, QObject::tr("Settings…"), QKeySequence(QStringLiteral("Ctrl+,")));
-    QObject::connect(settings, &QAction::triggered, &window, [&window] {
+    QObject::connect(settings, &QAction::triggered, &window, [&window, &store] {
         if (auto* open = window.findChild<SettingsWindow*>()) {
             open->raise();
             return;
@@ -237,6 +237,7 @@ void installAppActions(MainWindow& window, NoteStore& store) {
             window.linkPreviews(), [&window](qreal size) { window.editorPane()->setFontPointSize(size); },
             std::move(agents), &window);
         if (MeetingRecorder* recorder = window.meetingRecorder()) dialog->addMeetingsPage(*recorder);
+        if (auto history = store.repository().history()) dialog->addHistoryPage(std::move(history));
         dialog->setAttribute(Qt::WA_DeleteOnClose);
         dialog->show();
     });

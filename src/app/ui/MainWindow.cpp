@@ -26,6 +26,7 @@
 #include "NoteDrops.h"
 #include "NoteStore.h"
 #include "NoteListModel.h"
+#include "NoteHistoryCommands.h"
 #include "NoteRenameCommand.h"
 #include "NoteWindow.h"
 #include "SketchThumbnailRenderer.h"
@@ -49,6 +50,7 @@ MainWindow::MainWindow(NoteStore& store, QWidget* parent) : QMainWindow(parent),
 
     installAppActions(*this, store);
     installRenameCommand(*this, store);
+    installHistoryCommands(*this, store);
     connect(sidebar_, &LibrarySidebar::openInWindowRequested, this, &MainWindow::openNoteWindow);
     connect(sidebar_, &LibrarySidebar::message, this, [this](const QString& text) { statusBar()->showMessage(text, 10000); });
     connect(editorPane_, &EditorPane::thumbnailFiled, sidebar_->noteList()->viewport(), qOverload<>(&QWidget::update));

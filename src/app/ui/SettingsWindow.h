@@ -2,6 +2,7 @@
 
 #include <QDialog>
 #include <functional>
+#include <memory>
 
 #include "AgentClientRegistration.h"
 
@@ -14,6 +15,7 @@ namespace mossly {
 
 class LinkPreviews;
 class MeetingRecorder;
+class NoteHistory;
 
 // Settings (Ctrl+,): the Editor page (text size, link previews), the Agents
 // page (whether AI agents may use the notes, the command on the PATH, and
@@ -33,6 +35,8 @@ public:
     QCheckBox* accessSwitch() const { return access_; }
     // The Meetings page: the speech model, the default summary provider, recordings and consent.
     void addMeetingsPage(MeetingRecorder& recorder);
+    // The History page: how long versions of notes are kept, and how much room they may take.
+    void addHistoryPage(std::shared_ptr<NoteHistory> history);
 
 private:
     QWidget* editorPage();
