@@ -321,6 +321,7 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
         emit problemOccurred(library.metadata.error().description());
     }
     metadataLoaded_ = true;
+    reconcileSyncedLibraryFiles();
     const bool wasLoading = isLoadingInitialNotes_;
     isLoadingInitialNotes_ = false;
     emit notesChanged();

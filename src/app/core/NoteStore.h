@@ -87,6 +87,9 @@ struct NoteFileImportReport {
 
 enum class FolderNoteDisposition { moveOut, moveToFolder, trash };
 
+// The ways out of a sync engine's conflict copy: the note's text, the copy's, or both as two notes.
+enum class SyncConflictChoice { keepThis, keepOther, keepBoth };
+
 // The app's model of the note library: the note list (newest first), folders,
 // favourites, selection, search and in-flight saves. It lives on the GUI
 // thread; reading the folder, searching and indexing run on Qt's thread pool
@@ -184,6 +187,12 @@ public:
     const NoteConflict* conflict(const QString& url) const;
     void reloadConflict(const QString& url);
     Result<QString> keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience = {});
+    // Conflict copies that sync engines wrote beside a note (NoteStoreSyncConflicts.cpp).
+    // The note a copy belongs to, when that note is in the library.
+    std::optional<QString> syncConflictOriginal(const QString& url) const;
+    std::vector<const Note*> syncConflictCopies(const QString& url) const;
+    QString syncConflictDescription(const QString& copyUrl) const;  // "Syncthing, 2026-11-24 09:30:12, device …"
+    Result<void> resolveSyncConflict(const QString& url, const QString& copyUrl, SyncConflictChoice choice);
 
     // Folders and favourites
     const std::vector<NoteFolder>& folders() const { return metadata_.folders; }
@@ -272,6 +281,7 @@ private:
     void scheduleExternalChanges();
     QHash<QString, FileTime> knownModificationDates() const;
     void applyExternalChanges(Scan scan, quint64 startGeneration);
+    void reconcileSyncedLibraryFiles();
     struct ReferenceEdit;
     Result<void> saveBeforeRename(const QString& url);
     void carryFolderMetadata(const QString& oldName, const QString& newName);
@@ -306,6 +316,7 @@ private:
     FolderMetadata metadata_;
     std::optional<Error> metadataError_;
     bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read
+    QString folderFileSeen_;  // ".folders.json"'s modification time and size when last looked at
     bool isLoadingInitialNotes_ = true;
     // A first start shows the folder listing, then reads every note for its details.
     bool readingNoteDetails_ = false;

@@ -118,6 +118,7 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
         startMonitoring();
     }
 
+    reconcileSyncedLibraryFiles();
     setUnreadableNotes(std::move(scan.unreadable));
     bool lookAgain = false;
     int added = 0, updated = 0, conflicts = 0;

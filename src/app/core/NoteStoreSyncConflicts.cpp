@@ -1,0 +1,172 @@
+#include <QDateTime>
+#include <QFileInfo>
+#include <utility>
+
+#include "Diagnostics.h"
+#include "FolderMetadataMerge.h"
+#include "NoteModel.h"
+#include "NoteStore.h"
+#include "SyncConflictCopies.h"
+#include "SyncEngineIgnores.h"
+
+namespace mossly {
+
+namespace {
+
+DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
+
+// Cheap before the pattern: almost no note is a conflict copy.
+std::optional<SyncConflictCopy> copyOf(const Note& note) {
+    const QString name = note.fileName();
+    if (!name.contains(QLatin1String(".sync-conflict-")) &&
+        !name.contains(QLatin1String("conflicted copy"), Qt::CaseInsensitive)) {
+        return std::nullopt;
+    }
+    return syncConflictCopyOf(note.identifier);
+}
+
+}  // namespace
+
+std::optional<QString> NoteStore::syncConflictOriginal(const QString& url) const {
+    const Note* copy = note(url);
+    if (!copy) return std::nullopt;
+    const auto found = copyOf(*copy);
+    if (!found) return std::nullopt;
+    const QString original = directory_ + u'/' + found->original;
+    if (!note(original)) return std::nullopt;  // a copy without its note is a note of its own
+    return original;
+}
+
+std::vector<const Note*> NoteStore::syncConflictCopies(const QString& url) const {
+    std::vector<const Note*> copies;
+    const Note* original = note(url);
+    if (!original) return copies;
+    for (const Note& candidate : notes_) {
+        const auto found = copyOf(candidate);
+        if (found && found->original == original->identifier) copies.push_back(&candidate);
+    }
+    std::sort(copies.begin(), copies.end(), [](const Note* a, const Note* b) { return a->identifier < b->identifier; });
+    return copies;
+}
+
+QString NoteStore::syncConflictDescription(const QString& copyUrl) const {
+    const Note* copy = note(copyUrl);
+    const auto found = copy ? copyOf(*copy) : std::nullopt;
+    if (!found) return {};
+    return QStringLiteral("%1, %2").arg(found->engine, found->detail);
+}
+
+// The two texts are both on disk; whichever the user keeps is written through
+// the repository, and only then does the engine's copy go to the Trash.
+Result<void> NoteStore::resolveSyncConflict(const QString& url, const QString& copyUrl, SyncConflictChoice choice) {
+    auto span = diagnostics().span(QStringLiteral("Resolve sync conflict"));
+    const Note* original = note(url);
+    const Note* copy = note(copyUrl);
+    if (!original || !copy || syncConflictOriginal(copyUrl) != url) return fail(Error::notFound(copyUrl));
+    if (hasPendingSave(url)) {
+        // The user's words go to disk first: the choice is about what is there.
+        if (auto saved = persistPendingSave(url); !saved) {
+            emit problemOccurred(saved.error().description());
+            return fail(saved.error());
+        }
+    }
+    if (conflicts_.contains(url)) {
+        emit problemOccurred(Error::unsavedEdits().description());
+        return fail(Error::unsavedEdits());
+    }
+    original = note(url);
+    auto other = files_->read(copy->identifier);
+    if (!other) {
+        emit problemOccurred(other.error().description());
+        return fail(other.error());
+    }
+
+    if (choice == SyncConflictChoice::keepOther) {
+        auto written = files_->update(original->identifier, original->revision, other->document.body,
+                                      original->contentType);
+        if (!written) {
+            emit problemOccurred(written.error().description());
+            return fail(written.error());
+        }
+        Note* target = mutableNote(url);
+        Note fresh = noteFromStored(*written);
+        touch(fresh);
+        *target = std::move(fresh);
+        emit noteContentChanged(url);
+    } else if (choice == SyncConflictChoice::keepBoth) {
+        // The other version becomes a conflict copy of Mossly's own, listed beside its note.
+        const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+        Result<StoredNote> kept = fail(Error::alreadyExists(original->identifier));
+        for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+            kept = files_->createAt(conflictCopyName(original->identifier, stamp, counter), other->persistedContent);
+            if (kept || kept.error().code() != Error::Code::alreadyExists) break;
+        }
+        if (!kept) {
+            emit problemOccurred(kept.error().description());
+            return fail(kept.error());
+        }
+        Note copied = noteFromStored(*kept);
+        touch(copied);
+        if (const auto folder = folderOf(url); folder && folderMetadataWritable()) {
+            metadata_.noteAssignments.insert(copied.fileName(), *folder);
+            writeFolderMetadata();
+            emit foldersChanged();
+        }
+        notes_.push_back(std::move(copied));
+    }
+
+    if (auto trashed = files_->moveToTrash(copy->identifier); !trashed) {
+        sortNotes();
+        emit notesChanged();
+        emit problemOccurred(trashed.error().description());
+        return fail(trashed.error());
+    }
+    trashedAt_.insert(copy->identifier, ++generation_);
+    removeNotesFromModel({copyUrl}, false);
+    sortNotes();
+    emit notesChanged();
+    refreshSearchIndexInBackground();
+    diagnostics().event(QStringLiteral("Sync conflict resolved"),
+                        {{"choice", choice == SyncConflictChoice::keepThis    ? QStringLiteral("this")
+                                    : choice == SyncConflictChoice::keepOther ? QStringLiteral("other")
+                                                                              : QStringLiteral("both")}});
+    return {};
+}
+
+// Library files that sync engines move between machines: Mossly's ignore
+// lines for Syncthing, and ".folders.json" as changed on another machine,
+// with the conflict copies of it merged in.
+void NoteStore::reconcileSyncedLibraryFiles() {
+    if (auto ignores = ensureSyncthingIgnores(directory_); !ignores) {
+        diagnostics().event(QStringLiteral("Sync ignore file not written"), {{"reason", ignores.error().description()}});
+    }
+    if (!metadataLoaded_) return;
+    auto merged = mergeFolderMetadataConflictCopies(directory_);
+    if (!merged) {
+        diagnostics().event(QStringLiteral("Folder conflict copies not merged"), {{"reason", merged.error().description()}});
+    } else if (*merged > 0) {
+        diagnostics().event(QStringLiteral("Folder conflict copies merged"), {{"count", *merged}});
+    }
+    // Only a file that changed since the last look is read again: the app's own
+    // writes leave it equal to what is in memory.
+    const QFileInfo folderFile(directory_ + u'/' + FolderMetadata::fileName);
+    const QString seen = folderFile.exists() ? QStringLiteral("%1 %2").arg(folderFile.lastModified().toMSecsSinceEpoch()).arg(folderFile.size())
+                                             : QString();
+    // A file missing for a moment (a sync engine replacing it) is not "no folders".
+    if (seen.isEmpty() || std::exchange(folderFileSeen_, seen) == seen) return;
+    auto disk = files_->loadFolderMetadata();
+    if (!disk) {
+        if (!metadataError_) {
+            metadataError_ = disk.error();
+            emit problemOccurred(disk.error().description());
+            emit foldersChanged();
+        }
+        return;
+    }
+    if (*disk == metadata_ && !metadataError_) return;
+    metadata_ = std::move(*disk);
+    metadataError_.reset();
+    emit foldersChanged();
+}
+
+}  // namespace mossly
