@@ -1,4 +1,6 @@
 #include "AgentCommand.h"
+#include "JsonWriter.h"
+#include "SyncConflictCopies.h"
 
 namespace mossly::agent {
 
@@ -10,7 +12,17 @@ int runRead(const QStringList& arguments, AgentIo& io) {
     if (!repository) return printError(io, repository.error());
     auto note = repository->read(options->positional().front());
     if (!note) return printError(io, note.error());
-    return printJson(io, noteJson(*note));
+    QString json = noteJson(*note);
+    // Another machine's version of a note: say which, so the agent edits the note, not the copy.
+    if (const auto copy = syncConflictCopyOf(note->identifier); copy && repository->read(copy->original)) {
+        json.chop(1);
+        json += u',' + JsonObjectWriter()
+                           .add(QStringLiteral("conflictOf"), copy->original)
+                           .add(QStringLiteral("syncEngine"), copy->engine)
+                           .text()
+                           .mid(1);
+    }
+    return printJson(io, json);
 }
 
 }  // namespace mossly::agent
