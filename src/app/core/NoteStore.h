@@ -192,7 +192,8 @@ public:
     std::optional<QString> syncConflictOriginal(const QString& url) const;
     std::vector<const Note*> syncConflictCopies(const QString& url) const;
     QString syncConflictDescription(const QString& copyUrl) const;  // "Syncthing, 2026-11-24 09:30:12, device …"
-    Result<void> resolveSyncConflict(const QString& url, const QString& copyUrl, SyncConflictChoice choice);
+    // By value: a caller may pass a note's own url, which moves when the list changes.
+    Result<void> resolveSyncConflict(QString url, QString copyUrl, SyncConflictChoice choice);
 
     // Folders and favourites
     const std::vector<NoteFolder>& folders() const { return metadata_.folders; }

@@ -58,11 +58,11 @@ QString NoteStore::syncConflictDescription(const QString& copyUrl) const {
 
 // The two texts are both on disk; whichever the user keeps is written through
 // the repository, and only then does the engine's copy go to the Trash.
-Result<void> NoteStore::resolveSyncConflict(const QString& url, const QString& copyUrl, SyncConflictChoice choice) {
+Result<void> NoteStore::resolveSyncConflict(QString url, QString copyUrl, SyncConflictChoice choice) {
     auto span = diagnostics().span(QStringLiteral("Resolve sync conflict"));
-    const Note* original = note(url);
-    const Note* copy = note(copyUrl);
-    if (!original || !copy || syncConflictOriginal(copyUrl) != url) return fail(Error::notFound(copyUrl));
+    // Identifiers, not pointers: saving and adding notes below reorder the list.
+    if (!note(url) || !note(copyUrl) || syncConflictOriginal(copyUrl) != url) return fail(Error::notFound(copyUrl));
+    const QString copyIdentifier = note(copyUrl)->identifier;
     if (hasPendingSave(url)) {
         // The user's words go to disk first: the choice is about what is there.
         if (auto saved = persistPendingSave(url); !saved) {
@@ -74,8 +74,9 @@ Result<void> NoteStore::resolveSyncConflict(const QString& url, const QString& c
         emit problemOccurred(Error::unsavedEdits().description());
         return fail(Error::unsavedEdits());
     }
-    original = note(url);
-    auto other = files_->read(copy->identifier);
+    const Note* original = note(url);
+    if (!original) return fail(Error::notFound(url));
+    auto other = files_->read(copyIdentifier);
     if (!other) {
         emit problemOccurred(other.error().description());
         return fail(other.error());
@@ -115,13 +116,13 @@ Result<void> NoteStore::resolveSyncConflict(const QString& url, const QString& c
         notes_.push_back(std::move(copied));
     }
 
-    if (auto trashed = files_->moveToTrash(copy->identifier); !trashed) {
+    if (auto trashed = files_->moveToTrash(copyIdentifier); !trashed) {
         sortNotes();
         emit notesChanged();
         emit problemOccurred(trashed.error().description());
         return fail(trashed.error());
     }
-    trashedAt_.insert(copy->identifier, ++generation_);
+    trashedAt_.insert(copyIdentifier, ++generation_);
     removeNotesFromModel({copyUrl}, false);
     sortNotes();
     emit notesChanged();

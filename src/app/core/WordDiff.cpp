@@ -68,12 +68,12 @@ std::vector<WordDiffRun> wordDiff(const QString& before, const QString& after) {
                 append(runs, WordDiffRun::Kind::same, a[prefix + i]);
                 ++i;
                 ++j;
-            } else if (j < m && (i == n || at(i, j + 1) >= at(i + 1, j))) {
+            } else if (i < n && (j == m || at(i + 1, j) >= at(i, j + 1))) {
+                append(runs, WordDiffRun::Kind::removed, a[prefix + i]);  // removed words first, as people read a change
+                ++i;
+            } else {
                 append(runs, WordDiffRun::Kind::added, b[prefix + j]);
                 ++j;
-            } else {
-                append(runs, WordDiffRun::Kind::removed, a[prefix + i]);
-                ++i;
             }
         }
     }
