@@ -3,6 +3,8 @@
 #include <QDir>
 #include <QFile>
 #include <algorithm>
+#include <cstring>
+#include <dirent.h>
 
 #include "NoteFileLock.h"
 #include "SyncConflictCopies.h"
@@ -39,12 +41,16 @@ FolderMetadata mergeFolderMetadata(FolderMetadata kept, const FolderMetadata& ot
 }
 
 Result<int> mergeFolderMetadataConflictCopies(const QString& notesDirectory) {
+    // Runs after every change of the folder: names only, no stat, no Qt file info per entry.
     QStringList copies;
-    const QStringList hidden = QDir(notesDirectory).entryList(QDir::Files | QDir::Hidden | QDir::NoSymLinks);
-    for (const QString& name : hidden) {
-        if (!name.startsWith(u'.')) continue;
-        const auto copy = syncConflictCopyOf(name);
-        if (copy && copy->original == FolderMetadata::fileName) copies.append(name);
+    if (DIR* directory = ::opendir(QFile::encodeName(notesDirectory).constData())) {
+        while (const dirent* entry = ::readdir(directory)) {
+            if (std::strncmp(entry->d_name, ".folders", 8) != 0) continue;
+            const QString name = QFile::decodeName(entry->d_name);
+            const auto copy = syncConflictCopyOf(name);
+            if (copy && copy->original == FolderMetadata::fileName) copies.append(name);
+        }
+        ::closedir(directory);
     }
     if (copies.isEmpty()) return 0;
     return NoteFileLock::withExclusiveLock(notesDirectory, [&]() -> Result<int> {

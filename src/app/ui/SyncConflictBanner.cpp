@@ -4,7 +4,9 @@
 #include <QLabel>
 #include <QPushButton>
 #include <QTextBrowser>
+#include <QTextDocument>
 #include <QVBoxLayout>
+#include <algorithm>
 
 #include "NoteStore.h"
 #include "WordDiff.h"
@@ -43,7 +45,6 @@ SyncConflictBanner::SyncConflictBanner(NoteStore& store, QWidget* parent) : QFra
     text_->setWordWrap(true);
     diff_ = new QTextBrowser(this);
     diff_->setObjectName(QStringLiteral("syncConflictDiff"));
-    diff_->setMaximumHeight(140);
     diff_->setOpenLinks(false);
     keepThis_ = new QPushButton(tr("Keep This"), this);
     keepThis_->setToolTip(tr("Keep this note's text; the other version goes to the Trash"));
@@ -93,6 +94,10 @@ void SyncConflictBanner::refresh() {
                        .arg(store_.syncConflictDescription(copy), more));
     if (copy != copyUrl_ || diff_->property("mine") != mine || diff_->property("other") != other) {
         diff_->setHtml(diffHtml(wordDiff(mine, other)));
+        // As tall as the differences need, up to a few lines: the note stays in view below.
+        const int available = parentWidget() ? parentWidget()->width() - 40 : diff_->viewport()->width();
+        diff_->document()->setTextWidth(std::max(diff_->viewport()->width(), available));
+        diff_->setFixedHeight(std::min(140, static_cast<int>(diff_->document()->size().height()) + 2 * diff_->frameWidth() + 4));
         diff_->setProperty("mine", mine);
         diff_->setProperty("other", other);
     }
