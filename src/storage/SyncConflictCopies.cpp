@@ -50,4 +50,12 @@ std::optional<SyncConflictCopy> syncConflictCopyOf(const QString& path) {
     return conflictedCopy(folder, name);
 }
 
+QString conflictCopyIdentifier(const QString& identifier, const QString& stamp, int counter) {
+    const qsizetype dot = identifier.lastIndexOf(u'.');
+    const QString base = identifier.left(dot);
+    const QString extension = identifier.mid(dot + 1);
+    return counter == 1 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
+                        : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+}
+
 }  // namespace mossly

@@ -20,4 +20,8 @@ struct SyncConflictCopy {
 // conflict copy, and of what.
 std::optional<SyncConflictCopy> syncConflictCopyOf(const QString& path);
 
+// Mossly's own conflict copy of `identifier` made at `stamp`: "Plan (Conflict 2026-11-24 09.30.12).md",
+// with "-2", "-3"… before the extension when `counter` > 1 because the name is taken.
+QString conflictCopyIdentifier(const QString& identifier, const QString& stamp, int counter);
+
 }  // namespace mossly

@@ -6,6 +6,7 @@
 #include <QJsonObject>
 
 #include "AgentCommand.h"
+#include "McpServer.h"
 #include "TestSupport.h"
 
 namespace mossly::agent {
@@ -55,6 +56,26 @@ TEST_F(SyncConflictCommandTest, ListAndReadSayWhichNoteACopyBelongsTo) {
     EXPECT_EQ(copy["conflictOf"].toString(), QStringLiteral("Plan.md"));
     EXPECT_FALSE(run({"read", "Plan.md"}).contains(u"conflictOf"));
     EXPECT_FALSE(run({"read", "Gone (conflicted copy 2026-11-24 093012).md"}).contains(u"conflictOf"));
+}
+
+TEST_F(SyncConflictCommandTest, TheMcpToolsMarkCopiesToo) {
+    folder.write(QStringLiteral("Plan.md"), "mine");
+    folder.write(QStringLiteral("Plan (conflicted copy 2026-11-24 093012).md"), "theirs");
+    McpServer server{NoteRepository(folder.path()), {caches.filePath("catalog.sqlite"), std::nullopt}};
+    const auto call = [&](const QString& name, const QJsonObject& arguments) {
+        return server.handle({{"jsonrpc", "2.0"}, {"id", 1}, {"method", "tools/call"},
+                              {"params", QJsonObject{{"name", name}, {"arguments", arguments}}}})
+            ->value("result")["structuredContent"]
+            .toObject();
+    };
+    QStringList marked;
+    for (const QJsonValue& note : call("list_notes", {})["notes"].toArray()) {
+        if (note["conflictOf"].toString() == QStringLiteral("Plan.md")) marked.append(note["identifier"].toString());
+    }
+    EXPECT_EQ(marked, QStringList{QStringLiteral("Plan (conflicted copy 2026-11-24 093012).md")});
+    const QJsonObject copy = call("read_note", {{"identifier", "Plan (conflicted copy 2026-11-24 093012).md"}});
+    EXPECT_EQ(copy["conflictOf"].toString(), QStringLiteral("Plan.md"));
+    EXPECT_EQ(copy["syncEngine"].toString(), QStringLiteral("Nextcloud"));
 }
 
 TEST_F(SyncConflictCommandTest, InASyncthingFolderTheLockIsKeptOffTheOtherMachines) {

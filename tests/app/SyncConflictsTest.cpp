@@ -254,5 +254,47 @@ TEST_F(SyncConflictStoreTest, AnUnreadableFolderFileCopyIsLeftAlone) {
     EXPECT_FALSE(store->folderMetadataError());
 }
 
+// Syncthing checks a file, then renames its download over it: a save of ours in
+// between is replaced without a conflict copy. The store keeps such a save.
+class EngineReplacedSaveTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
+    std::unique_ptr<NoteStore> saveThenReplace(const QByteArray& incoming) {
+        folder.write(QStringLiteral("Plan.md"), "# Plan\nfirst");
+        auto store = std::make_unique<NoteStore>(
+            folder.path(), NoteStore::Options{.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}});
+        store->setBody(url("Plan.md"), QStringLiteral("# Plan\nfirst\nsaved here"));
+        EXPECT_TRUE(store->flushPendingSaves());
+        test::spin(50);
+        folder.write(QStringLiteral("Plan.md"), incoming);
+        EXPECT_TRUE(test::waitUntil([&] { return store->body(url("Plan.md")) == QString::fromUtf8(incoming); }));
+        test::spin(300);
+        return store;
+    }
+    QStringList copies() const {
+        return QDir(folder.path()).entryList({QStringLiteral("Plan (Conflict *).md")}, QDir::Files);
+    }
+};
+
+TEST_F(EngineReplacedSaveTest, ASaveReplacedByTextWithoutItsWordsIsKeptAsACopy) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    auto store = saveThenReplace("# Plan\nfirst\nwritten elsewhere");
+    ASSERT_EQ(copies().size(), 1);
+    EXPECT_TRUE(QString::fromUtf8(folder.read(copies().front())).contains(QStringLiteral("saved here")));
+    EXPECT_TRUE(test::waitUntil([&] { return store->note(url(copies().front())) != nullptr; })) << "and listed";
+}
+
+TEST_F(EngineReplacedSaveTest, ASuccessorThatKeepsTheWordsIsJustShown) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    auto store = saveThenReplace("# Plan\nfirst\nsaved here\nand more from elsewhere");
+    EXPECT_TRUE(copies().isEmpty());
+}
+
+TEST_F(EngineReplacedSaveTest, OutsideASyncthingFolderAnOutsideWriterIsTrusted) {
+    auto store = saveThenReplace("# Plan\nrewritten by an agent");
+    EXPECT_TRUE(copies().isEmpty());
+}
+
 }  // namespace
 }  // namespace mossly

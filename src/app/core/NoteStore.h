@@ -283,6 +283,8 @@ private:
     QHash<QString, FileTime> knownModificationDates() const;
     void applyExternalChanges(Scan scan, quint64 startGeneration);
     void reconcileSyncedLibraryFiles();
+    void rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved);
+    bool keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming);
     struct ReferenceEdit;
     Result<void> saveBeforeRename(const QString& url);
     void carryFolderMetadata(const QString& oldName, const QString& newName);
@@ -318,6 +320,15 @@ private:
     std::optional<Error> metadataError_;
     bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read
     QString folderFileSeen_;  // ".folders.json"'s modification time and size when last looked at
+    // A save of ours in a Syncthing folder, for a few seconds: Syncthing may have
+    // decided on the older file just before and still rename its download over it.
+    struct RecentSave {
+        QString baseBody;  // what the save started from
+        QString body;
+        QString fileText;
+        qint64 savedAtMs = 0;
+    };
+    QHash<QString, RecentSave> recentSaves_;  // by url
     bool isLoadingInitialNotes_ = true;
     // A first start shows the folder listing, then reads every note for its details.
     bool readingNoteDetails_ = false;

@@ -8,12 +8,16 @@
 #include "NoteStore.h"
 #include "SyncConflictCopies.h"
 #include "SyncEngineIgnores.h"
+#include "SyncthingWrites.h"
 
 namespace mossly {
 
 namespace {
 
 DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
+
+// Longer than Syncthing takes from deciding to fetch a file to renaming it into place.
+constexpr qint64 recentSaveMilliseconds = 10'000;
 
 // Cheap before the pattern: almost no note is a conflict copy.
 std::optional<SyncConflictCopy> copyOf(const Note& note) {
@@ -132,6 +136,40 @@ Result<void> NoteStore::resolveSyncConflict(QString url, QString copyUrl, SyncCo
                                     : choice == SyncConflictChoice::keepOther ? QStringLiteral("other")
                                                                               : QStringLiteral("both")}});
     return {};
+}
+
+void NoteStore::rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved) {
+    if (!QFileInfo::exists(directory_ + QStringLiteral("/.stfolder"))) return;
+    recentSaves_.insert(url, RecentSave{baseBody, saved.document.body, saved.persistedContent,
+                                        QDateTime::currentMSecsSinceEpoch()});
+}
+
+// Syncthing checks that a file is unchanged, then renames the version it
+// downloaded over it; a save of ours that lands between the two is replaced
+// without a conflict copy. So when a file we saved a moment ago is replaced by
+// a text that lacks words our save added, our text is kept as a conflict copy.
+// (A writer that really removed those words at once leaves one copy too many,
+// never a word too few.)
+bool NoteStore::keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming) {
+    const auto recent = recentSaves_.constFind(url);
+    if (recent == recentSaves_.cend()) return false;
+    const RecentSave save = *recent;
+    recentSaves_.erase(recent);
+    if (QDateTime::currentMSecsSinceEpoch() - save.savedAtMs > recentSaveMilliseconds) return false;
+    if (keepsAddedWords(save.baseBody, save.body, incoming.document.body)) return false;
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+    Result<StoredNote> kept = fail(Error::alreadyExists(incoming.identifier));
+    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+        kept = files_->createAt(conflictCopyName(incoming.identifier, stamp, counter), save.fileText);
+        if (kept || kept.error().code() != Error::Code::alreadyExists) break;
+    }
+    if (!kept) {
+        emit problemOccurred(kept.error().description());
+        return false;
+    }
+    // Not added to the list here: the caller holds a note of it. The folder's next look lists the copy.
+    diagnostics().event(QStringLiteral("Save replaced by a sync engine kept as a conflict copy"));
+    return true;
 }
 
 // Library files that sync engines move between machines: Mossly's ignore

@@ -1,0 +1,40 @@
+#include "SyncthingWrites.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <thread>
+
+#include "SyncConflictCopies.h"
+#include "WordDiff.h"
+
+namespace mossly {
+
+bool keepsAddedWords(const QString& baseBody, const QString& saved, const QString& incoming) {
+    for (const WordDiffRun& run : wordDiff(baseBody, saved)) {
+        const QString words = run.text.trimmed();
+        if (run.kind == WordDiffRun::Kind::added && !words.isEmpty() && !incoming.contains(words)) return false;
+    }
+    return true;
+}
+
+Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository& repository, const QString& beforeBody,
+                                                            const StoredNote& written,
+                                                            std::chrono::milliseconds settle) {
+    auto directory = repository.directoryURL();
+    if (!directory || !QFileInfo::exists(QDir(*directory).filePath(QStringLiteral(".stfolder")))) return std::nullopt;
+    std::this_thread::sleep_for(settle);
+    auto now = repository.read(written.identifier);
+    if (now && now->document.revision() == written.document.revision()) return std::nullopt;
+    if (now && keepsAddedWords(beforeBody, written.document.body, now->document.body)) return std::nullopt;
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+        const QString name = conflictCopyIdentifier(written.identifier, stamp, counter);
+        auto kept = repository.createAt(name, written.persistedContent);
+        if (kept) return std::optional<QString>(kept->identifier);
+        if (kept.error().code() != Error::Code::alreadyExists) return fail(kept.error());
+    }
+    return fail(Error::alreadyExists(written.identifier));
+}
+
+}  // namespace mossly
