@@ -6,6 +6,8 @@
 
 #include "SyncConflictCopies.h"
 #include "SyncEngineIgnores.h"
+#include "SyncthingWrites.h"
+#include "NoteRepository.h"
 #include "TestSupport.h"
 
 namespace mossly {
@@ -91,6 +93,64 @@ TEST_F(SyncthingIgnoresTest, AnIgnoreFileThatCannotBeWrittenIsAnError) {
     QDir(folder.path()).mkdir(QStringLiteral(".stignore"));  // a folder where the file should be
     auto changed = ensureSyncthingIgnores(folder.path());
     EXPECT_FALSE(changed);
+}
+
+class SyncthingWritesTest : public ::testing::Test {
+protected:
+    test::TemporaryNotesFolder folder;
+    NoteRepository repository{folder.path()};
+
+    StoredNote written() {
+        folder.write(QStringLiteral("Plan.md"), "first");
+        auto note = repository.update(QStringLiteral("Plan.md"), NoteDocument::revision(QByteArray("first")),
+                                      QStringLiteral("first\nadded here"), NoteEditor::agent(QStringLiteral("codex")));
+        EXPECT_TRUE(note);
+        return *note;
+    }
+    QStringList copies() const {
+        return QDir(folder.path()).entryList({QStringLiteral("Plan (Conflict *).md")}, QDir::Files);
+    }
+};
+
+TEST_F(SyncthingWritesTest, AWriteReplacedByTextWithoutItsWordsIsKeptAsACopy) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    const StoredNote note = written();
+    folder.write(QStringLiteral("Plan.md"), "first\nfrom the other machine");  // the engine's rename
+    auto kept = keepWriteReplacedBySyncthing(repository, QStringLiteral("first"), note, std::chrono::milliseconds(0));
+    ASSERT_TRUE(kept) << kept.error().description().toStdString();
+    ASSERT_TRUE(*kept);
+    EXPECT_EQ(QStringList{**kept}, copies());
+    EXPECT_TRUE(folder.read(**kept).contains("added here"));
+    EXPECT_EQ(folder.read(QStringLiteral("Plan.md")), "first\nfrom the other machine");
+}
+
+TEST_F(SyncthingWritesTest, AWriteThatStayedOrWasBuiltOnIsLeftAlone) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    const StoredNote note = written();
+    auto unchanged = keepWriteReplacedBySyncthing(repository, QStringLiteral("first"), note, std::chrono::milliseconds(0));
+    ASSERT_TRUE(unchanged);
+    EXPECT_FALSE(*unchanged);
+    folder.write(QStringLiteral("Plan.md"), "first\nadded here\nand an answer");
+    auto builtOn = keepWriteReplacedBySyncthing(repository, QStringLiteral("first"), note, std::chrono::milliseconds(0));
+    ASSERT_TRUE(builtOn);
+    EXPECT_FALSE(*builtOn);
+    EXPECT_TRUE(copies().isEmpty());
+}
+
+TEST_F(SyncthingWritesTest, OutsideASyncthingFolderNothingIsChecked) {
+    const StoredNote note = written();
+    folder.write(QStringLiteral("Plan.md"), "rewritten");
+    auto kept = keepWriteReplacedBySyncthing(repository, QStringLiteral("first"), note, std::chrono::milliseconds(0));
+    ASSERT_TRUE(kept);
+    EXPECT_FALSE(*kept);
+    EXPECT_TRUE(copies().isEmpty());
+}
+
+TEST_F(SyncthingWritesTest, AWordRemovedFromWhatWasAddedCounts) {
+    EXPECT_TRUE(keepsAddedWords(QStringLiteral("a b"), QStringLiteral("a b c"), QStringLiteral("x a b c y")));
+    EXPECT_FALSE(keepsAddedWords(QStringLiteral("a b"), QStringLiteral("a b c"), QStringLiteral("a b")));
+    EXPECT_TRUE(keepsAddedWords(QStringLiteral("a b c"), QStringLiteral("a c"), QStringLiteral("a c")))
+        << "a save that only removed words adds none";
 }
 
 }  // namespace

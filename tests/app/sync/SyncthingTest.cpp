@@ -168,8 +168,13 @@ TEST_F(SyncthingTest, ANoteEditedOnBothWhileApartIsAConflictResolvedKeepingBoth)
     const QString copy = store->syncConflictCopies(url).front()->url;
     EXPECT_TRUE(QFileInfo(copy).fileName().contains(QStringLiteral(".sync-conflict-")));
     EXPECT_EQ(store->syncConflictOriginal(copy), url);
-    const AgentRun listed = agent(pair->b.notes, {QStringLiteral("list")});
-    EXPECT_TRUE(QJsonDocument(listed.json).toJson().contains("\"conflictOf\"")) << "agents see it too";
+    // The copy travels to B as well, where agents see it for what it is.
+    EXPECT_TRUE(pollUntil(
+        [&] {
+            const AgentRun listed = agent(pair->b.notes, {QStringLiteral("list")});
+            return QJsonDocument(listed.json).toJson().contains("\"conflictOf\"");
+        },
+        30000, 300));
 
     ASSERT_TRUE(store->resolveSyncConflict(url, copy, SyncConflictChoice::keepBoth));
     EXPECT_FALSE(QFileInfo::exists(copy)) << "the engine's copy went to the Trash";
