@@ -5,6 +5,7 @@
 #include <QFileInfo>
 #include <thread>
 
+#include "AtomicFile.h"
 #include "SyncConflictCopies.h"
 #include "WordDiff.h"
 
@@ -18,6 +19,18 @@ bool keepsAddedWords(const QString& baseBody, const QString& saved, const QStrin
     return true;
 }
 
+bool syncthingKeptText(const QString& notePath, const QString& text) {
+    const QFileInfo note(notePath);
+    const QDir folder = note.dir();
+    const QStringList copies =
+        folder.entryList({note.completeBaseName() + QStringLiteral(".sync-conflict-*")}, QDir::Files | QDir::Hidden);
+    for (const QString& name : copies) {
+        auto bytes = AtomicFile::readAll(folder.filePath(name), false);
+        if (bytes && QString::fromUtf8(*bytes) == text) return true;
+    }
+    return false;
+}
+
 Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository& repository, const QString& beforeBody,
                                                             const StoredNote& written,
                                                             std::chrono::milliseconds settle) {
@@ -27,6 +40,7 @@ Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository
     auto now = repository.read(written.identifier);
     if (now && now->document.revision() == written.document.revision()) return std::nullopt;
     if (now && keepsAddedWords(beforeBody, written.document.body, now->document.body)) return std::nullopt;
+    if (syncthingKeptText(written.url, written.persistedContent)) return std::nullopt;
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
         const QString name = conflictCopyIdentifier(written.identifier, stamp, counter);

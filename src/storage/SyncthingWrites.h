@@ -19,6 +19,10 @@ Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository
                                                             const StoredNote& written,
                                                             std::chrono::milliseconds settle);
 
+// Whether Syncthing itself kept `text` as a conflict copy of the note at `notePath`
+// ("Plan.sync-conflict-….md" beside it): then nothing more needs keeping.
+bool syncthingKeptText(const QString& notePath, const QString& text);
+
 // Whether `incoming` still holds every word that `saved` added to `baseBody`.
 bool keepsAddedWords(const QString& baseBody, const QString& saved, const QString& incoming);
 

@@ -137,6 +137,17 @@ TEST_F(SyncthingWritesTest, AWriteThatStayedOrWasBuiltOnIsLeftAlone) {
     EXPECT_TRUE(copies().isEmpty());
 }
 
+TEST_F(SyncthingWritesTest, AWriteSyncthingKeptAsItsOwnConflictCopyIsNotKeptTwice) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    const StoredNote note = written();
+    folder.write(QStringLiteral("Plan.sync-conflict-20261124-093012-ABCDEFG.md"), note.persistedContent.toUtf8());
+    folder.write(QStringLiteral("Plan.md"), "first\nfrom the other machine");
+    auto kept = keepWriteReplacedBySyncthing(repository, QStringLiteral("first"), note, std::chrono::milliseconds(0));
+    ASSERT_TRUE(kept);
+    EXPECT_FALSE(*kept);
+    EXPECT_TRUE(copies().isEmpty());
+}
+
 TEST_F(SyncthingWritesTest, OutsideASyncthingFolderNothingIsChecked) {
     const StoredNote note = written();
     folder.write(QStringLiteral("Plan.md"), "rewritten");

@@ -190,6 +190,7 @@ public:
     // Conflict copies that sync engines wrote beside a note (NoteStoreSyncConflicts.cpp).
     // The note a copy belongs to, when that note is in the library.
     std::optional<QString> syncConflictOriginal(const QString& url) const;
+    std::optional<QString> syncConflictOriginal(const Note& note) const;  // cheap for notes that are no copy
     std::vector<const Note*> syncConflictCopies(const QString& url) const;
     QString syncConflictDescription(const QString& copyUrl) const;  // "Syncthing, 2026-11-24 09:30:12, device …"
     // By value: a caller may pass a note's own url, which moves when the list changes.

@@ -34,7 +34,11 @@ std::optional<SyncConflictCopy> copyOf(const Note& note) {
 std::optional<QString> NoteStore::syncConflictOriginal(const QString& url) const {
     const Note* copy = note(url);
     if (!copy) return std::nullopt;
-    const auto found = copyOf(*copy);
+    return syncConflictOriginal(*copy);
+}
+
+std::optional<QString> NoteStore::syncConflictOriginal(const Note& copy) const {
+    const auto found = copyOf(copy);
     if (!found) return std::nullopt;
     const QString original = directory_ + u'/' + found->original;
     if (!note(original)) return std::nullopt;  // a copy without its note is a note of its own
@@ -157,6 +161,7 @@ bool NoteStore::keepSaveReplacedByEngine(const QString& url, const StoredNote& i
     recentSaves_.erase(recent);
     if (QDateTime::currentMSecsSinceEpoch() - save.savedAtMs > recentSaveMilliseconds) return false;
     if (keepsAddedWords(save.baseBody, save.body, incoming.document.body)) return false;
+    if (syncthingKeptText(incoming.url, save.fileText)) return false;  // the usual case: a conflict it saw
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     Result<StoredNote> kept = fail(Error::alreadyExists(incoming.identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
