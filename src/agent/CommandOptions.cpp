@@ -3,6 +3,7 @@
 #include <cmath>
 
 #include "AgentCommand.h"
+#include "SyncEngineIgnores.h"
 #include "JsonWriter.h"
 #include "MarkdownDocumentCodec.h"
 #include "NoteSearchCatalog.h"
@@ -69,16 +70,21 @@ QStringList CommandOptions::values(const QString& name) const {
 }
 
 Result<NoteRepository> repositoryFor(const CommandOptions& options, AgentIo& io) {
-    if (auto directory = options.value(QStringLiteral("notes-dir"))) {
+    QString directory;
+    if (auto given = options.value(QStringLiteral("notes-dir"))) {
         // Identifiers are checked against the folder's absolute, canonical path: "." and "../x" must work too.
-        const QFileInfo folder(*directory);
+        const QFileInfo folder(*given);
         const QString canonical = folder.canonicalFilePath();
-        return NoteRepository(canonical.isEmpty() ? folder.absoluteFilePath() : canonical);
+        directory = canonical.isEmpty() ? folder.absoluteFilePath() : canonical;
+    } else {
+        auto resolution = resolveConfiguredNotesDirectory();
+        if (!resolution) return fail(resolution.error());
+        if (resolution->notice) io.err << *resolution->notice << '\n';
+        directory = resolution->directory;
     }
-    auto resolution = resolveConfiguredNotesDirectory();
-    if (!resolution) return fail(resolution.error());
-    if (resolution->notice) io.err << *resolution->notice << '\n';
-    return NoteRepository(resolution->directory);
+    // The lock file this command may create must not travel to other machines.
+    (void)ensureSyncthingIgnores(directory);
+    return NoteRepository(directory);
 }
 
 QString catalogPathFor(const CommandOptions& options) {

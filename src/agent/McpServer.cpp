@@ -9,6 +9,7 @@
 #include "AgentCommand.h"
 #include "McpHistoryTools.h"
 #include "McpToolSchemas.h"
+#include "SyncConflictCopies.h"
 
 namespace mossly::agent {
 
@@ -277,6 +278,8 @@ Result<QJsonObject> McpServer::listNotes(const QJsonObject& arguments) {
     auto listing = repository_.enumerateMetadata();
     if (!listing) return fail(listing.error());
     const QString prefix = folder.isEmpty() || folder.endsWith(u'/') ? folder : folder + u'/';
+    QSet<QString> identifiers;
+    for (const NoteFileMetadata& entry : *listing) identifiers.insert(entry.identifier);
     QJsonArray notes;
     qint64 index = 0;
     std::optional<qint64> next;
@@ -287,8 +290,14 @@ Result<QJsonObject> McpServer::listNotes(const QJsonObject& arguments) {
             next = index - 1;
             break;
         }
-        notes.append(QJsonObject{{"identifier", entry.identifier}, {"contentType", rawValue(entry.contentType)},
-                                 {"modifiedAt", isoTimestamp(entry.modifiedAt)}, {"fileSize", entry.fileSize}});
+        QJsonObject note{{"identifier", entry.identifier}, {"contentType", rawValue(entry.contentType)},
+                         {"modifiedAt", isoTimestamp(entry.modifiedAt)}, {"fileSize", entry.fileSize}};
+        // Another machine's version of a note, kept by a sync engine: the agent should edit the note.
+        if (const auto copy = syncConflictCopyOf(entry.identifier); copy && identifiers.contains(copy->original)) {
+            note.insert(u"conflictOf", copy->original);
+            note.insert(u"syncEngine", copy->engine);
+        }
+        notes.append(note);
     }
     QJsonObject result{{"notes", notes}};
     if (next) result.insert(u"nextCursor", QString::number(*next));
@@ -300,7 +309,12 @@ Result<QJsonObject> McpServer::readNote(const QJsonObject& arguments) {
     if (!identifier) return fail(Error::invalidArgument(QStringLiteral("read_note needs an identifier")));
     auto note = repository_.read(*identifier);
     if (!note) return fail(note.error());
-    return noteObject(*note);
+    QJsonObject object = noteObject(*note);
+    if (const auto copy = syncConflictCopyOf(note->identifier); copy && repository_.read(copy->original)) {
+        object.insert(u"conflictOf", copy->original);
+        object.insert(u"syncEngine", copy->engine);
+    }
+    return object;
 }
 
 Result<QJsonObject> McpServer::createNote(const QJsonObject& arguments) {

@@ -43,7 +43,9 @@ constexpr char toolsJson[] = R"json([
   "outputSchema": {"type": "object", "properties": {
       "notes": {"type": "array", "items": {"type": "object", "properties": {
           "identifier": {"type": "string"}, "contentType": {"type": "string", "enum": ["markdown", "html", "sketch"]},
-          "modifiedAt": {"type": "string"}, "fileSize": {"type": "integer"}},
+          "modifiedAt": {"type": "string"}, "fileSize": {"type": "integer"},
+          "conflictOf": {"type": "string", "description": "Set on a sync engine's conflict copy: the note it is another machine's version of."},
+          "syncEngine": {"type": "string"}},
         "required": ["identifier", "contentType", "modifiedAt", "fileSize"]}},
       "nextCursor": {"type": "string"}},
     "required": ["notes"]},
@@ -100,7 +102,9 @@ constexpr char noteSchemaJson[] = R"json({"type": "object", "properties": {
   "identifier": {"type": "string"}, "title": {"type": "string"},
   "contentType": {"type": "string", "enum": ["markdown", "html", "sketch"]},
   "revision": {"type": "string"}, "createdBy": {"type": "string"}, "lastEditedBy": {"type": ["string", "null"]},
-  "modifiedAt": {"type": "string"}, "body": {"type": "string"}, "frontMatter": {"type": "object"}},
+  "modifiedAt": {"type": "string"}, "body": {"type": "string"}, "frontMatter": {"type": "object"},
+  "conflictOf": {"type": "string", "description": "Set when this file is a sync engine's conflict copy: the note it is another machine's version of."},
+  "syncEngine": {"type": "string"}},
   "required": ["identifier", "title", "contentType", "revision", "createdBy", "modifiedAt", "body", "frontMatter"]})json";
 
 }  // namespace

@@ -1,5 +1,7 @@
 #include "AgentCommand.h"
 #include "NoteHistory.h"
+#include "JsonWriter.h"
+#include "SyncConflictCopies.h"
 
 namespace mossly::agent {
 
@@ -15,7 +17,17 @@ int runRead(const QStringList& arguments, AgentIo& io) {
     const auto version = options->value(QStringLiteral("version"));
     auto note = version ? readNoteVersion(*repository, identifier, *version) : repository->read(identifier);
     if (!note) return printError(io, note.error());
-    return printJson(io, noteJson(*note));
+    QString json = noteJson(*note);
+    // Another machine's version of a note: say which, so the agent edits the note, not the copy.
+    if (const auto copy = syncConflictCopyOf(note->identifier); copy && repository->read(copy->original)) {
+        json.chop(1);
+        json += u',' + JsonObjectWriter()
+                           .add(QStringLiteral("conflictOf"), copy->original)
+                           .add(QStringLiteral("syncEngine"), copy->engine)
+                           .text()
+                           .mid(1);
+    }
+    return printJson(io, json);
 }
 
 }  // namespace mossly::agent

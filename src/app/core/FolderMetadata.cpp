@@ -23,8 +23,12 @@ std::optional<QUuid> uuidFrom(const QJsonValue& value) {
 }  // namespace
 
 Result<FolderMetadata> FolderMetadata::load(const QString& notesDirectory) {
+    return loadFile(notesDirectory + u'/' + fileName);
+}
+
+Result<FolderMetadata> FolderMetadata::loadFile(const QString& path) {
     FolderMetadata metadata;
-    auto bytes = AtomicFile::readAll(notesDirectory + u'/' + fileName);
+    auto bytes = AtomicFile::readAll(path);
     if (!bytes) {
         if (bytes.error().systemErrno() == ENOENT) return metadata;
         return fail(bytes.error());

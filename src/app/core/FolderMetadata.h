@@ -43,6 +43,8 @@ struct FolderMetadata {
     // A missing file is empty metadata; a file that cannot be decoded is an error,
     // and the caller must then never write over it.
     static Result<FolderMetadata> load(const QString& notesDirectory);
+    // The same for a file of that format anywhere (a sync engine's conflict copy of it).
+    static Result<FolderMetadata> loadFile(const QString& path);
     Result<void> save(const QString& notesDirectory) const;
     QByteArray toJson() const;
 

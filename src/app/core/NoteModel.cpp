@@ -3,6 +3,7 @@
 #include <QRegularExpression>
 
 #include "NoteTitle.h"
+#include "SyncConflictCopies.h"
 
 namespace mossly {
 
@@ -87,11 +88,7 @@ std::optional<QString> conflictCopyStamp(const QString& fileName) {
 }
 
 QString conflictCopyName(const QString& identifier, const QString& stamp, int counter) {
-    const qsizetype dot = identifier.lastIndexOf(u'.');
-    const QString base = identifier.left(dot);
-    const QString extension = identifier.mid(dot + 1);
-    return counter == 1 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
-                        : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+    return conflictCopyIdentifier(identifier, stamp, counter);
 }
 
 }  // namespace mossly

@@ -321,6 +321,7 @@ void NoteStore::applyLibrary(LoadedLibrary library, quint64 startGeneration) {
         emit problemOccurred(library.metadata.error().description());
     }
     metadataLoaded_ = true;
+    reconcileSyncedLibraryFiles();
     const bool wasLoading = isLoadingInitialNotes_;
     isLoadingInitialNotes_ = false;
     emit notesChanged();
@@ -554,6 +555,7 @@ Result<void> NoteStore::persistPendingSave(const QString& url) {
 
 void NoteStore::commitSaved(const QString& url, const StoredNote& saved) {
     Note* target = mutableNote(url);
+    rememberSave(url, target->base ? target->base->body : QString(), saved);
     Note fresh = noteFromStored(saved);
     fresh.content = target->content;  // what the user sees; equal to what was written
     *target = std::move(fresh);
@@ -617,6 +619,7 @@ Result<void> NoteStore::restoreDeletedNote(const QString& url) {
     const QString text = target->fileText(conflict != conflicts_.cend() ? conflict->userContent : target->content);
     auto restored = files_->createAt(target->identifier, text);
     if (!restored) return fail(restored.error());
+    rememberSave(url, QString(), *restored);
     const QString content = target->content;
     Note fresh = noteFromStored(*restored);
     *target = std::move(fresh);

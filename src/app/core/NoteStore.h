@@ -87,6 +87,9 @@ struct NoteFileImportReport {
 
 enum class FolderNoteDisposition { moveOut, moveToFolder, trash };
 
+// The ways out of a sync engine's conflict copy: the note's text, the copy's, or both as two notes.
+enum class SyncConflictChoice { keepThis, keepOther, keepBoth };
+
 // The app's model of the note library: the note list (newest first), folders,
 // favourites, selection, search and in-flight saves. It lives on the GUI
 // thread; reading the folder, searching and indexing run on Qt's thread pool
@@ -186,6 +189,14 @@ public:
     const NoteConflict* conflict(const QString& url) const;
     void reloadConflict(const QString& url);
     Result<QString> keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience = {});
+    // Conflict copies that sync engines wrote beside a note (NoteStoreSyncConflicts.cpp).
+    // The note a copy belongs to, when that note is in the library.
+    std::optional<QString> syncConflictOriginal(const QString& url) const;
+    std::optional<QString> syncConflictOriginal(const Note& note) const;  // cheap for notes that are no copy
+    std::vector<const Note*> syncConflictCopies(const QString& url) const;
+    QString syncConflictDescription(const QString& copyUrl) const;  // "Syncthing, 2026-11-24 09:30:12, device …"
+    // By value: a caller may pass a note's own url, which moves when the list changes.
+    Result<void> resolveSyncConflict(QString url, QString copyUrl, SyncConflictChoice choice);
 
     // Folders and favourites
     const std::vector<NoteFolder>& folders() const { return metadata_.folders; }
@@ -281,6 +292,9 @@ private:
     void scheduleExternalChanges();
     QHash<QString, FileTime> knownModificationDates() const;
     void applyExternalChanges(Scan scan, quint64 startGeneration);
+    void reconcileSyncedLibraryFiles();
+    void rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved);
+    bool keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming);
     struct ReferenceEdit;
     Result<void> saveBeforeRename(const QString& url);
     void carryFolderMetadata(const QString& oldName, const QString& newName);
@@ -315,6 +329,16 @@ private:
     FolderMetadata metadata_;
     std::optional<Error> metadataError_;
     bool metadataLoaded_ = false;  // folder changes wait for the user's file to be read
+    QString folderFileSeen_;  // ".folders.json"'s modification time and size when last looked at
+    // A save of ours in a Syncthing folder, for a few seconds: Syncthing may have
+    // decided on the older file just before and still rename its download over it.
+    struct RecentSave {
+        QString baseBody;  // what the save started from
+        QString body;
+        QString fileText;
+        qint64 savedAtMs = 0;
+    };
+    QHash<QString, RecentSave> recentSaves_;  // by url
     bool isLoadingInitialNotes_ = true;
     // A first start shows the folder listing, then reads every note for its details.
     bool readingNoteDetails_ = false;

@@ -118,6 +118,7 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
         startMonitoring();
     }
 
+    reconcileSyncedLibraryFiles();
     setUnreadableNotes(std::move(scan.unreadable));
     bool lookAgain = false;
     int added = 0, updated = 0, conflicts = 0;
@@ -154,6 +155,7 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
             beginConflict(stored.url, stored, userContent);
             ++conflicts;
         } else {
+            if (keepSaveReplacedByEngine(stored.url, stored)) ++conflicts;
             // A body nobody has opened stays unread; an open one takes the new text.
             Note fresh = existing->bodyLoaded ? noteFromStored(stored) : noteListEntryFromStored(stored);
             touch(fresh);

@@ -14,6 +14,7 @@
 #include "NoteNameOffer.h"
 #include "NoteStore.h"
 #include "PlainNoteEditor.h"
+#include "SyncConflictBanner.h"
 
 namespace mossly {
 
@@ -36,6 +37,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     bannerLayout->addWidget(retry_);
 
     offer_ = new NoteNameOffer(store_, this);
+    syncBanner_ = new SyncConflictBanner(store_, this);
     editor_ = new PlainNoteEditor(store_, this);
     markdownEditor_ = new MarkdownTextView(this);
     placeholder_ = new QLabel(tr("No note selected"), this);
@@ -50,6 +52,7 @@ EditorPane::EditorPane(NoteStore& store, QWidget* parent, std::optional<QString>
     layout->setContentsMargins(0, 0, 0, 0);
     layout->setSpacing(0);
     layout->addWidget(banner_);
+    layout->addWidget(syncBanner_);
     layout->addWidget(offer_);
     layout->addWidget(stack_, 1);
 
@@ -200,6 +203,7 @@ void EditorPane::updateBanners() {
     keepCopy_->setVisible(conflict);
     retry_->setVisible(failure);
     banner_->setVisible(conflict || failure);
+    syncBanner_->setNote(url_);
 }
 
 void EditorPane::flushWebEdits() {

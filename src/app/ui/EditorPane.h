@@ -16,6 +16,7 @@ class MarkdownTextView;
 class NoteNameOffer;
 class NoteStore;
 class PlainNoteEditor;
+class SyncConflictBanner;
 
 // An editor for one note at a time: a banner when the note has a conflict or
 // cannot be saved, and the editor for its kind. The library window's pane
@@ -45,6 +46,7 @@ public:
     void setFontPointSize(qreal size);
     // The offer to name an "Untitled" note's file after its title.
     NoteNameOffer* nameOffer() const { return offer_; }
+    SyncConflictBanner* syncConflictBanner() const { return syncBanner_; }
 
 signals:
     // The note this pane shows is gone (a fixed note that was deleted).
@@ -63,6 +65,7 @@ private:
     std::optional<QString> fixedNote_;
     QFrame* banner_;
     NoteNameOffer* offer_;
+    SyncConflictBanner* syncBanner_;
     QLabel* bannerText_;
     QPushButton* reload_;
     QPushButton* keepCopy_;

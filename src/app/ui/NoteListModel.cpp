@@ -30,6 +30,8 @@ void NoteListModel::rebuild() {
     const QSet<QUuid> folderTree =
         scope_.kind == LibraryScope::Kind::folder ? store_.folderMetadata().folderTreeIDs(scope_.folder) : QSet<QUuid>{};
     for (const Note* note : store_.filteredNotes()) {
+        // A sync engine's copy is shown in its note's banner, not as a note of its own.
+        if (store_.syncConflictOriginal(*note)) continue;
         switch (scope_.kind) {
             case LibraryScope::Kind::allNotes: break;
             case LibraryScope::Kind::favorites:

@@ -1,0 +1,54 @@
+#include "SyncthingWrites.h"
+
+#include <QDateTime>
+#include <QDir>
+#include <QFileInfo>
+#include <thread>
+
+#include "AtomicFile.h"
+#include "SyncConflictCopies.h"
+#include "WordDiff.h"
+
+namespace mossly {
+
+bool keepsAddedWords(const QString& baseBody, const QString& saved, const QString& incoming) {
+    for (const WordDiffRun& run : wordDiff(baseBody, saved)) {
+        const QString words = run.text.trimmed();
+        if (run.kind == WordDiffRun::Kind::added && !words.isEmpty() && !incoming.contains(words)) return false;
+    }
+    return true;
+}
+
+bool syncthingKeptText(const QString& notePath, const QString& text) {
+    const QFileInfo note(notePath);
+    const QDir folder = note.dir();
+    const QStringList copies =
+        folder.entryList({note.completeBaseName() + QStringLiteral(".sync-conflict-*")}, QDir::Files | QDir::Hidden);
+    for (const QString& name : copies) {
+        auto bytes = AtomicFile::readAll(folder.filePath(name), false);
+        if (bytes && QString::fromUtf8(*bytes) == text) return true;
+    }
+    return false;
+}
+
+Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository& repository, const QString& beforeBody,
+                                                            const StoredNote& written,
+                                                            std::chrono::milliseconds settle) {
+    auto directory = repository.directoryURL();
+    if (!directory || !QFileInfo::exists(QDir(*directory).filePath(QStringLiteral(".stfolder")))) return std::nullopt;
+    std::this_thread::sleep_for(settle);
+    auto now = repository.read(written.identifier);
+    if (now && now->document.revision() == written.document.revision()) return std::nullopt;
+    if (now && keepsAddedWords(beforeBody, written.document.body, now->document.body)) return std::nullopt;
+    if (syncthingKeptText(written.url, written.persistedContent)) return std::nullopt;
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+        const QString name = conflictCopyIdentifier(written.identifier, stamp, counter);
+        auto kept = repository.createAt(name, written.persistedContent);
+        if (kept) return std::optional<QString>(kept->identifier);
+        if (kept.error().code() != Error::Code::alreadyExists) return fail(kept.error());
+    }
+    return fail(Error::alreadyExists(written.identifier));
+}
+
+}  // namespace mossly
