@@ -7,14 +7,14 @@
 
 #include "AtomicFile.h"
 #include "SyncConflictCopies.h"
-#include "WordDiff.h"
+#include "NoteHistoryDiff.h"
 
 namespace mossly {
 
 bool keepsAddedWords(const QString& baseBody, const QString& saved, const QString& incoming) {
-    for (const WordDiffRun& run : wordDiff(baseBody, saved)) {
+    for (const NoteTextChange& run : wordDiff(baseBody, saved)) {
         const QString words = run.text.trimmed();
-        if (run.kind == WordDiffRun::Kind::added && !words.isEmpty() && !incoming.contains(words)) return false;
+        if (run.kind == NoteTextChange::Kind::inserted && !words.isEmpty() && !incoming.contains(words)) return false;
     }
     return true;
 }

@@ -9,50 +9,28 @@
 #include "NoteListModel.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
-#include "WordDiff.h"
+#include "NoteHistoryDiff.h"
 
 namespace mossly {
 namespace {
 
 using Operation = test::FaultyFileAccess::Operation;
-using Kind = WordDiffRun::Kind;
+using Kind = NoteTextChange::Kind;
 
-TEST(WordDiffTest, ChangedWordsAreMarkedAndTheRestIsShared) {
-    const auto runs = wordDiff(QStringLiteral("Buy milk and bread today"), QStringLiteral("Buy oat milk and eggs today"));
-    const std::vector<WordDiffRun> expected{{Kind::same, QStringLiteral("Buy ")},
-                                            {Kind::added, QStringLiteral("oat ")},
-                                            {Kind::same, QStringLiteral("milk and ")},
-                                            {Kind::removed, QStringLiteral("bread ")},
-                                            {Kind::added, QStringLiteral("eggs ")},
-                                            {Kind::same, QStringLiteral("today")}};
-    EXPECT_EQ(runs, expected);
-}
-
-TEST(WordDiffTest, TheRunsGiveBackBothTexts) {
+TEST(WordDiff, TheRunsGiveBackBothTexts) {
     const QString before = QStringLiteral("# Plan\n\nline one\nline two  \n\nend");
     const QString after = QStringLiteral("# Plan\n\nline one changed\n\nend\nmore");
     QString first, second;
-    for (const WordDiffRun& run : wordDiff(before, after)) {
-        if (run.kind != Kind::added) first += run.text;
+    for (const NoteTextChange& run : wordDiff(before, after)) {
+        if (run.kind != Kind::inserted) first += run.text;
         if (run.kind != Kind::removed) second += run.text;
     }
     EXPECT_EQ(first, before);
     EXPECT_EQ(second, after);
     EXPECT_TRUE(wordDiff(QString(), QString()).empty());
-    EXPECT_EQ(wordDiff(QString(), QStringLiteral("new")), (std::vector<WordDiffRun>{{Kind::added, QStringLiteral("new")}}));
+    EXPECT_EQ(wordDiff(QString(), QStringLiteral("new")), (std::vector<NoteTextChange>{{Kind::inserted, QStringLiteral("new")}}));
 }
 
-TEST(WordDiffTest, HugeTextsFallBackToWholeReplacement) {
-    QString before, after;
-    for (int i = 0; i < 5000; ++i) {
-        before += QStringLiteral("a%1 ").arg(i);
-        after += QStringLiteral("b%1 ").arg(i);
-    }
-    const auto runs = wordDiff(before, after);
-    ASSERT_EQ(runs.size(), 2u);
-    EXPECT_EQ(runs[0], (WordDiffRun{Kind::removed, before}));
-    EXPECT_EQ(runs[1], (WordDiffRun{Kind::added, after}));
-}
 
 TEST(FolderMetadataMergeTest, BothSidesAreKeptAndARenameKeepsOneName) {
     FolderMetadata mine;

@@ -9,23 +9,23 @@
 #include <algorithm>
 
 #include "NoteStore.h"
-#include "WordDiff.h"
+#include "NoteHistoryDiff.h"
 
 namespace mossly {
 
 namespace {
 
-QString diffHtml(const std::vector<WordDiffRun>& runs) {
+QString diffHtml(const std::vector<NoteTextChange>& runs) {
     QString html = QStringLiteral("<div style=\"white-space: pre-wrap;\">");
-    for (const WordDiffRun& run : runs) {
+    for (const NoteTextChange& run : runs) {
         const QString text = run.text.toHtmlEscaped();
         switch (run.kind) {
-            case WordDiffRun::Kind::same: html += text; break;
-            case WordDiffRun::Kind::removed:
+            case NoteTextChange::Kind::same: html += text; break;
+            case NoteTextChange::Kind::removed:
                 html += QStringLiteral("<span style=\"background:#f6d0d0; color:#7a1010; text-decoration:line-through;\">") +
                         text + QStringLiteral("</span>");
                 break;
-            case WordDiffRun::Kind::added:
+            case NoteTextChange::Kind::inserted:
                 html += QStringLiteral("<span style=\"background:#cdeccd; color:#0d5a0d;\">") + text +
                         QStringLiteral("</span>");
                 break;
