@@ -744,15 +744,9 @@ void NoteStore::reloadConflict(const QString& url) {
     emit notesChanged();
 }
 
-Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience) {
-    const auto conflict = conflicts_.constFind(url);
-    const Note* original = note(url);
-    if (conflict == conflicts_.cend() || !original) return fail(Error::notFound(url));
-    auto span = diagnostics().span(QStringLiteral("Preserve conflict copy"));
-
-    const QString identifier = original->identifier;
+Result<StoredNote> NoteStore::createConflictCopyBeside(const QString& url, const QString& identifier,
+                                                      const QString& text, std::chrono::milliseconds busyPatience) {
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
-    const QString text = original->fileText(conflict->userContent);
     const QDeadlineTimer deadline(busyPatience);
     Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
@@ -765,9 +759,8 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
         if (copy || copy.error().code() != Error::Code::alreadyExists) break;
     }
     if (!copy) {
-        span.fail(copy.error().description());
         emit problemOccurred(copy.error().description());
-        return fail(copy.error());
+        return copy;
     }
     Note copied = noteFromStored(*copy);
     touch(copied);
@@ -778,6 +771,21 @@ Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::mil
         emit foldersChanged();
     }
     notes_.push_back(std::move(copied));
+    return copy;
+}
+
+Result<QString> NoteStore::keepConflictCopy(const QString& url, std::chrono::milliseconds busyPatience) {
+    const auto conflict = conflicts_.constFind(url);
+    const Note* original = note(url);
+    if (conflict == conflicts_.cend() || !original) return fail(Error::notFound(url));
+    auto span = diagnostics().span(QStringLiteral("Preserve conflict copy"));
+
+    auto copy = createConflictCopyBeside(url, original->identifier, original->fileText(conflict->userContent),
+                                         busyPatience);
+    if (!copy) {
+        span.fail(copy.error().description());
+        return fail(copy.error());
+    }
     diagnostics().event(QStringLiteral("Conflict copy preserved"));
     reloadConflict(url);
     refreshSearchIndexInBackground();

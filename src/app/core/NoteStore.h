@@ -274,6 +274,11 @@ signals:
     void problemOccurred(const QString& message);
 
 private:
+    // Writes `text` as a conflict copy of `identifier` (named with the time, and a
+    // counter if taken) in the folder of the note at `url`, and lists it.
+    // Waits up to `busyPatience` for a busy library; says what failed.
+    Result<StoredNote> createConflictCopyBeside(const QString& url, const QString& identifier, const QString& text,
+                                                std::chrono::milliseconds busyPatience);
     struct LoadedLibrary;
     struct Scan;
     void applyLibrary(LoadedLibrary library, quint64 startGeneration);

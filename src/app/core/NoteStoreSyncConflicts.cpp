@@ -104,24 +104,8 @@ Result<void> NoteStore::resolveSyncConflict(QString url, QString copyUrl, SyncCo
         emit noteContentChanged(url);
     } else if (choice == SyncConflictChoice::keepBoth) {
         // The other version becomes a conflict copy of Mossly's own, listed beside its note.
-        const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
-        Result<StoredNote> kept = fail(Error::alreadyExists(original->identifier));
-        for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-            kept = files_->createAt(conflictCopyName(original->identifier, stamp, counter), other->persistedContent);
-            if (kept || kept.error().code() != Error::Code::alreadyExists) break;
-        }
-        if (!kept) {
-            emit problemOccurred(kept.error().description());
-            return fail(kept.error());
-        }
-        Note copied = noteFromStored(*kept);
-        touch(copied);
-        if (const auto folder = folderOf(url); folder && folderMetadataWritable()) {
-            metadata_.noteAssignments.insert(copied.fileName(), *folder);
-            writeFolderMetadata();
-            emit foldersChanged();
-        }
-        notes_.push_back(std::move(copied));
+        auto kept = createConflictCopyBeside(url, original->identifier, other->persistedContent, {});
+        if (!kept) return fail(kept.error());
     }
 
     if (auto trashed = files_->moveToTrash(copyIdentifier); !trashed) {

@@ -14,27 +14,12 @@
 #include "MainWindow.h"
 #include "NoteHistory.h"
 #include "NoteHistoryWindow.h"
+#include "NoteMenuCommands.h"
 #include "NoteStore.h"
 
 namespace mossly {
 
 namespace {
-
-QMenu* fileMenu(MainWindow& window) {
-    for (QAction* action : window.menuBar()->actions()) {
-        if (action->menu() && action->text() == QObject::tr("&File")) return action->menu();
-    }
-    return window.menuBar()->addMenu(QObject::tr("&File"));
-}
-
-// Right after Rename…, with the other commands about one note.
-QAction* insertionPoint(QMenu& file) {
-    const QList<QAction*> actions = file.actions();
-    for (qsizetype i = 0; i + 1 < actions.size(); ++i) {
-        if (actions[i]->objectName() == QStringLiteral("renameNoteAction")) return actions[i + 1];
-    }
-    return nullptr;
-}
 
 void openHistory(MainWindow& window, NoteStore& store, const QString& url, std::optional<QString> revision) {
     if (!store.note(url)) return;
@@ -50,13 +35,9 @@ void installHistoryCommands(MainWindow& window, NoteStore& store) {
     auto* show = new QAction(QObject::tr("Show History"), &window);
     show->setObjectName(QStringLiteral("showHistoryAction"));
     show->setShortcut(QKeySequence(QStringLiteral("Ctrl+Shift+H")));
-    QMenu* file = fileMenu(window);
-    file->insertAction(insertionPoint(*file), show);
-    window.sidebar()->noteList()->addAction(show);
-    const auto updateEnabled = [show, &store] { show->setEnabled(store.selection() && store.note(*store.selection())); };
-    QObject::connect(&store, &NoteStore::selectionChanged, show, updateEnabled);
-    QObject::connect(&store, &NoteStore::notesChanged, show, updateEnabled);
-    updateEnabled();
+    // Right after Rename…, with the other commands about one note.
+    addSelectedNoteCommand(window, store, show,
+                           [](const QAction* a) { return a->objectName() == QStringLiteral("renameNoteAction"); });
     QObject::connect(show, &QAction::triggered, &window, [&window, &store] {
         if (store.selection()) openHistory(window, store, *store.selection(), std::nullopt);
     });
