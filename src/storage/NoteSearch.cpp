@@ -9,6 +9,17 @@
 
 namespace mossly {
 
+QString NoteSearch::foldedCharacter(char32_t codePoint) {
+    QString character = QString::fromUcs4(&codePoint, 1);
+    const QString decomposed = character.normalized(QString::NormalizationForm_D);
+    if (decomposed.size() > 1 && std::all_of(decomposed.begin() + 1, decomposed.end(), [](QChar c) {
+            return c.unicode() >= 0x0300 && c.unicode() <= 0x036F;
+        })) {
+        character = decomposed.left(1);
+    }
+    return character.toLower();
+}
+
 QStringList NoteSearch::normalizedTerms(const QString& query) {
     // Split exactly where the catalog's unicode61 tokenizer splits: only
     // letters, numbers and private-use characters make up words, so every
@@ -25,14 +36,7 @@ QStringList NoteSearch::normalizedTerms(const QString& query) {
             current.clear();
             continue;
         }
-        QString character = QString::fromUcs4(&codePoint, 1);
-        const QString decomposed = character.normalized(QString::NormalizationForm_D);
-        if (decomposed.size() > 1 && std::all_of(decomposed.begin() + 1, decomposed.end(), [](QChar c) {
-                return c.unicode() >= 0x0300 && c.unicode() <= 0x036F;
-            })) {
-            character = decomposed.left(1);
-        }
-        current += character.toLower();
+        current += foldedCharacter(codePoint);
     }
     if (!current.isEmpty()) terms.append(current);
     return terms;

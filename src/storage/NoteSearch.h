@@ -38,6 +38,9 @@ constexpr qsizetype maximumExcerptLength = 240;
 // Case- and diacritic-folded query terms, split at everything that is neither
 // a letter nor a number; duplicates kept, in query order.
 QStringList normalizedTerms(const QString& query);
+// One letter or number as a term holds it: a precomposed Latin letter without
+// its accents, in lower case.
+QString foldedCharacter(char32_t codePoint);
 // Each term double-quoted (inner quotes doubled), joined with " OR ".
 QString ftsExpression(const QStringList& terms);
 // The excerpt rule: at most 240 characters, else the first 237 and "…".

@@ -54,14 +54,7 @@ std::vector<std::string> WordVectorEmbedder::words(QStringView text) {
             endWord();
             continue;
         }
-        QString character = QString::fromUcs4(&codePoint, 1);
-        const QString decomposed = character.normalized(QString::NormalizationForm_D);
-        if (decomposed.size() > 1 && std::all_of(decomposed.begin() + 1, decomposed.end(), [](QChar m) {
-                return m.unicode() >= 0x0300 && m.unicode() <= 0x036F;
-            })) {
-            character = decomposed.left(1);
-        }
-        current += character.toLower().toStdString();
+        current += NoteSearch::foldedCharacter(codePoint).toStdString();
     }
     endWord();
     return found;
