@@ -9,6 +9,7 @@
 #include <QLineEdit>
 #include <QMessageBox>
 #include <QPushButton>
+#include <QScopeGuard>
 #include <QClipboard>
 #include <QStatusBar>
 #include <QTreeWidget>
@@ -230,7 +231,10 @@ TEST_F(LibraryJourney, DeletingAFolderCanMoveItsNotesIntoAnother) {
 TEST_F(LibraryJourney, ShowNotesFolderSaysWhereTheNotesAreWhenNoFileManagerStarts) {
     const QString emptyPath = folder.filePath(QStringLiteral(".no-programs"));
     QDir().mkpath(emptyPath);
+    const QByteArray programs = qgetenv("PATH");
     qputenv("PATH", QFile::encodeName(emptyPath));  // no xdg-open, no file manager
+    // Later journeys in the same process need their programs back.
+    const auto restore = qScopeGuard([&] { qputenv("PATH", programs); });
     launch();
     QAction* show = findAction(window(), QStringLiteral("Show Notes Folder"));
     ASSERT_TRUE(show);
