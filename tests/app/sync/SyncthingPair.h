@@ -30,8 +30,10 @@ public:
     // Makes both homes and notes folders under `root` (each notes folder
     // already marked with ".stfolder"). Empty on success, else why not.
     QString prepare(const QString& root);
-    // Starts both and waits until they are connected. Empty on success.
+    // Starts both. Empty on success, else why not.
     QString start();
+    // Waits until the two are connected; what went wrong if they are not.
+    QString connect();
     ~SyncthingPair();
 
     SyncthingDevice a;

@@ -86,6 +86,7 @@ protected:
     static inline SyncthingPair* pair = nullptr;
     static inline NoteStore* store = nullptr;
     static inline QString skipReason;
+    static inline QString connectionFailure;
 
     static void SetUpTestSuite() {
         root = new QTemporaryDir;
@@ -98,6 +99,8 @@ protected:
                                                                 .welcomeIconPng = {}});
         agent(pair->b.notes, {QStringLiteral("list")});
         skipReason = pair->start();
+        // Two instances that start but never connect are a failure, not a machine without Syncthing.
+        if (skipReason.isEmpty()) connectionFailure = pair->connect();
     }
     static void TearDownTestSuite() {
         delete store;
@@ -106,6 +109,7 @@ protected:
     }
     void SetUp() override {
         if (!skipReason.isEmpty()) GTEST_SKIP() << "Syncthing cannot run here: " << skipReason.toStdString();
+        ASSERT_TRUE(connectionFailure.isEmpty()) << connectionFailure.toStdString();
     }
 
     static QString urlOnA(const QString& identifier) { return pair->a.notes + u'/' + identifier; }
