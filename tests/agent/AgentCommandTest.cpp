@@ -6,17 +6,13 @@
 #include <QJsonObject>
 
 #include "AgentCommand.h"
+#include "AgentRun.h"
 #include "TestSupport.h"
 
 namespace mossly::agent {
 namespace {
 
-struct Outcome {
-    int exitCode;
-    QString out;
-    QString err;
-    QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
-};
+using Outcome = test::AgentOutcome;
 
 class AgentCommandTest : public ::testing::Test {
 protected:
@@ -26,18 +22,7 @@ protected:
     Outcome run(QStringList arguments, const QByteArray& stdinBytes = {}) {
         arguments << QStringLiteral("--notes-dir") << folder.path() << QStringLiteral("--catalog")
                   << caches.filePath("catalog.sqlite");
-        QString out;
-        QString err;
-        QTextStream outStream(&out);
-        QTextStream errStream(&err);
-        QByteArray input = stdinBytes;
-        QBuffer in(&input);
-        in.open(QIODevice::ReadOnly);
-        AgentIo io{outStream, errStream, in};
-        const int code = runAgent(arguments, io);
-        outStream.flush();
-        errStream.flush();
-        return {code, out, err};
+        return test::runAgentCommand(arguments, stdinBytes);
     }
 };
 

@@ -7,31 +7,15 @@
 
 #include "AgentAccess.h"
 #include "AgentCommand.h"
+#include "AgentRun.h"
 #include "TestSupport.h"
 
 namespace mossly::agent {
 namespace {
 
-struct Outcome {
-    int exitCode;
-    QString out;
-    QString err;
-};
+using Outcome = test::AgentOutcome;
 
-Outcome run(const QStringList& arguments) {
-    QString out;
-    QString err;
-    QTextStream outStream(&out);
-    QTextStream errStream(&err);
-    QByteArray input;
-    QBuffer in(&input);
-    in.open(QIODevice::ReadOnly);
-    AgentIo io{outStream, errStream, in};
-    const int code = runAgent(arguments, io);
-    outStream.flush();
-    errStream.flush();
-    return {code, out, err};
-}
+Outcome run(const QStringList& arguments) { return test::runAgentCommand(arguments); }
 
 // Help must work before anything is set up: agent access off, no notes folder.
 class AgentHelpTest : public ::testing::Test {

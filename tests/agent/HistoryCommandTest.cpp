@@ -7,17 +7,13 @@
 
 #include "AgentAccess.h"
 #include "AgentCommand.h"
+#include "AgentRun.h"
 #include "TestSupport.h"
 
 namespace mossly::agent {
 namespace {
 
-struct Outcome {
-    int exitCode;
-    QString out;
-    QString err;
-    QJsonObject json() const { return QJsonDocument::fromJson(out.toUtf8()).object(); }
-};
+using Outcome = test::AgentOutcome;
 
 class HistoryCommandTest : public ::testing::Test {
 protected:
@@ -25,15 +21,7 @@ protected:
 
     Outcome run(QStringList arguments) {
         arguments << QStringLiteral("--notes-dir") << folder.path();
-        QString out, err;
-        QTextStream outStream(&out), errStream(&err);
-        QBuffer in;
-        in.open(QIODevice::ReadOnly);
-        AgentIo io{outStream, errStream, in};
-        const int code = runAgent(arguments, io);
-        outStream.flush();
-        errStream.flush();
-        return {code, out, err};
+        return test::runAgentCommand(arguments);
     }
     void TearDown() override { ASSERT_TRUE(AgentAccess::setEnabled(true)); }
 };

@@ -6,6 +6,7 @@
 #include <QJsonObject>
 
 #include "AgentCommand.h"
+#include "AgentRun.h"
 #include "McpServer.h"
 #include "TestSupport.h"
 
@@ -21,17 +22,10 @@ protected:
     QJsonObject run(QStringList arguments, int expectedExit = success) {
         arguments << QStringLiteral("--notes-dir") << folder.path() << QStringLiteral("--catalog")
                   << caches.filePath("catalog.sqlite");
-        QString out, err;
-        QTextStream outStream(&out), errStream(&err);
-        QByteArray input;
-        QBuffer in(&input);
-        in.open(QIODevice::ReadOnly);
-        AgentIo io{outStream, errStream, in};
-        EXPECT_EQ(runAgent(arguments, io), expectedExit);
-        outStream.flush();
-        errStream.flush();
-        EXPECT_TRUE(err.isEmpty()) << err.toStdString();
-        return QJsonDocument::fromJson(out.toUtf8()).object();
+        const test::AgentOutcome outcome = test::runAgentCommand(arguments);
+        EXPECT_EQ(outcome.exitCode, expectedExit);
+        EXPECT_TRUE(outcome.err.isEmpty()) << outcome.err.toStdString();
+        return outcome.json();
     }
 };
 

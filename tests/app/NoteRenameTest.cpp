@@ -11,6 +11,7 @@
 #include "MarkdownTextView.h"
 #include "NoteWindow.h"
 #include "FaultyFileAccess.h"
+#include "FaultyStoreTest.h"
 #include "NoteReferences.h"
 #include "NoteStore.h"
 #include "TestSupport.h"
@@ -43,24 +44,7 @@ TEST(NoteReferences, RewritesLinksToTheRenamedFileOnly) {
               QStringLiteral("[a](Rome.md)"));
 }
 
-class NoteRenameTest : public ::testing::Test {
-protected:
-    test::TemporaryNotesFolder folder;
-    std::shared_ptr<test::FaultyFileAccess> files;
-
-    std::unique_ptr<NoteStore> openStore() {
-        NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}};
-        options.fileAccess = [this](const QString& directory) {
-            files = std::make_shared<test::FaultyFileAccess>(directory);
-            return files;
-        };
-        return std::make_unique<NoteStore>(folder.path(), options);
-    }
-    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
-    QString bodyOnDisk(const QString& identifier) const {
-        return NoteDocument(QString::fromUtf8(folder.read(identifier)), NoteContentType::markdown).body;
-    }
-};
+class NoteRenameTest : public test::FaultyStoreTest {};
 
 TEST_F(NoteRenameTest, ThePendingEditFolderFavouriteSelectionAndLinksFollowTheNote) {
     folder.write(QStringLiteral("Untitled.md"), "# Trip");

@@ -11,6 +11,7 @@
 #include "AppTestSupport.h"
 #include "EditorPane.h"
 #include "FaultyFileAccess.h"
+#include "FaultyStoreTest.h"
 #include "LaunchNotices.h"
 #include "MarkdownTextView.h"
 #include "MeetingNoteWriter.h"
@@ -25,26 +26,7 @@ namespace {
 using Operation = test::FaultyFileAccess::Operation;
 using namespace std::chrono_literals;
 
-// A store over a real notes folder whose file layer fails on demand.
-class NoteStoreFailureTest : public ::testing::Test {
-protected:
-    test::TemporaryNotesFolder folder;
-    std::shared_ptr<test::FaultyFileAccess> files;
-
-    std::unique_ptr<NoteStore> openStore(bool synchronously = true) {
-        NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = synchronously,
-                                   .welcomeIconPng = {}};
-        options.fileAccess = [this](const QString& directory) {
-            files = std::make_shared<test::FaultyFileAccess>(directory);
-            return files;
-        };
-        return std::make_unique<NoteStore>(folder.path(), options);
-    }
-    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
-    QString bodyOnDisk(const QString& identifier) const {
-        return NoteDocument(QString::fromUtf8(folder.read(identifier)), NoteContentType::markdown).body;
-    }
-};
+class NoteStoreFailureTest : public test::FaultyStoreTest {};
 
 TEST_F(NoteStoreFailureTest, AFailedSaveStaysPendingIsShownAndRetriedUntilItWorks) {
     folder.write(QStringLiteral("a.md"), "before");

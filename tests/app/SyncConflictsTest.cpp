@@ -5,6 +5,7 @@
 
 #include "AppTestSupport.h"
 #include "FaultyFileAccess.h"
+#include "FaultyStoreTest.h"
 #include "FolderMetadataMerge.h"
 #include "NoteListModel.h"
 #include "NoteStore.h"
@@ -83,27 +84,13 @@ TEST(FolderMetadataMergeTest, FoldersMovedIntoEachOtherOnTwoSidesDoNotLoop) {
     EXPECT_TRUE(merged.folder(c));
 }
 
-class SyncConflictStoreTest : public ::testing::Test {
+class SyncConflictStoreTest : public test::FaultyStoreTest {
 protected:
-    test::TemporaryNotesFolder folder;
-    std::shared_ptr<test::FaultyFileAccess> files;
     const QString copyName = QStringLiteral("Plan.sync-conflict-20261124-093012-ABCDEFG.md");
 
     void SetUp() override {
         folder.write(QStringLiteral("Plan.md"), "# Plan\nmine");
         folder.write(copyName, "# Plan\ntheirs");
-    }
-    std::unique_ptr<NoteStore> openStore() {
-        NoteStore::Options options{.createsWelcomeNote = false, .loadsNotesSynchronously = true, .welcomeIconPng = {}};
-        options.fileAccess = [this](const QString& directory) {
-            files = std::make_shared<test::FaultyFileAccess>(directory);
-            return files;
-        };
-        return std::make_unique<NoteStore>(folder.path(), options);
-    }
-    QString url(const QString& identifier) const { return QDir::cleanPath(folder.filePath(identifier)); }
-    QString bodyOnDisk(const QString& identifier) const {
-        return NoteDocument(QString::fromUtf8(folder.read(identifier)), NoteContentType::markdown).body;
     }
     QStringList conflictCopiesOnDisk() const {
         return QDir(folder.path()).entryList({QStringLiteral("Plan (Conflict *).md")}, QDir::Files);
