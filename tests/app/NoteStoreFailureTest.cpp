@@ -318,9 +318,15 @@ TEST_F(NoteStoreFailureTest, IndexingReportsProgressAndQuittingInterruptsIt) {
     {
         auto store = openStore();
         QSignalSpy progress(store.get(), &NoteStore::indexProgress);
+        QSignalSpy meaning(store.get(), &NoteStore::meaningIndexProgress);
         ASSERT_TRUE(test::waitUntil([&] { return !progress.isEmpty() && progress.last()[0].toInt() == 600; }, 20000));
         EXPECT_EQ(progress.last()[1].toInt(), 600);
         EXPECT_GE(progress.count(), 3) << "progress came only at the end";
+        // Then the notes are indexed for meaning, also with progress, and meaning search is ready.
+        ASSERT_TRUE(test::waitUntil([&] { return store->meaningSearchReady(); }, 30000));
+        ASSERT_FALSE(meaning.isEmpty());
+        EXPECT_EQ(meaning.last()[0].toInt(), 600);
+        EXPECT_GE(meaning.count(), 3);
     }
     // A new catalog half built when the user quits: quitting stops it at once, and nothing is left broken.
     QFile::remove(folder.filePath(".mossly-search.sqlite"));

@@ -155,22 +155,18 @@ void NoteStore::refreshSearchIndexInBackground() {
     const std::stop_token stop = indexStop_.get_token();
     QPointer<NoteStore> self(this);
     // Progress crosses to this thread; a large first index shows it in the window.
-    const auto progress = [self](int done, int total) {
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [self, done, total] {
-                if (self) emit self->indexProgress(done, total);
-            },
-            Qt::QueuedConnection);
+    const auto postedTo = [self](void (NoteStore::*signal)(int, int)) {
+        return [self, signal](int done, int total) {
+            QMetaObject::invokeMethod(
+                QCoreApplication::instance(),
+                [self, signal, done, total] {
+                    if (self) emit(self->*signal)(done, total);
+                },
+                Qt::QueuedConnection);
+        };
     };
-    const auto meaningProgress = [self](int done, int total) {
-        QMetaObject::invokeMethod(
-            QCoreApplication::instance(),
-            [self, done, total] {
-                if (self) emit self->meaningIndexProgress(done, total);
-            },
-            Qt::QueuedConnection);
-    };
+    const auto progress = postedTo(&NoteStore::indexProgress);
+    const auto meaningProgress = postedTo(&NoteStore::meaningIndexProgress);
     runInBackground(
         this,
         [directory, catalog, files, stop, progress, meaningProgress]() mutable {
