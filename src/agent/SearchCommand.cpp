@@ -43,11 +43,11 @@ int runSearch(const QStringList& arguments, AgentIo& io) {
     if (!repository) return printError(io, repository.error());
     auto search = NoteSearchService::open(catalogPathFor(*options));
     if (!search) return printError(io, search.error());
+    (*search)->keepSnapshotsBesideCatalog();
     // A keyword search needs no vectors: it neither embeds notes nor loads them.
     if (*mode == NoteSearchMode::keyword) {
         if (auto synced = (*search)->catalog().synchronize(*repository); !synced) return printError(io, synced.error());
     } else {
-        (*search)->keepVectorsBesideCatalog();
         showProgressOnTerminal((*search)->catalog(), io);
         if (auto synced = (*search)->synchronize(*repository); !synced) return printError(io, synced.error());
     }
@@ -64,7 +64,7 @@ int runSync(const QStringList& arguments, AgentIo& io) {
     if (!repository) return printError(io, repository.error());
     auto search = NoteSearchService::open(catalogPathFor(*options));
     if (!search) return printError(io, search.error());
-    (*search)->keepVectorsBesideCatalog();
+    (*search)->keepSnapshotsBesideCatalog();
     showProgressOnTerminal((*search)->catalog(), io);
     auto indexed = (*search)->synchronize(*repository);
     if (!indexed) return printError(io, indexed.error());

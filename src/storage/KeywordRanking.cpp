@@ -1,5 +1,6 @@
 #include "KeywordRanking.h"
 
+#include <QtEndian>
 #include <sqlite3.h>
 
 #include <algorithm>
@@ -145,6 +146,48 @@ Result<KeywordRankingSnapshot> KeywordRankingSnapshot::load(SqliteDatabase& db) 
         snapshot.titleEnds_.push_back(snapshot.titles_.size());
         snapshot.tokenCounts_.push_back(sumOfVarints(use.blob(2)));
     }
+    return snapshot;
+}
+
+// Layout: count (u32), then count rowids (i64), token counts (i32) and title
+// ends (i64), then the titles; all little-endian.
+QByteArray KeywordRankingSnapshot::serialised() const {
+    const auto count = static_cast<qsizetype>(rowids_.size());
+    QByteArray out(4 + count * (8 + 4 + 8) + titles_.size(), Qt::Uninitialized);
+    char* at = out.data();
+    qToLittleEndian(static_cast<quint32>(count), at);
+    at += 4;
+    qToLittleEndian<qint64>(rowids_.data(), count, at);
+    at += 8 * count;
+    qToLittleEndian<qint32>(tokenCounts_.data(), count, at);
+    at += 4 * count;
+    qToLittleEndian<qint64>(titleEnds_.data(), count, at);
+    at += 8 * count;
+    std::memcpy(at, titles_.constData(), static_cast<size_t>(titles_.size()));
+    return out;
+}
+
+std::optional<KeywordRankingSnapshot> KeywordRankingSnapshot::fromSerialised(QByteArrayView bytes) {
+    if (bytes.size() < 4) return std::nullopt;
+    const qsizetype count = qFromLittleEndian<quint32>(bytes.data());
+    const qsizetype fixed = 4 + count * (8 + 4 + 8);
+    if (bytes.size() < fixed) return std::nullopt;
+    KeywordRankingSnapshot snapshot;
+    snapshot.rowids_.resize(static_cast<size_t>(count));
+    snapshot.tokenCounts_.resize(static_cast<size_t>(count));
+    snapshot.titleEnds_.resize(static_cast<size_t>(count));
+    const char* at = bytes.data() + 4;
+    qFromLittleEndian<qint64>(at, count, snapshot.rowids_.data());
+    at += 8 * count;
+    qFromLittleEndian<qint32>(at, count, snapshot.tokenCounts_.data());
+    at += 4 * count;
+    qFromLittleEndian<qint64>(at, count, snapshot.titleEnds_.data());
+    snapshot.titles_ = bytes.sliced(fixed).toByteArray();
+    const bool ordered = std::is_sorted(snapshot.rowids_.begin(), snapshot.rowids_.end()) &&
+                         std::is_sorted(snapshot.titleEnds_.begin(), snapshot.titleEnds_.end()) &&
+                         (count == 0 ? snapshot.titles_.isEmpty() : snapshot.titleEnds_.back() == snapshot.titles_.size()) &&
+                         (count == 0 || snapshot.titleEnds_.front() >= 0);
+    if (!ordered) return std::nullopt;
     return snapshot;
 }
 

@@ -5,6 +5,7 @@
 
 #include <QByteArray>
 #include <QtGlobal>
+#include <optional>
 #include <span>
 #include <vector>
 
@@ -21,6 +22,10 @@ class SqliteDatabase;
 class KeywordRankingSnapshot {
 public:
     static Result<KeywordRankingSnapshot> load(SqliteDatabase& db);
+    // As bytes and back, for a file beside the catalog; bytes that are not a
+    // whole, ordered snapshot read as nothing.
+    QByteArray serialised() const;
+    static std::optional<KeywordRankingSnapshot> fromSerialised(QByteArrayView bytes);
 
     // The position of `rowid` at or after `from`, or -1 if it has no metadata
     // row. Cheap when rowids are looked up in ascending order.

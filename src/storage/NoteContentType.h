@@ -20,9 +20,9 @@ QString displayName(NoteContentType type);
 // "md", "html", "tldr": used when a note of this type is created.
 QString preferredExtension(NoteContentType type);
 // Exact (case-sensitive) match against the recognised extensions; none for any other.
-std::optional<NoteContentType> noteContentTypeFromPathExtension(const QString& extension);
+std::optional<NoteContentType> noteContentTypeFromPathExtension(QStringView extension);
 // The content type of a file name or identifier, from the text after its last ".".
-std::optional<NoteContentType> noteContentTypeForFileName(const QString& name);
+std::optional<NoteContentType> noteContentTypeForFileName(QStringView name);
 
 inline const QString sketchUniformTypeIdentifier = QStringLiteral("com.bellam.notes.tldraw");
 

@@ -9,8 +9,13 @@
 #include <unistd.h>
 
 #include <optional>
+#include <cstring>
+#include <algorithm>
+#include <string>
+#include <string_view>
 #include <thread>
 
+#include "NoteContentType.h"
 #include "NotePathPolicy.h"
 
 namespace mossly {
@@ -21,9 +26,27 @@ FileTime fileTime(const struct timespec& time) {
 
 namespace {
 
-// Entries of a folder are stat'ed on all cores: in a large library the
-// kernel's per-file lookup is most of a warm synchronisation.
-constexpr size_t parallelStatThreshold = 512;
+// Whether a file name ends in a note extension, on its raw bytes. A name in
+// another script can still lower-case to one; those go on to the full check.
+bool hasNoteExtension(const char* name) {
+    const char* dot = std::strrchr(name, '.');
+    if (!dot) return false;
+    const char* extension = dot + 1;
+    for (const char* c = extension; *c; ++c) {
+        if (static_cast<unsigned char>(*c) >= 0x80) return true;
+    }
+    const auto lowered = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    for (const std::string_view known : {"md", "markdown", "html", "htm", "tldr"}) {
+        const std::string_view candidate(extension);
+        if (std::ranges::equal(candidate, known, [&](char a, char b) { return lowered(a) == b; })) return true;
+    }
+    return false;
+}
+
+// A folder's names are read in one pass; checking and stat'ing them runs on
+// all cores: in a large library the kernel's per-file lookup and the checks
+// of each name are most of a warm synchronisation.
+constexpr size_t parallelThreshold = 512;
 
 class Scanner {
 public:
@@ -38,53 +61,71 @@ public:
             ::close(fd);
             return fail(Error::system(error, displayPath));
         }
-        struct Candidate {
-            QByteArray name;
-            QString identifier;
-            std::optional<NoteFileMetadata> found;
+        // Every name back to back, each followed by its NUL: one buffer, not one allocation a name.
+        std::string names;
+        struct Entry {
+            size_t offset;
+            unsigned char type;
         };
-        std::vector<Candidate> files;
-        std::vector<std::pair<QByteArray, QString>> folders;
+        std::vector<Entry> entries;
         while (dirent* entry = ::readdir(dir)) {
             if (entry->d_name[0] == '.') continue;  // hidden, ".", ".."
-            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
-            const QString identifier = prefix + decoder(QByteArrayView(entry->d_name));
-            if (decoder.hasError()) continue;
-            unsigned char type = entry->d_type;
-            if (type == DT_UNKNOWN) {
-                struct stat info {};
-                if (::fstatat(::dirfd(dir), entry->d_name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                type = S_ISDIR(info.st_mode) ? DT_DIR : S_ISREG(info.st_mode) ? DT_REG : DT_LNK;
-            }
-            if (type == DT_DIR) {
-                folders.emplace_back(QByteArray(entry->d_name), identifier);
-            } else if (type == DT_REG && policy_.validated(identifier)) {
-                files.push_back({QByteArray(entry->d_name), identifier, std::nullopt});
-            }
+            if (entry->d_type != DT_DIR && entry->d_type != DT_REG && entry->d_type != DT_UNKNOWN) continue;
+            entries.push_back({names.size(), entry->d_type});
+            names.append(entry->d_name).push_back('\0');
         }
         const int parent = ::dirfd(dir);
-        const auto statRange = [&](size_t from, size_t to) {
+        struct Share {
+            std::vector<NoteFileMetadata> notes;
+            std::vector<std::pair<QByteArray, QString>> folders;
+        };
+        const auto examine = [&](size_t from, size_t to, Share& share) {
+            QStringDecoder decoder(QStringDecoder::Utf8, QStringDecoder::Flag::Stateless);
             for (size_t i = from; i < to; ++i) {
+                const char* name = names.data() + entries[i].offset;
+                unsigned char type = entries[i].type;
+                // Most files of a folder are notes; other names are dropped before any decoding or lookup.
+                if (type == DT_REG && !hasNoteExtension(name)) continue;
+                const QString identifier = prefix + decoder(QByteArrayView(name));
+                if (decoder.hasError()) {
+                    decoder.resetState();
+                    continue;
+                }
+                if (type == DT_REG && !policy_.accepts(identifier)) continue;
                 struct stat info {};
-                if (::fstatat(parent, files[i].name.constData(), &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
-                if (!S_ISREG(info.st_mode)) continue;
-                files[i].found = NoteFileMetadata{files[i].identifier, *noteContentTypeForFileName(files[i].identifier),
-                                                  fileTime(info.st_mtim), static_cast<qint64>(info.st_size)};
+                if (type == DT_DIR) {
+                    share.folders.emplace_back(QByteArray(name), identifier);
+                    continue;
+                }
+                if (::fstatat(parent, name, &info, AT_SYMLINK_NOFOLLOW) != 0) continue;
+                if (S_ISDIR(info.st_mode)) {
+                    share.folders.emplace_back(QByteArray(name), identifier);
+                    continue;
+                }
+                if (!S_ISREG(info.st_mode) || !policy_.accepts(identifier)) continue;
+                share.notes.push_back({identifier, *noteContentTypeForFileName(identifier), fileTime(info.st_mtim),
+                                       static_cast<qint64>(info.st_size)});
             }
         };
-        const size_t workers = files.size() >= parallelStatThreshold
+        const size_t workers = entries.size() >= parallelThreshold
                                    ? std::max<size_t>(1, std::thread::hardware_concurrency())
                                    : 1;
+        std::vector<Share> shares(workers);
         {
             std::vector<std::jthread> threads;
-            const size_t share = (files.size() + workers - 1) / workers;
+            const size_t each = (entries.size() + workers - 1) / workers;
+            const auto range = [&](size_t w) {
+                return std::pair(std::min(entries.size(), w * each), std::min(entries.size(), (w + 1) * each));
+            };
             for (size_t w = 1; w < workers; ++w) {
-                threads.emplace_back(statRange, std::min(files.size(), w * share), std::min(files.size(), (w + 1) * share));
+                threads.emplace_back([&, w] { examine(range(w).first, range(w).second, shares[w]); });
             }
-            statRange(0, std::min(files.size(), share));
+            examine(range(0).first, range(0).second, shares[0]);
         }
-        for (Candidate& file : files) {
-            if (file.found) out_.push_back(std::move(*file.found));
+        std::vector<std::pair<QByteArray, QString>> folders;
+        for (Share& share : shares) {
+            std::move(share.notes.begin(), share.notes.end(), std::back_inserter(out_));
+            std::move(share.folders.begin(), share.folders.end(), std::back_inserter(folders));
         }
         for (const auto& [name, identifier] : folders) {
             const int child = ::openat(parent, name.constData(), O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);

@@ -11,6 +11,7 @@ namespace mossly {
 // outside the repository passes through here first.
 class NotePathPolicy {
 public:
+    bool accepts(QStringView identifier) const;
     // The identifier unchanged when acceptable, else `invalidIdentifier`.
     Result<QString> validated(const QString& identifier) const;
     // The absolute file path of the identifier inside `directory`; fails unless

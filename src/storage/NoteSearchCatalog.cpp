@@ -13,6 +13,8 @@
 
 #include <sqlite3.h>
 
+#include "CatalogSideFile.h"
+#include "NoteListingDigest.h"
 #include "NoteRepository.h"
 #include "NotePrefetcher.h"
 #include "NoteSearchCatalogStatements.h"
@@ -93,6 +95,9 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         {&statements->rollback, "ROLLBACK"},
         {&statements->count, CatalogSql::count},
         {&statements->fingerprints, CatalogSql::fingerprints},
+        {&statements->state, CatalogSql::state},
+        {&statements->storeListing, CatalogSql::storeListing},
+        {&statements->markSemanticComplete, CatalogSql::markSemanticComplete},
         {&statements->deleteMetadata, CatalogSql::deleteMetadata},
         {&statements->deleteFts, CatalogSql::deleteFts},
         {&statements->deleteSemantic, CatalogSql::deleteSemantic},
@@ -147,13 +152,82 @@ Result<const KeywordRankingSnapshot*> NoteSearchCatalog::currentRankingSnapshot(
     if (!row) return fail(row.error());
     const qint64 version = *row ? use.integer(0) : 0;
     if (!rankingSnapshot_ || version != rankingDataVersion_ || writes_ != rankingWrites_) {
-        auto loaded = KeywordRankingSnapshot::load(*db_);
-        if (!loaded) return fail(loaded.error());
-        rankingSnapshot_ = std::move(*loaded);
+        auto loaded = loadRankingSnapshot();
+        if (!loaded) return loaded;
         rankingDataVersion_ = version;
         rankingWrites_ = writes_;
     }
     return &*rankingSnapshot_;
+}
+
+// Called inside a read transaction, so the stamp and the rows agree.
+Result<const KeywordRankingSnapshot*> NoteSearchCatalog::loadRankingSnapshot() {
+    static constexpr QByteArrayView magic = "MOSSRANK1";
+    std::optional<Generation> stamped;
+    if (keepsSnapshotFiles_) {
+        auto state = readState();
+        if (!state) return fail(state.error());
+        stamped = state->generation;
+        auto kept = CatalogSideFile::read(rankingFilePath(url_), magic);
+        if (kept && kept->stamp == stamped->keywordStamp()) {
+            if (auto snapshot = KeywordRankingSnapshot::fromSerialised(kept->payload)) {
+                rankingSnapshot_ = std::move(*snapshot);
+                return &*rankingSnapshot_;
+            }
+        }
+    }
+    auto loaded = KeywordRankingSnapshot::load(*db_);
+    if (!loaded) return fail(loaded.error());
+    rankingSnapshot_ = std::move(*loaded);
+    if (stamped) CatalogSideFile::write(rankingFilePath(url_), magic, stamped->keywordStamp(), rankingSnapshot_->serialised());
+    return &*rankingSnapshot_;
+}
+
+QString NoteSearchCatalog::Generation::keywordStamp() const {
+    return catalogIdentifier + u':' + QString::number(keyword);
+}
+
+QString NoteSearchCatalog::Generation::stamp() const { return keywordStamp() + u':' + QString::number(semantic); }
+
+Result<NoteSearchCatalog::State> NoteSearchCatalog::readState() {
+    auto use = statements_->state->use();
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    if (!*row) return fail(Error::catalogUnavailable(QStringLiteral("The catalog has no state row.")));
+    const auto optionalInteger = [&](int column) {
+        return use.optionalText(column) ? std::optional(use.integer(column)) : std::nullopt;
+    };
+    return State{{use.text(0), use.integer(1), use.integer(2)},
+                 use.blob(3),
+                 optionalInteger(4),
+                 optionalInteger(5),
+                 optionalInteger(6)};
+}
+
+Result<NoteSearchCatalog::Generation> NoteSearchCatalog::generation() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    auto state = readState();
+    if (!state) return fail(state.error());
+    return state->generation;
+}
+
+Result<bool> NoteSearchCatalog::linksIntact() {
+    auto metadata = db_->prepare(QString::fromLatin1(CatalogSql::metadataRowids));
+    if (!metadata) return fail(metadata.error());
+    auto fullText = db_->prepare(QString::fromLatin1(CatalogSql::fullTextRowids));
+    if (!fullText) return fail(fullText.error());
+    auto left = (*metadata)->use();
+    auto right = (*fullText)->use();
+    for (;;) {
+        auto leftRow = left.step();
+        if (!leftRow) return fail(leftRow.error());
+        auto rightRow = right.step();
+        if (!rightRow) return fail(rightRow.error());
+        if (*leftRow != *rightRow) return false;
+        if (!*leftRow) return true;
+        if (left.integer(0) != right.integer(0)) return false;
+    }
 }
 
 NoteSearchCatalog::NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db,
@@ -260,12 +334,9 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         // nothing and inserts could collide: the catalog is a cache, so it is
         // emptied and rebuilt from the notes.
         if (!linksVerified_) {
-            auto check = db_->prepare(QString::fromLatin1(CatalogSql::brokenLinks));
-            if (!check) return fail(check.error());
-            auto use = (*check)->use();
-            auto row = use.step();
-            if (!row) return fail(row.error());
-            if (*row && use.integer(0) > 0) {
+            auto intact = linksIntact();
+            if (!intact) return fail(intact.error());
+            if (!*intact) {
                 ++writes_;
                 fingerprints_.reset();
                 for (const char* sql : CatalogSql::clearKeywordRows) {
@@ -274,6 +345,16 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             }
             linksVerified_ = true;
         }
+        // A catalog that recorded the digest of this very listing, with no
+        // change to its rows since, mirrors the folder: nothing to read.
+        auto state = readState();
+        if (!state) return fail(state.error());
+        NoteListingDigest listed;
+        for (const NoteFileMetadata& entry : *listing) {
+            listed.add(entry.identifier, secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize);
+        }
+        if (state->listingGeneration == state->generation.keyword && state->listingDigest == listed.bytes()) return 0;
+
         // The fingerprints are kept between synchronisations and read again
         // only when another connection changed the catalog.
         auto version = statements_->dataVersion->use();
@@ -381,26 +462,25 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
             ++indexed;
         }
         if (progress_ && total > 0) progress_(total, total);
+        // What the rows now mirror: notes that could not be read are left
+        // out, so the next listing differs and they are tried again.
+        NoteListingDigest held;
+        for (auto it = known.cbegin(); it != known.cend(); ++it) held.add(it.key(), it->modificationTime, it->fileSize);
+        auto use = statements_->storeListing->use();
+        Result<void> stored = use.bind(1, held.bytes());
+        if (stored) stored = use.run();
+        if (!stored) return fail(stored.error());
         return indexed;
     });
-    if (synchronized) fingerprints_ = std::move(working);
+    if (synchronized && working) fingerprints_ = std::move(working);
     return synchronized;
 }
 
 Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& repository,
                                                     const NoteSemanticProvider& semantic, std::stop_token stop) {
-    QStringList missing;
-    {
-        std::lock_guard guard(lock_);
-        if (auto open = requireOpen(); !open) return open;
-        auto use = statements_->missingSemantic->use();
-        for (;;) {
-            auto row = use.step();
-            if (!row) return fail(row.error());
-            if (!*row) break;
-            missing.append(use.text(0));
-        }
-    }
+    auto found = notesWithoutSemanticRows();
+    if (!found) return fail(found.error());
+    const QStringList missing = std::move(*found);
     lastSemanticCount_ = 0;
     const int total = static_cast<int>(missing.size());
     for (int done = 0; done < total; ++done) {
@@ -439,7 +519,43 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
         ++lastSemanticCount_;
     }
     if (semanticProgress_ && total > 0) semanticProgress_(total, total);
+    // Checked again, to mark the catalog complete once every note is embedded.
+    if (total > 0 && lastSemanticCount_ == total) {
+        if (auto again = notesWithoutSemanticRows(); !again) return fail(again.error());
+    }
     return {};
+}
+
+Result<QStringList> NoteSearchCatalog::notesWithoutSemanticRows() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    QStringList missing;
+    std::optional<Generation> checked;
+    {
+        ReadTransaction reading(*this);
+        auto state = readState();
+        if (!state) return fail(state.error());
+        if (state->completeKeywordGeneration == state->generation.keyword &&
+            state->completeSemanticGeneration == state->generation.semantic) {
+            return missing;
+        }
+        auto use = statements_->missingSemantic->use();
+        for (;;) {
+            auto row = use.step();
+            if (!row) return fail(row.error());
+            if (!*row) break;
+            missing.append(use.text(0));
+        }
+        checked = state->generation;
+    }
+    if (missing.isEmpty()) {
+        // A hint for the next check; if another process wrote since, it is simply not set.
+        auto use = statements_->markSemanticComplete->use();
+        Result<void> marked = use.bind(1, checked->keyword);
+        if (marked) marked = use.bind(2, checked->semantic);
+        if (marked) (void)use.run();
+    }
+    return missing;
 }
 
 Result<std::vector<std::pair<QString, QString>>> NoteSearchCatalog::revisions() {
@@ -539,8 +655,10 @@ Result<void> NoteSearchCatalog::deleteCatalog() {
 }
 
 Result<void> NoteSearchCatalog::deleteCache(const QString& url) {
-    // "-vectors": meaning search's vectors, kept beside the catalog by one-shot commands.
-    for (const QString& path : {url, url + QStringLiteral("-wal"), url + QStringLiteral("-shm"), url + QStringLiteral("-vectors")}) {
+    // "-vectors" and "-ranking": meaning search's vectors and the ranking snapshot,
+    // kept beside the catalog by one-shot commands.
+    for (const QString& path : {url, url + QStringLiteral("-wal"), url + QStringLiteral("-shm"),
+                                url + QStringLiteral("-vectors"), rankingFilePath(url)}) {
         if (::unlink(QFile::encodeName(path).constData()) != 0 && errno != ENOENT) {
             return fail(Error::catalogUnavailable(QString::fromLocal8Bit(std::strerror(errno)) + QStringLiteral(": ") + path));
         }

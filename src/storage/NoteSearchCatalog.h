@@ -95,6 +95,25 @@ public:
     // Changes when another connection commits (SQLite's data_version).
     Result<qint64> dataVersion();
 
+    // Where the catalog's rows are at: the generations count every change to
+    // the keyword rows and to the semantic rows, by any program; the catalog's
+    // identifier is new whenever the file is. Something derived from the rows
+    // and tagged with a stamp is still exact while the stamp is the same.
+    struct Generation {
+        QString catalogIdentifier;
+        qint64 keyword = 0;
+        qint64 semantic = 0;
+        QString stamp() const;
+        QString keywordStamp() const;
+    };
+    Result<Generation> generation();
+
+    // Keeps the keyword ranking snapshot in a file beside the catalog between
+    // runs. For one-shot commands, which would otherwise build it from every
+    // row each time.
+    void keepSnapshotsBesideCatalog() { keepsSnapshotFiles_ = true; }
+    static QString rankingFilePath(const QString& url) { return url + QStringLiteral("-ranking"); }
+
     // Closes the database and removes its files; later calls fail with "Database is closed.".
     Result<void> deleteCatalog();
     // Removes a catalog file and its "-wal" and "-shm" companions.
@@ -111,6 +130,19 @@ private:
     Result<void> synchronizeSemantic(const NoteRepository& repository, const NoteSemanticProvider& semantic,
                                      std::stop_token stop);
     Result<void> deleteRows(const QString& identifier);
+    struct State {
+        Generation generation;
+        QByteArray listingDigest;
+        std::optional<qint64> listingGeneration;
+        std::optional<qint64> completeKeywordGeneration, completeSemanticGeneration;
+    };
+    Result<State> readState();
+    // Whether every full-text row has its metadata row and the other way round.
+    Result<bool> linksIntact();
+    // Notes whose current revision has no semantic rows. Marks the catalog
+    // complete when there are none, so that the next check reads only its state.
+    Result<QStringList> notesWithoutSemanticRows();
+    Result<const KeywordRankingSnapshot*> loadRankingSnapshot();
     template <typename Body>
     auto inTransaction(Body&& body) -> decltype(body());
 
@@ -153,6 +185,7 @@ private:
     Progress progress_;  // checked once per open catalog (see synchronizeKeywords)
     Progress semanticProgress_;
     int lastSemanticCount_ = 0;
+    bool keepsSnapshotFiles_ = false;
 };
 
 }  // namespace mossly

@@ -24,7 +24,38 @@ inline const char* const schema[] = {
     "    chunk_index INTEGER NOT NULL,\n    chunk_text TEXT NOT NULL,\n    vector BLOB NOT NULL,\n"
     "    PRIMARY KEY (identifier, chunk_index)\n)",
     "CREATE INDEX IF NOT EXISTS note_semantic_revision ON note_semantic(identifier, revision)",
+    // What the catalog is at: its generations count every change to its
+    // keyword and semantic rows, by any program, through the triggers below.
+    // Files derived from the catalog are tagged with them, and the listing
+    // digest says which folder listing the keyword rows mirror.
+    "CREATE TABLE IF NOT EXISTS catalog_state (\n    singleton INTEGER PRIMARY KEY CHECK (singleton = 1),\n"
+    "    catalog_id TEXT NOT NULL,\n    keyword_generation INTEGER NOT NULL DEFAULT 0,\n"
+    "    semantic_generation INTEGER NOT NULL DEFAULT 0,\n    listing_digest BLOB,\n    listing_generation INTEGER,\n"
+    "    complete_keyword_generation INTEGER,\n    complete_semantic_generation INTEGER\n)",
+    "INSERT OR IGNORE INTO catalog_state (singleton, catalog_id) VALUES (1, lower(hex(randomblob(16))))",
+    "CREATE TRIGGER IF NOT EXISTS note_metadata_inserted AFTER INSERT ON note_metadata\n"
+    "BEGIN UPDATE catalog_state SET keyword_generation = keyword_generation + 1; END",
+    "CREATE TRIGGER IF NOT EXISTS note_metadata_updated AFTER UPDATE ON note_metadata\n"
+    "BEGIN UPDATE catalog_state SET keyword_generation = keyword_generation + 1; END",
+    "CREATE TRIGGER IF NOT EXISTS note_metadata_deleted AFTER DELETE ON note_metadata\n"
+    "BEGIN UPDATE catalog_state SET keyword_generation = keyword_generation + 1; END",
+    "CREATE TRIGGER IF NOT EXISTS note_semantic_inserted AFTER INSERT ON note_semantic\n"
+    "BEGIN UPDATE catalog_state SET semantic_generation = semantic_generation + 1; END",
+    "CREATE TRIGGER IF NOT EXISTS note_semantic_updated AFTER UPDATE ON note_semantic\n"
+    "BEGIN UPDATE catalog_state SET semantic_generation = semantic_generation + 1; END",
+    "CREATE TRIGGER IF NOT EXISTS note_semantic_deleted AFTER DELETE ON note_semantic\n"
+    "BEGIN UPDATE catalog_state SET semantic_generation = semantic_generation + 1; END",
 };
+
+inline const char* const state =
+    "SELECT catalog_id, keyword_generation, semantic_generation, listing_digest, listing_generation,\n"
+    "       complete_keyword_generation, complete_semantic_generation\nFROM catalog_state";
+inline const char* const storeListing =
+    "UPDATE catalog_state SET listing_digest = ?, listing_generation = keyword_generation";
+// Only if nothing changed since the check that found every note embedded.
+inline const char* const markSemanticComplete =
+    "UPDATE catalog_state SET complete_keyword_generation = ?1, complete_semantic_generation = ?2\n"
+    "WHERE keyword_generation = ?1 AND semantic_generation = ?2";
 
 inline const char* const count = "SELECT COUNT(*) FROM note_metadata";
 inline const char* const fingerprints = "SELECT identifier, modification_time, file_size FROM note_metadata";
@@ -39,14 +70,11 @@ inline const char* const insertMetadata =
 // metadata row, and found through that (indexed) row; the scan remains the
 // fallback for a row that does not follow the link.
 inline const char* const metadataRowid = "SELECT rowid FROM note_metadata WHERE identifier = ?";
-// Rows whose link is broken: full-text rows without their metadata row, and the
-// other way round. Read from the full-text table's row sizes, not its content:
-// every process that opens the catalog runs this, and the content is the notes' text.
-inline const char* const brokenLinks =
-    "SELECT (SELECT count(*) FROM note_fts_docsize AS d LEFT JOIN note_metadata AS m ON m.rowid = d.id\n"
-    "        WHERE m.rowid IS NULL)\n"
-    "     + (SELECT count(*) FROM note_metadata AS m LEFT JOIN note_fts_docsize AS d ON d.id = m.rowid\n"
-    "        WHERE d.id IS NULL)";
+// Both sides of the link between metadata rows and full-text rows, in rowid
+// order: they must be the same rowids. Read from the full-text table's row
+// sizes, not its content: every process that opens the catalog checks this.
+inline const char* const metadataRowids = "SELECT rowid FROM note_metadata ORDER BY rowid";
+inline const char* const fullTextRowids = "SELECT id FROM note_fts_docsize ORDER BY id";
 inline const char* const clearKeywordRows[] = {"DELETE FROM note_fts", "DELETE FROM note_metadata"};
 inline const char* const deleteLinkedFts = "DELETE FROM note_fts WHERE rowid = ? AND identifier = ?";
 inline const char* const insertLinkedFts = "INSERT INTO note_fts (rowid, identifier, title, body) VALUES (?, ?, ?, ?)";
@@ -104,7 +132,7 @@ namespace mossly {
 
 struct NoteSearchCatalog::Statements {
     std::unique_ptr<SqliteStatement> begin, beginRead, commit, rollback, dataVersion;
-    std::unique_ptr<SqliteStatement> count, fingerprints;
+    std::unique_ptr<SqliteStatement> count, fingerprints, state, storeListing, markSemanticComplete;
     std::unique_ptr<SqliteStatement> deleteMetadata, deleteFts, deleteSemantic;
     std::unique_ptr<SqliteStatement> insertMetadata;
     std::unique_ptr<SqliteStatement> metadataRowid, deleteLinkedFts, insertLinkedFts;

@@ -220,7 +220,7 @@ TEST_F(MeaningSearchTest, VectorsKeptBesideTheCatalogAreTrustedOnlyWhereCurrent)
     // What a run with the file answers, and what reading every vector from the catalog answers.
     const auto oneShot = [&](const QString& query) {
         auto s = service();
-        s->keepVectorsBesideCatalog();
+        s->keepSnapshotsBesideCatalog();
         EXPECT_TRUE(s->synchronize(repository));
         return search(*s, query, NoteSearchMode::meaning);
     };

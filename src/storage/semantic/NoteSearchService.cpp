@@ -1,10 +1,11 @@
 #include "NoteSearchService.h"
 
-#include <QFile>
 #include <QHash>
-#include <QSaveFile>
 #include <QSet>
+#include <QtEndian>
 #include <algorithm>
+
+#include "CatalogSideFile.h"
 
 namespace mossly {
 
@@ -18,6 +19,8 @@ constexpr double keywordHalf = 10.0;
 constexpr double meaningOnlyFloor = 0.2;
 // Candidates taken from each side beyond the limit.
 constexpr qint64 extraCandidates = 20;
+// Notes without vectors (u32), then the vectors.
+constexpr QByteArrayView vectorsFileMagic = "MOSSVEC1";
 
 bool titleHoldsQuery(const QString& title, const QString& trimmedQuery) {
     return !trimmedQuery.isEmpty() && title.contains(trimmedQuery, Qt::CaseInsensitive);
@@ -69,7 +72,10 @@ Result<int> NoteSearchService::synchronize(const NoteRepository& repository, std
     return indexed;
 }
 
-void NoteSearchService::keepVectorsBesideCatalog() { keepsVectorsFile_ = true; }
+void NoteSearchService::keepSnapshotsBesideCatalog() {
+    keepsVectorsFile_ = true;
+    catalog_->keepSnapshotsBesideCatalog();
+}
 
 Result<int> NoteSearchService::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {
     auto indexed = catalog_->synchronize(repository, nullptr, stop);
@@ -93,18 +99,32 @@ Result<void> NoteSearchService::refreshVectors(bool always) {
         if (*version == refreshedDataVersion_) return {};
     }
     const QString vectorsFile = vectorsFilePath(catalog_->url());
-    if (keepsVectorsFile_ && !loaded_) {
-        // What another run left: checked against the catalog's revisions below,
-        // so a stale or foreign file costs a rebuild, never a wrong answer.
-        QFile file(vectorsFile);
-        if (file.open(QIODevice::ReadOnly)) {
-            const uchar* mapped = file.map(0, file.size());
-            if (mapped) {
-                auto kept = SemanticVectorIndex::fromSerialised(
-                    QByteArrayView(reinterpret_cast<const char*>(mapped), file.size()), embedder_->dimension());
-                if (kept) {
-                    std::unique_lock writing(indexLock_);
-                    *index_ = std::move(*kept);
+    // Read before the rows: what the rows say afterwards is at least this recent,
+    // so a file tagged with it is never newer than its tag.
+    std::optional<NoteSearchCatalog::Generation> stamped;
+    if (keepsVectorsFile_) {
+        auto generation = catalog_->generation();
+        if (!generation) return std::unexpected(generation.error());
+        stamped = *generation;
+    }
+    if (stamped && !loaded_) {
+        // What another run left. Tagged with the catalog's present stamp, it is
+        // the catalog's vectors exactly; otherwise it is a start, checked
+        // against the revisions below, so a stale file costs reading the
+        // changed notes' vectors, never a wrong answer.
+        if (auto kept = CatalogSideFile::read(vectorsFile, vectorsFileMagic); kept && kept->payload.size() >= 4) {
+            const QByteArrayView payload(kept->payload);
+            auto index = SemanticVectorIndex::fromSerialised(payload.sliced(4), embedder_->dimension());
+            if (index) {
+                std::unique_lock writing(indexLock_);
+                *index_ = std::move(*index);
+                if (kept->stamp == stamped->stamp()) {
+                    auto version = catalog_->dataVersion();
+                    if (!version) return std::unexpected(version.error());
+                    notesWithoutVectors_ = qFromLittleEndian<quint32>(payload.data());
+                    refreshedDataVersion_ = *version;
+                    loaded_ = true;
+                    return {};
                 }
             }
         }
@@ -148,13 +168,11 @@ Result<void> NoteSearchService::refreshVectors(bool always) {
     notesWithoutVectors_ = without;
     refreshedDataVersion_ = *version;
     loaded_ = true;
-    if (keepsVectorsFile_ && (!held.isEmpty() || !changes.empty())) {
-        // Only a cache: a failed write costs the next run time, nothing else.
-        QSaveFile file(vectorsFile);
-        if (file.open(QIODevice::WriteOnly)) {
-            file.write(index_->serialised());
-            file.commit();
-        }
+    if (stamped) {
+        QByteArray payload(4, Qt::Uninitialized);
+        qToLittleEndian(static_cast<quint32>(without), payload.data());
+        payload += index_->serialised();
+        CatalogSideFile::write(vectorsFile, vectorsFileMagic, stamped->stamp(), payload);
     }
     return {};
 }

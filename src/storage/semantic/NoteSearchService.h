@@ -58,10 +58,11 @@ public:
     // Bytes of vectors held in memory.
     size_t vectorBytes() const;
 
-    // Keeps the vectors in memory in a file beside the catalog between runs,
-    // read before the catalog and rewritten when they changed. For one-shot
-    // commands, which would otherwise read every vector from SQLite each time.
-    void keepVectorsBesideCatalog();
+    // Keeps the vectors in memory, and the catalog its ranking snapshot, in
+    // files beside the catalog between runs, tagged with the catalog's
+    // generation. For one-shot commands, which would otherwise read every
+    // vector and build the snapshot from every row each time.
+    void keepSnapshotsBesideCatalog();
     static QString vectorsFilePath(const QString& catalogPath) { return catalogPath + QStringLiteral("-vectors"); }
 
 private:
