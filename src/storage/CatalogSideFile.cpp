@@ -3,20 +3,44 @@
 #include <QFile>
 #include <QSaveFile>
 #include <QtEndian>
+#include <fcntl.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace mossly::CatalogSideFile {
 
 // Layout: magic, stamp length (u32 little-endian), stamp (UTF-8), payload.
+
+namespace {
+
+struct Mapping {
+    void* address = MAP_FAILED;
+    size_t size = 0;
+    ~Mapping() {
+        if (address != MAP_FAILED) ::munmap(address, size);
+    }
+};
+
+}  // namespace
+
 std::optional<Contents> read(const QString& path, QByteArrayView magic) {
-    QFile file(path);
-    if (!file.open(QIODevice::ReadOnly)) return std::nullopt;
-    const QByteArray bytes = file.readAll();
+    const int fd = ::open(QFile::encodeName(path).constData(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    struct stat info {};
+    auto mapping = std::make_shared<Mapping>();
+    if (::fstat(fd, &info) == 0 && info.st_size > 0) {
+        mapping->size = static_cast<size_t>(info.st_size);
+        mapping->address = ::mmap(nullptr, mapping->size, PROT_READ, MAP_PRIVATE | MAP_POPULATE, fd, 0);
+    }
+    ::close(fd);
+    if (mapping->address == MAP_FAILED) return std::nullopt;
+    const QByteArrayView bytes(static_cast<const char*>(mapping->address), static_cast<qsizetype>(mapping->size));
     if (!bytes.startsWith(magic) || bytes.size() < magic.size() + 4) return std::nullopt;
-    const qsizetype stampSize = qFromLittleEndian<quint32>(bytes.constData() + magic.size());
+    const qsizetype stampSize = qFromLittleEndian<quint32>(bytes.data() + magic.size());
     const qsizetype payloadStart = magic.size() + 4 + stampSize;
     if (bytes.size() < payloadStart) return std::nullopt;
-    return Contents{QString::fromUtf8(bytes.constData() + magic.size() + 4, stampSize),
-                    bytes.sliced(payloadStart)};
+    return Contents{QString::fromUtf8(bytes.data() + magic.size() + 4, stampSize), mapping, bytes.sliced(payloadStart)};
 }
 
 void write(const QString& path, QByteArrayView magic, const QString& stamp, QByteArrayView payload) {

@@ -2,6 +2,7 @@
 
 #include <QByteArray>
 #include <QString>
+#include <memory>
 #include <optional>
 
 namespace mossly {
@@ -15,10 +16,11 @@ namespace CatalogSideFile {
 
 struct Contents {
     QString stamp;
-    QByteArray payload;
+    std::shared_ptr<const void> owner;  // keeps `payload` readable
+    QByteArrayView payload;
 };
-// What the file holds, if it is there and of this kind (`magic`); the caller
-// compares the stamp with the catalog's.
+// What the file holds, if it is there and of this kind (`magic`), mapped into
+// memory rather than copied; the caller compares the stamp with the catalog's.
 std::optional<Contents> read(const QString& path, QByteArrayView magic);
 void write(const QString& path, QByteArrayView magic, const QString& stamp, QByteArrayView payload);
 

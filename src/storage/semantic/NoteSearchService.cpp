@@ -19,7 +19,7 @@ constexpr double keywordHalf = 10.0;
 constexpr double meaningOnlyFloor = 0.2;
 // Candidates taken from each side beyond the limit.
 constexpr qint64 extraCandidates = 20;
-// Notes without vectors (u32), then the vectors.
+// The vectors, then how many notes have none (u32).
 constexpr QByteArrayView vectorsFileMagic = "MOSSVEC1";
 
 bool titleHoldsQuery(const QString& title, const QString& trimmedQuery) {
@@ -113,15 +113,15 @@ Result<void> NoteSearchService::refreshVectors(bool always) {
         // against the revisions below, so a stale file costs reading the
         // changed notes' vectors, never a wrong answer.
         if (auto kept = CatalogSideFile::read(vectorsFile, vectorsFileMagic); kept && kept->payload.size() >= 4) {
-            const QByteArrayView payload(kept->payload);
-            auto index = SemanticVectorIndex::fromSerialised(payload.sliced(4), embedder_->dimension());
+            const QByteArrayView payload = kept->payload;
+            auto index = SemanticVectorIndex::inPlace(kept->owner, payload.chopped(4), embedder_->dimension());
             if (index) {
                 std::unique_lock writing(indexLock_);
                 *index_ = std::move(*index);
                 if (kept->stamp == stamped->stamp()) {
                     auto version = catalog_->dataVersion();
                     if (!version) return std::unexpected(version.error());
-                    notesWithoutVectors_ = qFromLittleEndian<quint32>(payload.data());
+                    notesWithoutVectors_ = qFromLittleEndian<quint32>(payload.data() + payload.size() - 4);
                     refreshedDataVersion_ = *version;
                     loaded_ = true;
                     return {};
@@ -169,9 +169,10 @@ Result<void> NoteSearchService::refreshVectors(bool always) {
     refreshedDataVersion_ = *version;
     loaded_ = true;
     if (stamped) {
-        QByteArray payload(4, Qt::Uninitialized);
-        qToLittleEndian(static_cast<quint32>(without), payload.data());
-        payload += index_->serialised();
+        QByteArray payload = index_->serialised();
+        char count[4];
+        qToLittleEndian(static_cast<quint32>(without), count);
+        payload.append(count, 4);
         CatalogSideFile::write(vectorsFile, vectorsFileMagic, stamped->stamp(), payload);
     }
     return {};

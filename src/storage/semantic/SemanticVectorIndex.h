@@ -3,6 +3,7 @@
 #include <QByteArray>
 #include <QHash>
 #include <QString>
+#include <memory>
 #include <optional>
 #include <span>
 #include <vector>
@@ -22,9 +23,9 @@ public:
     void remove(const QString& identifier);
     // The revision whose vectors are held, or an empty string.
     QString revision(const QString& identifier) const;
-    bool contains(const QString& identifier) const { return positions_.contains(identifier); }
-    qsizetype noteCount() const { return positions_.size(); }
-    QStringList identifiers() const { return positions_.keys(); }
+    bool contains(const QString& identifier) const;
+    qsizetype noteCount() const;
+    QStringList identifiers() const;
 
     struct Hit {
         QString identifier;
@@ -44,6 +45,11 @@ public:
     // that are not a whole index of this dimension read as nothing.
     QByteArray serialised() const;
     static std::optional<SemanticVectorIndex> fromSerialised(QByteArrayView bytes, int dimension);
+    // The same without copying or parsing: the index searches `bytes` where
+    // they are (kept alive by `owner`) and parses them only on its first change.
+    // What a one-shot search needs, with no time to build anything.
+    static std::optional<SemanticVectorIndex> inPlace(std::shared_ptr<const void> owner, QByteArrayView bytes,
+                                                      int dimension);
 
 private:
     struct Note {
@@ -52,16 +58,34 @@ private:
         std::vector<qint8> codes;  // chunk count × dimension
         std::vector<float> scales;
     };
+    // Serialised bytes searched in place; see `inPlace`.
+    struct Frozen {
+        std::shared_ptr<const void> owner;
+        quint32 noteCount = 0;
+        const char* table = nullptr;    // per note: identifier and revision (offset, size), first chunk, chunks
+        const char* strings = nullptr;  // UTF-8
+        const char* scales = nullptr;   // little-endian floats
+        const qint8* codes = nullptr;
+        QByteArrayView whole;
+        quint32 field(quint32 note, int column) const;
+        QByteArrayView identifier(quint32 note) const;
+        std::optional<quint32> find(const QString& identifier) const;
+    };
     struct QuantisedQuery {
         std::vector<qint8> codes;
         float scale;
     };
     QuantisedQuery quantised(std::span<const float> query) const;
-    std::pair<double, int> best(const Note& note, const QuantisedQuery& query) const;
+    // The best chunk of `chunks` chunks at `codes`, scaled by `scaleOf(chunk)`.
+    template <typename ScaleOf>
+    std::pair<double, int> best(const qint8* codes, size_t chunks, ScaleOf scaleOf, const QuantisedQuery& query) const;
+    std::optional<std::pair<double, int>> bestOf(const QString& identifier, const QuantisedQuery& query) const;
+    void thaw();
 
     int dimension_;
     std::vector<Note> notes_;
     QHash<QString, qsizetype> positions_;
+    std::optional<Frozen> frozen_;
 };
 
 }  // namespace mossly
