@@ -115,8 +115,10 @@ set(CPACK_DEBIAN_PACKAGE_SECTION editors)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
 set(CPACK_DEBIAN_PACKAGE_HOMEPAGE ${MOSSLY_HOMEPAGE_URL})
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
-# QtWebEngineProcess shows HTML notes and sketches; DejaVu is the text font the app sets.
-set(CPACK_DEBIAN_PACKAGE_DEPENDS "libqt6webenginecore6-bin, fonts-dejavu-core")
+# QtWebEngineProcess shows HTML notes and sketches; DejaVu is the text font the app sets. The Granola
+# import opens libcurl (with CURLOPT_PROTOCOLS_STR, 7.85) and libsecret when it runs instead of linking
+# them, so dpkg-shlibdeps cannot see them.
+set(CPACK_DEBIAN_PACKAGE_DEPENDS "libqt6webenginecore6-bin, fonts-dejavu-core, libcurl4 (>= 7.85.0), libsecret-1-0")
 # Math in notes (STIX), opening links and folders (xdg-open), meeting audio (an audio server).
 set(CPACK_DEBIAN_PACKAGE_RECOMMENDS "fonts-stix, xdg-utils, pipewire-pulse | pulseaudio")
 # A keyring keeps the Granola key between sessions.

@@ -38,8 +38,10 @@ int runImportGranola(const QStringList& arguments, AgentIo& io) {
     std::optional<QString> key;
     if (const QString fromEnvironment = qEnvironmentVariable(granolaKeyVariable); !fromEnvironment.isEmpty()) {
         key = fromEnvironment;
-    } else if (SecretServiceKeyStore::isAvailable()) {
+    } else if (const auto keyring = SecretServiceKeyStore::reachable()) {
         key = SecretServiceKeyStore().key();
+    } else if (keyring.error().code() == Error::Code::libraryUnavailable) {
+        return printError(io, keyring.error());
     }
     if (!key) {
         return printError(io, Error::invalidArgument(QStringLiteral("No Granola API key: set %1, or save the key in "

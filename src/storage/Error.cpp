@@ -114,6 +114,14 @@ Error Error::agentClientConfiguration(const QString& description) {
     return {Code::agentClientConfiguration, description};
 }
 
+Error Error::libraryUnavailable(const QString& fileName, const QString& package, const QString& reason) {
+    return {Code::libraryUnavailable,
+            QStringLiteral("A library Mossly needs for this is missing: %1 could not be loaded (%2). Install the "
+                           "package %3 and try again.")
+                .arg(fileName, reason, package),
+            fileName};
+}
+
 Error Error::invalidArgument(const QString& description) { return {Code::invalidArgument, description}; }
 
 Error Error::unsavedEdits() {

@@ -43,6 +43,8 @@ public:
         // Agents
         agentAccessOff,
         agentClientConfiguration,
+        // A shared library loaded on first use is missing or too old.
+        libraryUnavailable,
         // A caller passed something the operation cannot take; the text says what.
         invalidArgument,
         // An operating-system call failed; `systemErrno()` holds errno.
@@ -77,6 +79,8 @@ public:
     static Error agentAccessOff();
     // An agent client's configuration could not be changed; the text says why.
     static Error agentClientConfiguration(const QString& description);
+    // `fileName` could not be loaded (`reason`); the text names the package to install.
+    static Error libraryUnavailable(const QString& fileName, const QString& package, const QString& reason);
     static Error invalidArgument(const QString& description);
     // The OS error for `errnoValue` (EIO when it is not a known code), naming `path`.
     static Error system(int errnoValue, const QString& path);

@@ -13,6 +13,7 @@
 #include "GranolaKeyStore.h"
 #include "FakeGranola.h"
 #include "GranolaSync.h"
+#include "RuntimeLibrary.h"
 #include "TestHttpServer.h"
 #include "TestSupport.h"
 
@@ -186,6 +187,65 @@ TEST_F(GranolaImportTest, TheCommandImportsWithTheKeyFromTheEnvironment) {
     out.clear();
     EXPECT_EQ(run("grn_good", out, err), 0);
     EXPECT_TRUE(out.startsWith(QStringLiteral(R"({"imported":["Budget review.md"],"updated":[])"))) << out.toStdString();
+    EXPECT_TRUE(folder.exists(QStringLiteral("Budget review.md")));
+    qunsetenv(granolaKeyVariable);
+    qunsetenv("MOSSLY_GRANOLA_API_URL");
+}
+
+// Stands `replacement` in for a library for one test, whatever the test's outcome.
+class MissingLibrary {
+public:
+    explicit MissingLibrary(const QString& fileName) : fileName_(fileName) {
+        RuntimeLibrary::substitute(fileName_, QStringLiteral("libmossly-test-missing.so.0"));
+    }
+    ~MissingLibrary() { RuntimeLibrary::substitute(fileName_, {}); }
+
+private:
+    QString fileName_;
+};
+
+TEST_F(GranolaImportTest, TheCommandSaysWhichLibraryIsMissingAndWritesNothing) {
+    granola.add("not_a", "Budget review", "2026-11-20T10:00:00Z", "s");
+    qputenv("MOSSLY_GRANOLA_API_URL", QStringLiteral("http://127.0.0.1:%1").arg(server.port()).toUtf8());
+    const auto run = [&](QString& err) {
+        QString out;
+        QTextStream outStream(&out), errStream(&err);
+        QBuffer in;
+        in.open(QIODevice::ReadOnly);
+        agent::AgentIo io{outStream, errStream, in};
+        const int code = agent::runAgent({"import-granola", "--notes-dir", folder.path()}, io);
+        errStream.flush();
+        return code;
+    };
+    {
+        const MissingLibrary curl(QStringLiteral("libcurl.so.4"));
+        qputenv(granolaKeyVariable, "grn_good");
+        QString err;
+        EXPECT_EQ(run(err), 1);
+        EXPECT_TRUE(err.contains(QStringLiteral("libcurl.so.4 could not be loaded"))) << err.toStdString();
+        EXPECT_TRUE(err.contains(QStringLiteral("Install the package libcurl4"))) << err.toStdString();
+        EXPECT_TRUE(noteFiles().isEmpty());
+        EXPECT_FALSE(folder.exists(GranolaImportManifest::fileName));
+    }
+    {
+        // Without a key in the environment the keyring is asked, through libsecret.
+        const MissingLibrary secret(QStringLiteral("libsecret-1.so.0"));
+        qunsetenv(granolaKeyVariable);
+        QString err;
+        EXPECT_EQ(run(err), 1);
+        EXPECT_TRUE(err.contains(QStringLiteral("libsecret-1.so.0 could not be loaded"))) << err.toStdString();
+        EXPECT_TRUE(err.contains(QStringLiteral("Install the package libsecret-1-0"))) << err.toStdString();
+        SecretServiceKeyStore keyring;
+        EXPECT_EQ(keyring.key(), std::nullopt);
+        const auto stored = keyring.store(QStringLiteral("grn_good"));
+        ASSERT_FALSE(stored);
+        EXPECT_EQ(stored.error().code(), Error::Code::libraryUnavailable);
+        EXPECT_FALSE(SecretServiceKeyStore::isAvailable());
+    }
+    // With the libraries back the same command imports.
+    qputenv(granolaKeyVariable, "grn_good");
+    QString err;
+    EXPECT_EQ(run(err), 0) << err.toStdString();
     EXPECT_TRUE(folder.exists(QStringLiteral("Budget review.md")));
     qunsetenv(granolaKeyVariable);
     qunsetenv("MOSSLY_GRANOLA_API_URL");

@@ -26,7 +26,8 @@ field() { dpkg-deb --field "$deb" "$1"; }
 check "name, version and architecture" test "$(field Package) $(field Version) $(field Architecture)" \
     = "mossly $version $(dpkg --print-architecture)"
 # Libraries found by dpkg-shlibdeps, plus what the app runs without linking to it.
-for dependency in libqt6widgets6 libqt6webenginewidgets6 libsqlite3-0 libqt6webenginecore6-bin fonts-dejavu-core; do
+for dependency in libqt6widgets6 libqt6webenginewidgets6 libsqlite3-0 libqt6webenginecore6-bin fonts-dejavu-core \
+    libcurl4 libsecret-1-0; do
     check "depends on $dependency" grep -qE "(^|, )$dependency( |,|$)" <<<"$(field Depends)"
 done
 

@@ -3,8 +3,10 @@
 #include <QJsonDocument>
 #include <QUrl>
 #include <QUrlQuery>
-#include <curl/curl.h>
+#include <curl/curl.h>  // types and constants only: the functions come from RuntimeLibrary
 #include <thread>
+
+#include "RuntimeLibrary.h"
 
 namespace mossly {
 
@@ -12,6 +14,41 @@ namespace {
 
 using Code = GranolaError::Code;
 using namespace std::chrono;
+
+// The libcurl functions the client calls, typed exactly as libcurl declares
+// them (curl_easy_setopt and curl_easy_getinfo take variable arguments).
+struct Curl {
+    decltype(&curl_global_init) globalInit = nullptr;
+    decltype(&curl_easy_init) easyInit = nullptr;
+    decltype(&curl_easy_setopt) easySetopt = nullptr;
+    decltype(&curl_easy_perform) easyPerform = nullptr;
+    decltype(&curl_easy_getinfo) easyGetinfo = nullptr;
+    decltype(&curl_easy_cleanup) easyCleanup = nullptr;
+    decltype(&curl_slist_append) slistAppend = nullptr;
+    decltype(&curl_slist_free_all) slistFreeAll = nullptr;
+
+    static Result<Curl> load() {
+        auto library = RuntimeLibrary::open(QStringLiteral("libcurl.so.4"), QStringLiteral("libcurl4"));
+        if (!library) return fail(library.error());
+        Curl curl;
+        Result<void> bound;
+        const auto bind = [&](auto& function, const char* name) {
+            if (bound) bound = library->bind(function, name);
+        };
+        bind(curl.globalInit, "curl_global_init");
+        bind(curl.easyInit, "curl_easy_init");
+        bind(curl.easySetopt, "curl_easy_setopt");
+        bind(curl.easyPerform, "curl_easy_perform");
+        bind(curl.easyGetinfo, "curl_easy_getinfo");
+        bind(curl.easyCleanup, "curl_easy_cleanup");
+        bind(curl.slistAppend, "curl_slist_append");
+        bind(curl.slistFreeAll, "curl_slist_free_all");
+        if (!bound) return fail(bound.error());
+        static std::once_flag once;
+        std::call_once(once, [&] { curl.globalInit(CURL_GLOBAL_DEFAULT); });
+        return curl;
+    }
+};
 
 size_t collect(char* data, size_t size, size_t count, void* buffer) {
     static_cast<QByteArray*>(buffer)->append(data, static_cast<qsizetype>(size * count));
@@ -44,6 +81,7 @@ QString GranolaError::description() const {
         return QStringLiteral("Granola could not be reached. Check the internet connection and try again.");
     case Code::malformed:
         return QStringLiteral("Granola sent an answer Mossly could not read; nothing was imported from it.");
+    case Code::libraryUnavailable: return detail_;
     }
     return {};
 }
@@ -74,36 +112,36 @@ std::shared_ptr<GranolaRateLimiter> GranolaClient::realTimeLimiter() {
 }
 
 GranolaClient::GranolaClient(Options options, std::shared_ptr<GranolaRateLimiter> limiter)
-    : options_(std::move(options)), limiter_(std::move(limiter)) {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
+    : options_(std::move(options)), limiter_(std::move(limiter)) {}
 
 GranolaResult<QJsonObject> GranolaClient::get(const QString& pathAndQuery) {
     const QByteArray url = (options_.baseUrl + pathAndQuery).toUtf8();
     const QByteArray authorization = "Authorization: Bearer " + options_.apiKey.toUtf8();
+    const auto curlLibrary = Curl::load();
+    if (!curlLibrary) return std::unexpected(GranolaError::libraryUnavailable(curlLibrary.error()));
+    const Curl& libcurl = *curlLibrary;
     for (int attempt = 0;; ++attempt) {
         limiter_->acquire();
-        CURL* curl = curl_easy_init();
+        CURL* curl = libcurl.easyInit();
         if (!curl) return std::unexpected(GranolaError(Code::offline));
-        curl_slist* headers = curl_slist_append(nullptr, authorization.constData());
-        headers = curl_slist_append(headers, "Accept: application/json");
+        curl_slist* headers = libcurl.slistAppend(nullptr, authorization.constData());
+        headers = libcurl.slistAppend(headers, "Accept: application/json");
         QByteArray body;
         std::optional<int> retryAfter;
-        curl_easy_setopt(curl, CURLOPT_URL, url.constData());
-        curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-        curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-        curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-        curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
-        curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, &collect);
-        curl_easy_setopt(curl, CURLOPT_WRITEDATA, &body);
-        curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, &collectHeader);
-        curl_easy_setopt(curl, CURLOPT_HEADERDATA, &retryAfter);
-        const CURLcode result = curl_easy_perform(curl);
+        libcurl.easySetopt(curl, CURLOPT_URL, url.constData());
+        libcurl.easySetopt(curl, CURLOPT_HTTPHEADER, headers);
+        libcurl.easySetopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+        libcurl.easySetopt(curl, CURLOPT_NOSIGNAL, 1L);
+        libcurl.easySetopt(curl, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
+        libcurl.easySetopt(curl, CURLOPT_WRITEFUNCTION, &collect);
+        libcurl.easySetopt(curl, CURLOPT_WRITEDATA, &body);
+        libcurl.easySetopt(curl, CURLOPT_HEADERFUNCTION, &collectHeader);
+        libcurl.easySetopt(curl, CURLOPT_HEADERDATA, &retryAfter);
+        const CURLcode result = libcurl.easyPerform(curl);
         long status = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
-        curl_slist_free_all(headers);
-        curl_easy_cleanup(curl);
+        libcurl.easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        libcurl.slistFreeAll(headers);
+        libcurl.easyCleanup(curl);
 
         if (result != CURLE_OK) return std::unexpected(GranolaError(Code::offline));
         if (status == 429 || status == 503) {

@@ -8,6 +8,7 @@
 #include <functional>
 #include <mutex>
 
+#include "Error.h"
 #include "GranolaNote.h"
 
 namespace mossly {
@@ -15,14 +16,21 @@ namespace mossly {
 // Why talking to Granola failed; each case carries the text shown to the user.
 class GranolaError {
 public:
-    enum class Code { badKey, noAccess, notFound, rateLimited, server, offline, malformed };
+    enum class Code { badKey, noAccess, notFound, rateLimited, server, offline, malformed, libraryUnavailable };
     GranolaError(Code code, int status = 0) : code_(code), status_(status) {}  // NOLINT: a code is an error
+    // libcurl could not be loaded; `error` says what to install.
+    static GranolaError libraryUnavailable(const Error& error) {
+        GranolaError granola(Code::libraryUnavailable);
+        granola.detail_ = error.description();
+        return granola;
+    }
     Code code() const { return code_; }
     QString description() const;
 
 private:
     Code code_;
     int status_;
+    QString detail_;
 };
 
 template <typename T>
@@ -51,7 +59,9 @@ private:
 
 // The Granola public API over libcurl: the notes list (paged to the end, with
 // an updated-after filter) and single notes with their transcripts. 429
-// answers are waited out (Retry-After) a few times before giving up.
+// answers are waited out (Retry-After) a few times before giving up. libcurl
+// is loaded at the first request, so programs that link this client but never
+// talk to Granola do not load it at start-up.
 class GranolaClient {
 public:
     struct Options {

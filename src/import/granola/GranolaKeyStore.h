@@ -19,15 +19,17 @@ public:
     virtual bool isPersistent() const = 0;
 };
 
-// The keyring through libsecret; fails with a clear text when no Secret Service runs.
+// The keyring through libsecret, which is loaded on first use; fails with a
+// clear text when libsecret is missing or no Secret Service runs.
 class SecretServiceKeyStore : public GranolaKeyStore {
 public:
     std::optional<QString> key() const override;
     Result<void> store(const QString& key) override;
     Result<void> forget() override;
     bool isPersistent() const override { return true; }
-    // Whether a Secret Service answers on the session bus.
-    static bool isAvailable();
+    // Whether a Secret Service answers on the session bus; the error says why not.
+    static Result<void> reachable();
+    static bool isAvailable() { return reachable().has_value(); }
 };
 
 // For this session only.

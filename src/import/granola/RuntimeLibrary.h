@@ -1,0 +1,44 @@
+#pragma once
+
+#include <QString>
+
+#include "Error.h"
+
+namespace mossly {
+
+// A shared library opened when a feature first needs it instead of when the
+// program starts, so that commands which never use it do not pay for loading
+// it and everything it depends on. An opened library stays loaded for the life
+// of the process: libcurl, gnutls and GObject cannot be unloaded safely.
+class RuntimeLibrary {
+public:
+    // Opens `fileName` (a soname such as "libcurl.so.4"). The error says which
+    // Debian package provides it.
+    static Result<RuntimeLibrary> open(const QString& fileName, const QString& package);
+
+    // Points `function` at the symbol `name`, looked up in this library and in
+    // the libraries it loaded. `Function` must be the symbol's exact type
+    // (take it with decltype from the library's header).
+    template <typename Function>
+    Result<void> bind(Function& function, const char* name) const {
+        auto address = lookUp(name);
+        if (!address) return fail(address.error());
+        function = reinterpret_cast<Function>(*address);
+        return {};
+    }
+
+    // Tests make a library look missing by opening `replacement` in its place;
+    // an empty replacement restores the real one.
+    static void substitute(const QString& fileName, const QString& replacement);
+
+private:
+    RuntimeLibrary(void* handle, QString fileName, QString package)
+        : handle_(handle), fileName_(std::move(fileName)), package_(std::move(package)) {}
+    Result<void*> lookUp(const char* name) const;
+
+    void* handle_;
+    QString fileName_;
+    QString package_;
+};
+
+}  // namespace mossly
