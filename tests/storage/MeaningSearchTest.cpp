@@ -272,6 +272,43 @@ TEST(SemanticVectorIndex, ReadsBackWhatItWroteAndNothingElse) {
     EXPECT_FALSE(SemanticVectorIndex::fromSerialised(bytes + "x", 3));
 }
 
+// Read in place, the index answers as the parsed one does, refuses bytes whose
+// references point outside, and takes changes after it is first searched.
+TEST(SemanticVectorIndex, SearchesBytesInPlaceUntilItChanges) {
+    SemanticVectorIndex index(3);
+    index.put("b.md", "r1", {{1, 0, 0}, {0, 0.6, 0.8}});
+    index.put("a.md", "r2", {{0, -1, 0}});
+    index.put("é.md", "r3", {{0, 0, 1}});
+    const QByteArray bytes = index.serialised();
+    auto owner = std::make_shared<const QByteArray>(bytes);
+    auto frozen = SemanticVectorIndex::inPlace(owner, *owner, 3);
+    ASSERT_TRUE(frozen);
+    const float query[] = {0, 0.6f, 0.8f};
+    const auto hits = frozen->nearest(query, 2);
+    ASSERT_EQ(hits.size(), 2u);
+    EXPECT_EQ(hits[0].identifier, "b.md");
+    EXPECT_EQ(hits[1].identifier, "é.md");
+    EXPECT_EQ(frozen->revision("a.md"), "r2");
+    EXPECT_FALSE(frozen->contains("c.md"));
+    EXPECT_NEAR(frozen->score("é.md", query)->score, 0.8, 0.02);
+    EXPECT_EQ(frozen->serialised(), bytes);
+
+    frozen->put("c.md", "r4", {{0, 0.6, 0.8}});
+    frozen->remove("b.md");
+    EXPECT_EQ(frozen->noteCount(), 3);
+    EXPECT_EQ(frozen->nearest(query, 1).front().identifier, "c.md");
+    EXPECT_EQ(frozen->revision("é.md"), "r3");
+
+    // The header is 24 bytes, then six numbers a note: point the first note's
+    // identifier outside the strings, then swap two identifiers' order.
+    QByteArray outside = bytes;
+    outside[24] = char(0x7f);
+    EXPECT_FALSE(SemanticVectorIndex::fromSerialised(outside, 3));
+    QByteArray unsorted = bytes;
+    std::swap_ranges(unsorted.begin() + 24, unsorted.begin() + 24 + 8, unsorted.begin() + 48);
+    EXPECT_FALSE(SemanticVectorIndex::fromSerialised(unsorted, 3));
+}
+
 // The evaluation set: paraphrased queries that share no word with their note.
 TEST_F(MeaningSearchTest, ParaphrasesFindTheirNotes) {
     QFile file(QStringLiteral(MOSSLY_TEST_DATA_DIR "/meaning-evaluation.json"));

@@ -172,6 +172,86 @@ TEST_F(NoteSearchCatalogTest, ACatalogWhoseRowidsDriftedHealsItself) {
     EXPECT_EQ(sync(*catalog), 0) << "healed once, then in step";
 }
 
+// A catalog that mirrors the folder's listing skips reading its own rows; it
+// must still notice rows that another program changed, and notes it could not read.
+TEST_F(NoteSearchCatalogTest, AnUnchangedListingStillCatchesChangesToTheRows) {
+    folder.write(QStringLiteral("a.md"), "# Alpha\nriver");
+    folder.write(QStringLiteral("b.md"), "# Beta\nriver stone");
+    LineChunker chunker;
+    {
+        auto catalog = openCatalog();
+        ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+        EXPECT_EQ(chunker.calls, 2);
+    }
+    const auto exec = [&](const char* sql) {
+        sqlite3* db = nullptr;
+        ASSERT_EQ(sqlite3_open(QFile::encodeName(catalogPath).constData(), &db), SQLITE_OK);
+        ASSERT_EQ(sqlite3_exec(db, sql, nullptr, nullptr, nullptr), SQLITE_OK) << sqlite3_errmsg(db);
+        sqlite3_close(db);
+    };
+    // Both of a note's rows gone, links intact: only the note's fingerprint is missing.
+    exec("DELETE FROM note_fts WHERE rowid = (SELECT rowid FROM note_metadata WHERE identifier = 'a.md');"
+         "DELETE FROM note_metadata WHERE identifier = 'a.md'");
+    auto catalog = openCatalog();
+    EXPECT_EQ(sync(*catalog), 1);
+    EXPECT_EQ(catalog->search(QStringLiteral("river"), 10)->results.size(), 2u);
+    EXPECT_EQ(sync(*catalog), 0);
+
+    // Vectors removed by another program are made again.
+    exec("DELETE FROM note_semantic WHERE identifier = 'b.md'");
+    const int before = chunker.calls;
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(chunker.calls, before + 1);
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    EXPECT_EQ(chunker.calls, before + 1) << "complete again: nothing to embed";
+
+    // A note that cannot be read is tried again, and indexed once it can be.
+    folder.write(QStringLiteral("latin1.md"), "caf\xe9");
+    EXPECT_EQ(sync(*catalog), 0);
+    EXPECT_EQ(catalog->count(), 2);
+    folder.write(QStringLiteral("latin1.md"), "caf\xc3\xa9, longer");
+    EXPECT_EQ(sync(*catalog), 1);
+    EXPECT_EQ(catalog->count(), 3);
+}
+
+// One-shot commands keep the ranking snapshot in a file tagged with the
+// catalog's generation: trusted while current, rebuilt when stale or damaged.
+TEST_F(NoteSearchCatalogTest, ARankingSnapshotKeptBesideTheCatalogIsUsedOnlyWhileCurrent) {
+    folder.write(QStringLiteral("a.md"), "# River\nstone");
+    folder.write(QStringLiteral("b.md"), "# Stone\nriver bank river");
+    const auto results = [&](bool keepFile) {
+        auto catalog = openCatalog();
+        if (keepFile) catalog->keepSnapshotsBesideCatalog();
+        sync(*catalog);
+        QStringList found;
+        const auto response = catalog->search(QStringLiteral("river"), 10);
+        for (const auto& result : response->results) {
+            found.append(result.identifier + u'|' + QString::number(result.score));
+        }
+        return found;
+    };
+    const QStringList first = results(true);
+    ASSERT_EQ(first.size(), 2);
+    const QString kept = NoteSearchCatalog::rankingFilePath(catalogPath);
+    ASSERT_TRUE(QFile::exists(kept));
+    EXPECT_EQ(results(true), first);
+
+    // Another process adds a note with the word in its title: the file is stale.
+    folder.write(QStringLiteral("c.md"), "# River delta\nsilt");
+    EXPECT_EQ(sync(*openCatalog()), 1);
+    const QStringList reference = results(false);
+    ASSERT_EQ(reference.size(), 3);
+    EXPECT_EQ(results(true), reference);
+
+    QFile file(kept);
+    ASSERT_TRUE(file.open(QIODevice::ReadWrite));
+    file.resize(file.size() - 3);
+    file.close();
+    EXPECT_EQ(results(true), reference);
+    ASSERT_TRUE(NoteSearchCatalog::deleteCache(catalogPath));
+    EXPECT_FALSE(QFile::exists(kept));
+}
+
 TEST_F(NoteSearchCatalogTest, CancelledSynchronisationRollsBack) {
     folder.write(QStringLiteral("a.md"), "alpha");
     auto catalog = openCatalog();
