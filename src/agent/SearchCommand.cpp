@@ -44,14 +44,8 @@ int runSearch(const QStringList& arguments, AgentIo& io) {
     auto search = NoteSearchService::open(catalogPathFor(*options));
     if (!search) return printError(io, search.error());
     (*search)->keepSnapshotsBesideCatalog();
-    // A keyword search needs no vectors: it neither embeds notes nor loads them.
-    if (*mode == NoteSearchMode::keyword) {
-        if (auto synced = (*search)->catalog().synchronize(*repository); !synced) return printError(io, synced.error());
-    } else {
-        showProgressOnTerminal((*search)->catalog(), io);
-        if (auto synced = (*search)->synchronize(*repository); !synced) return printError(io, synced.error());
-    }
-    auto response = (*search)->search(options->positional().front(), *mode, limit);
+    if (*mode != NoteSearchMode::keyword) showProgressOnTerminal((*search)->catalog(), io);
+    auto response = (*search)->searchUpToDate(*repository, options->positional().front(), *mode, limit);
     if (!response) return printError(io, response.error());
     return printJson(io, NoteSearch::toJson(*response));
 }

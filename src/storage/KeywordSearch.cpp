@@ -157,7 +157,7 @@ Result<Walk> topCandidates(NoteSearchCatalog::Statements& statements, const Prep
 
 }  // namespace
 
-Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint64 limit) {
+Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint64 limit, Excerpts excerpts) {
     const std::optional<PreparedQuery> prepared = prepareQuery(query, limit);
     if (!prepared) return NoteSearchResponse{};
     std::lock_guard guard(lock_);
@@ -284,18 +284,39 @@ Result<NoteSearchResponse> NoteSearchCatalog::search(const QString& query, qint6
     // Excerpts only for the rows returned.
     NoteSearchResponse response;
     for (Candidate& candidate : *top) {
-        auto snippet = statements_->matchSnippet->use();
-        Result<void> bound = snippet.bind(1, prepared->expression);
-        if (bound) bound = snippet.bind(2, candidate.rowid);
-        if (!bound) return fail(bound.error());
-        auto row = snippet.step();
-        if (!row) return fail(row.error());
-        candidate.result.excerpt = *row ? NoteSearch::clippedExcerpt(snippet.text(0)) : QString();
+        if (excerpts == Excerpts::included) {
+            auto excerpt = matchExcerpt(prepared->expression, candidate.rowid);
+            if (!excerpt) return fail(excerpt.error());
+            candidate.result.excerpt = std::move(*excerpt);
+        }
         candidate.result.keywordScore = keywordScore(candidate.bm25, candidate.bonus);
         candidate.result.score = candidate.result.keywordScore;
         response.results.push_back(std::move(candidate.result));
     }
     return response;
+}
+
+Result<QString> NoteSearchCatalog::matchExcerpt(const QString& expression, qint64 rowid) {
+    auto snippet = statements_->matchSnippet->use();
+    Result<void> bound = snippet.bind(1, expression);
+    if (bound) bound = snippet.bind(2, rowid);
+    if (!bound) return fail(bound.error());
+    auto row = snippet.step();
+    if (!row) return fail(row.error());
+    return *row ? NoteSearch::clippedExcerpt(snippet.text(0)) : QString();
+}
+
+Result<QString> NoteSearchCatalog::keywordExcerpt(const QString& query, const QString& identifier) {
+    const std::optional<PreparedQuery> prepared = prepareQuery(query, 1);
+    if (!prepared) return QString();
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    auto use = statements_->metadataRowid->use();
+    if (auto bound = use.bind(1, identifier); !bound) return fail(bound.error());
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    if (!*row) return QString();
+    return matchExcerpt(prepared->expression, use.integer(0));
 }
 
 Result<void> NoteSearchCatalog::scanMatches(const QString& expression, std::optional<qint64> rowid, bool presenceOnly,

@@ -56,6 +56,14 @@ bool isSkippableReadFailure(const Error& error) {
            error.code() == Error::Code::invalidEncoding;
 }
 
+QByteArray digestOf(const std::vector<NoteFileMetadata>& listing) {
+    NoteListingDigest digest;
+    for (const NoteFileMetadata& entry : listing) {
+        digest.add(entry.identifier, secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize);
+    }
+    return digest.bytes();
+}
+
 Result<std::unique_ptr<SqliteStatement>> prepare(SqliteDatabase& db, const char* sql) {
     return db.prepare(QString::fromUtf8(sql));
 }
@@ -212,6 +220,32 @@ Result<NoteSearchCatalog::Generation> NoteSearchCatalog::generation() {
     return state->generation;
 }
 
+Result<bool> NoteSearchCatalog::linksHold() {
+    if (linksVerified_) return true;
+    auto intact = linksIntact();
+    if (intact && *intact) linksVerified_ = true;
+    return intact;
+}
+
+Result<bool> NoteSearchCatalog::mirrors(const Listing& listing, const Generation& seen, bool withSemanticRows) {
+    const QByteArray listed = digestOf(listing);
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
+    ReadTransaction reading(*this);
+    auto state = readState();
+    if (!state) return fail(state.error());
+    const Generation& now = state->generation;
+    if (now.catalogIdentifier != seen.catalogIdentifier || now.keyword != seen.keyword || now.semantic != seen.semantic) {
+        return false;
+    }
+    if (state->listingGeneration != now.keyword || state->listingDigest != listed) return false;
+    if (withSemanticRows &&
+        (state->completeKeywordGeneration != now.keyword || state->completeSemanticGeneration != now.semantic)) {
+        return false;
+    }
+    return linksHold();
+}
+
 Result<bool> NoteSearchCatalog::linksIntact() {
     auto metadata = db_->prepare(QString::fromLatin1(CatalogSql::metadataRowids));
     if (!metadata) return fail(metadata.error());
@@ -295,8 +329,15 @@ Result<void> NoteSearchCatalog::deleteRows(const QString& identifier) {
 
 Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic,
                                            std::stop_token stop) {
+    auto listing = repository.enumerateMetadata(NoteRepository::ListingOrder::asFound);
+    if (!listing) return fail(listing.error());
+    return synchronize(repository, std::move(*listing), semantic, stop);
+}
+
+Result<int> NoteSearchCatalog::synchronize(const NoteRepository& repository, Listing listing,
+                                           const NoteSemanticProvider* semantic, std::stop_token stop) {
     std::lock_guard synchronizing(synchronizationLock_);
-    auto indexed = synchronizeKeywords(repository, stop);
+    auto indexed = synchronizeKeywords(repository, std::move(listing), stop);
     if (!indexed) return indexed;
     {
         // A catalog that has been searched gets its ranking snapshot renewed
@@ -321,10 +362,9 @@ Result<void> NoteSearchCatalog::synchronizeSemanticRows(const NoteRepository& re
     return synchronizeSemantic(repository, semantic, stop);
 }
 
-Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& repository, std::stop_token stop) {
-    auto listing = repository.enumerateMetadata(NoteRepository::ListingOrder::asFound);
-    if (!listing) return fail(listing.error());
-
+Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& repository, Listing listingRows,
+                                                   std::stop_token stop) {
+    const Listing* listing = &listingRows;
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
     std::unique_ptr<FingerprintCache> working;
@@ -334,7 +374,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         // nothing and inserts could collide: the catalog is a cache, so it is
         // emptied and rebuilt from the notes.
         if (!linksVerified_) {
-            auto intact = linksIntact();
+            auto intact = linksHold();
             if (!intact) return fail(intact.error());
             if (!*intact) {
                 ++writes_;
@@ -349,11 +389,7 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         // change to its rows since, mirrors the folder: nothing to read.
         auto state = readState();
         if (!state) return fail(state.error());
-        NoteListingDigest listed;
-        for (const NoteFileMetadata& entry : *listing) {
-            listed.add(entry.identifier, secondsSinceReferenceDate(entry.modifiedAt), entry.fileSize);
-        }
-        if (state->listingGeneration == state->generation.keyword && state->listingDigest == listed.bytes()) return 0;
+        if (state->listingGeneration == state->generation.keyword && state->listingDigest == digestOf(*listing)) return 0;
 
         // The fingerprints are kept between synchronisations and read again
         // only when another connection changed the catalog.

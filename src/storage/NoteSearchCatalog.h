@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Error.h"
+#include "StoredNote.h"
 #include "KeywordRanking.h"
 #include "NoteSearch.h"
 
@@ -66,14 +67,23 @@ public:
 
     Result<int> synchronize(const NoteRepository& repository, const NoteSemanticProvider* semantic = nullptr,
                             std::stop_token stop = {});
+    // The same with the folder listed already, a moment ago.
+    using Listing = std::vector<NoteFileMetadata>;
+    Result<int> synchronize(const NoteRepository& repository, Listing listing, const NoteSemanticProvider* semantic,
+                            std::stop_token stop = {});
     // Only the semantic rows of notes whose current revision has none. Runs
     // beside keyword synchronisations (each note in a transaction of its own),
     // so a long first embedding never holds up a search's keyword rows.
     Result<void> synchronizeSemanticRows(const NoteRepository& repository, const NoteSemanticProvider& semantic,
                                          std::stop_token stop = {});
 
-    // Ranked keyword search; `limit` is clamped to 0…500.
-    Result<NoteSearchResponse> search(const QString& query, qint64 limit);
+    // Ranked keyword search; `limit` is clamped to 0…500. Without excerpts,
+    // results carry none: for a caller that keeps only some of them and asks
+    // `keywordExcerpt` for those (each excerpt reads and tokenises a note's text).
+    enum class Excerpts { included, left };
+    Result<NoteSearchResponse> search(const QString& query, qint64 limit, Excerpts excerpts = Excerpts::included);
+    // The excerpt `search` gives a note found by `query`; empty if it no longer matches.
+    Result<QString> keywordExcerpt(const QString& query, const QString& identifier);
     // The same search run as one SQL statement over every matching row. Slower;
     // kept as the reference that `search` must agree with exactly.
     Result<NoteSearchResponse> searchWithReferenceStatement(const QString& query, qint64 limit);
@@ -107,6 +117,11 @@ public:
         QString keywordStamp() const;
     };
     Result<Generation> generation();
+    // Whether the catalog is still at `seen` and mirrors `listing`: every
+    // listed note indexed as listed and nothing else, its rows linked up and,
+    // `withSemanticRows`, every note embedded. Then synchronising would change
+    // nothing, and what was read from the catalog at `seen` is up to date.
+    Result<bool> mirrors(const Listing& listing, const Generation& seen, bool withSemanticRows);
 
     // Keeps the keyword ranking snapshot in a file beside the catalog between
     // runs. For one-shot commands, which would otherwise build it from every
@@ -126,7 +141,9 @@ public:
 private:
     NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db, std::unique_ptr<Statements> statements);
     Result<void> requireOpen() const;
-    Result<int> synchronizeKeywords(const NoteRepository& repository, std::stop_token stop);
+    Result<int> synchronizeKeywords(const NoteRepository& repository, Listing listing, std::stop_token stop);
+    // Whether the links were checked on this connection and hold, checking them once.
+    Result<bool> linksHold();
     Result<void> synchronizeSemantic(const NoteRepository& repository, const NoteSemanticProvider& semantic,
                                      std::stop_token stop);
     Result<void> deleteRows(const QString& identifier);
@@ -160,6 +177,8 @@ private:
     Result<const KeywordRankingSnapshot*> currentRankingSnapshot();
     // One pass over the matches of `expression` (or its one row `rowid`) into
     // `matchScan_` (or `rowScan_`); see PhraseFrequencyScan.
+    // The excerpt of full-text row `rowid` for a MATCH `expression`.
+    Result<QString> matchExcerpt(const QString& expression, qint64 rowid);
     Result<void> scanMatches(const QString& expression, std::optional<qint64> rowid, bool presenceOnly,
                              std::vector<qint64> wanted = {});
 

@@ -251,6 +251,39 @@ TEST_F(MeaningSearchTest, VectorsKeptBesideTheCatalogAreTrustedOnlyWhereCurrent)
     EXPECT_FALSE(QFile::exists(kept));
 }
 
+// A one-shot search runs while the folder is listed; its answer stands only
+// if the catalog turns out to have mirrored the folder all along.
+TEST_F(MeaningSearchTest, AOneShotSearchAnswersForTheFolderAsItIsNow) {
+    const auto oneShot = [&](const QString& query, NoteSearchMode mode) {
+        auto s = service();
+        s->keepSnapshotsBesideCatalog();
+        auto response = s->searchUpToDate(repository, query, mode, 20);
+        EXPECT_TRUE(response) << (response ? "" : response.error().description().toStdString());
+        return response ? identifiers(*response) : QStringList{"failed"};
+    };
+    folder.write("a.md", "# Garden\n\nPlanted tomatoes and basil in the raised bed.");
+    folder.write("b.md", "# Car\n\nOil change and new brake pads at the garage.");
+    for (const NoteSearchMode mode : {NoteSearchMode::keyword, NoteSearchMode::meaning, NoteSearchMode::hybrid}) {
+        EXPECT_EQ(oneShot(QStringLiteral("tomatoes"), mode).value(0), "a.md");
+    }
+    // Changed since the last run: a note rewritten, one removed, one added.
+    folder.write("b.md", "# Car\n\nThe mechanic also looked at the tomatoes in the boot, all of them.");
+    ASSERT_TRUE(QFile::remove(folder.filePath("a.md")));
+    folder.write("c.md", "# Salad\n\nTomatoes, cucumber and olive oil.");
+    EXPECT_EQ(oneShot(QStringLiteral("tomatoes"), NoteSearchMode::keyword), (QStringList{"c.md", "b.md"}));
+    EXPECT_EQ(oneShot(QStringLiteral("tomatoes"), NoteSearchMode::hybrid).value(0), "c.md");
+    EXPECT_FALSE(oneShot(QStringLiteral("vegetable garden"), NoteSearchMode::meaning).contains("a.md"));
+    // Changed by another process in between: the catalog is no longer what was read.
+    folder.write("d.md", "# Tomatoes\n\nA note about tomatoes, tomatoes and tomatoes.");
+    ASSERT_TRUE(service()->synchronize(repository));
+    EXPECT_EQ(oneShot(QStringLiteral("tomatoes"), NoteSearchMode::hybrid).value(0), "d.md");
+
+    // A folder that cannot be listed fails the search; nothing waits forever.
+    const NoteRepository missing(folder.filePath("c.md"));
+    auto s = service();
+    EXPECT_FALSE(s->searchUpToDate(missing, QStringLiteral("tomatoes"), NoteSearchMode::hybrid, 20));
+}
+
 TEST(SemanticVectorIndex, ReadsBackWhatItWroteAndNothingElse) {
     SemanticVectorIndex index(3);
     index.put("a.md", "r1", {{1, 0, 0}, {0, 0.6, 0.8}});

@@ -214,6 +214,26 @@ TEST_F(NoteSearchCatalogTest, AnUnchangedListingStillCatchesChangesToTheRows) {
     EXPECT_EQ(catalog->count(), 3);
 }
 
+// What a one-shot search read stands only if the catalog still is what it read
+// and mirrors the folder as listed.
+TEST_F(NoteSearchCatalogTest, ACatalogMirrorsAListingOnlyAtTheGenerationSeen) {
+    folder.write(QStringLiteral("a.md"), "alpha");
+    auto catalog = openCatalog();
+    LineChunker chunker;
+    ASSERT_TRUE(catalog->synchronize(repository, &chunker));
+    const auto listing = [&] { return *repository.enumerateMetadata(NoteRepository::ListingOrder::asFound); };
+    const auto seen = *catalog->generation();
+    EXPECT_TRUE(*catalog->mirrors(listing(), seen, true));
+
+    folder.write(QStringLiteral("b.md"), "beta, a new note");
+    EXPECT_FALSE(*catalog->mirrors(listing(), seen, false)) << "a note the catalog lacks";
+    ASSERT_TRUE(openCatalog()->synchronize(repository, nullptr));
+    EXPECT_FALSE(*catalog->mirrors(listing(), seen, false)) << "another process wrote since";
+    const auto now = *catalog->generation();
+    EXPECT_TRUE(*catalog->mirrors(listing(), now, false));
+    EXPECT_FALSE(*catalog->mirrors(listing(), now, true)) << "b.md has no vectors yet";
+}
+
 // One-shot commands keep the ranking snapshot in a file tagged with the
 // catalog's generation: trusted while current, rebuilt when stale or damaged.
 TEST_F(NoteSearchCatalogTest, ARankingSnapshotKeptBesideTheCatalogIsUsedOnlyWhileCurrent) {

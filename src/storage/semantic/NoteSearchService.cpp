@@ -4,8 +4,10 @@
 #include <QSet>
 #include <QtEndian>
 #include <algorithm>
+#include <future>
 
 #include "CatalogSideFile.h"
+#include "NoteRepository.h"
 
 namespace mossly {
 
@@ -200,6 +202,40 @@ Result<NoteSearchResponse> NoteSearchService::search(const QString& query, NoteS
     return hybridSearch(query, vector, limit);
 }
 
+Result<NoteSearchResponse> NoteSearchService::searchUpToDate(const NoteRepository& repository, const QString& query,
+                                                             NoteSearchMode mode, qint64 limit) {
+    auto listing = std::async(std::launch::async, [&repository] {
+        return repository.enumerateMetadata(NoteRepository::ListingOrder::asFound);
+    });
+    // Waits for the listing on every path out: it reads the repository.
+    const auto listed = [&listing]() -> Result<NoteSearchCatalog::Listing> { return listing.get(); };
+    const bool withVectors = mode != NoteSearchMode::keyword && embedder_;
+    auto seen = catalog_->generation();
+    if (!seen) {
+        (void)listed();
+        return std::unexpected(seen.error());
+    }
+    if (withVectors) {
+        if (auto refreshed = refreshVectors(); !refreshed) {
+            (void)listed();
+            return std::unexpected(refreshed.error());
+        }
+    }
+    auto early = search(query, mode, limit);
+    auto notes = listed();
+    if (!notes) return std::unexpected(notes.error());
+    auto current = catalog_->mirrors(*notes, *seen, withVectors);
+    if (!current) return std::unexpected(current.error());
+    if (*current) return early;
+
+    auto synced = catalog_->synchronize(repository, std::move(*notes), withVectors ? embedder_.get() : nullptr);
+    if (!synced) return std::unexpected(synced.error());
+    if (withVectors) {
+        if (auto refreshed = refreshVectors(); !refreshed) return std::unexpected(refreshed.error());
+    }
+    return search(query, mode, limit);
+}
+
 Result<NoteSearchResponse> NoteSearchService::meaningSearch(const std::vector<float>& query, qint64 limit) {
     NoteSearchResponse response;
     response.semanticAvailable = true;
@@ -231,7 +267,9 @@ Result<NoteSearchResponse> NoteSearchService::hybridSearch(const QString& query,
     NoteSearchResponse response;
     response.semanticAvailable = true;
     if (limit == 0) return response;
-    auto keyword = catalog_->search(query, std::min<qint64>(limit + extraCandidates, NoteSearch::maximumLimit));
+    // Candidates beyond the limit get no excerpt unless they are kept.
+    auto keyword = catalog_->search(query, std::min<qint64>(limit + extraCandidates, NoteSearch::maximumLimit),
+                                    NoteSearchCatalog::Excerpts::left);
     if (!keyword) return keyword;
     const bool meaningful = !isZero(vector);
 
@@ -280,6 +318,11 @@ Result<NoteSearchResponse> NoteSearchService::hybridSearch(const QString& query,
     });
     for (Ranked& entry : ranked) {
         if (static_cast<qint64>(response.results.size()) == limit) break;
+        if (seen.contains(entry.result.identifier)) {
+            auto excerpt = catalog_->keywordExcerpt(query, entry.result.identifier);
+            if (!excerpt) return std::unexpected(excerpt.error());
+            entry.result.excerpt = std::move(*excerpt);
+        }
         response.results.push_back(std::move(entry.result));
     }
     return response;

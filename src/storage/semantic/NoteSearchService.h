@@ -54,6 +54,14 @@ public:
     Result<void> refreshVectors(bool always = true);
 
     Result<NoteSearchResponse> search(const QString& query, NoteSearchMode mode, qint64 limit);
+    // A search over the catalog brought up to date with the folder, for a
+    // one-shot command. The folder is listed on another thread while the
+    // search runs on the catalog as it is; when the listing shows that the
+    // catalog was up to date (the usual case) that answer stands, otherwise
+    // the catalog is synchronised and the search runs again. A keyword search
+    // neither embeds notes nor loads vectors.
+    Result<NoteSearchResponse> searchUpToDate(const NoteRepository& repository, const QString& query,
+                                              NoteSearchMode mode, qint64 limit);
 
     // Bytes of vectors held in memory.
     size_t vectorBytes() const;
