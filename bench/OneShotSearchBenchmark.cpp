@@ -97,6 +97,8 @@ int main(int argc, char** argv) {
     const QString folder = QDir(QString::fromLocal8Bit(argv[2])).absolutePath();
     const QString work = QDir(QString::fromLocal8Bit(argv[3])).absolutePath();
     const int runs = argc > 4 ? std::atoi(argv[4]) : 60;
+    // A catalog from an earlier run would make the first run not a first run.
+    QDir(work + QStringLiteral("/cache")).removeRecursively();
     for (const char* name : {"home", "data", "cache", "config"}) QDir().mkpath(work + u'/' + QString::fromLatin1(name));
     qputenv("HOME", QFile::encodeName(work + QStringLiteral("/home")));
     qputenv("XDG_DATA_HOME", QFile::encodeName(work + QStringLiteral("/data")));
@@ -135,12 +137,16 @@ int main(int argc, char** argv) {
     out << QStringLiteral("| `--mode hybrid` after a note changed | p50 %1 ms, p95 %2 ms |\n")
                .arg(changed.p50, 0, 'f', 1)
                .arg(changed.p95, 0, 'f', 1);
+    // The yardstick of the keyword benchmarks: every word of the query as a pattern.
     std::vector<double> grep;
     for (const QString& query : queries) {
-        grep.push_back(runMilliseconds({QStringLiteral("rg"), QStringLiteral("-l"), QStringLiteral("-i"),
-                                        QStringLiteral("-e"), query.section(u' ', 0, 0), folder}));
+        QStringList command{QStringLiteral("rg"), QStringLiteral("-l"), QStringLiteral("-i")};
+        for (const QString& word : query.split(u' ', Qt::SkipEmptyParts)) command << QStringLiteral("-e") << word;
+        grep.push_back(runMilliseconds(command << folder));
     }
     const Percentiles rg = percentiles(grep);
-    out << QStringLiteral("| `rg -l -i WORD` on the same folder | p50 %1 ms, p95 %2 ms |\n").arg(rg.p50, 0, 'f', 1).arg(rg.p95, 0, 'f', 1);
+    out << QStringLiteral("| `rg -l -i -e WORD…` on the same folder | p50 %1 ms, p95 %2 ms |\n")
+               .arg(rg.p50, 0, 'f', 1)
+               .arg(rg.p95, 0, 'f', 1);
     return 0;
 }

@@ -85,16 +85,34 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         auto done = (*db)->executeRetryingWhileBusy(QString::fromUtf8(sql), busyTimeoutMs);
         if (!done) return fail(done.error());
     }
-    // One write transaction for the schema: taking the write lock up front lets the
-    // busy timeout arbitrate between processes creating the same catalog at once.
-    if (auto begun = (*db)->execute(QStringLiteral("BEGIN IMMEDIATE")); !begun) return fail(begun.error());
-    for (const char* sql : CatalogSql::schema) {
-        if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) {
-            (void)(*db)->execute(QStringLiteral("ROLLBACK"));
-            return fail(done.error());
-        }
+    // A catalog with the current schema is only read here: opening it must not
+    // wait for the write lock while another process indexes.
+    bool current = false;
+    {
+        auto version = (*db)->prepare(QStringLiteral("PRAGMA user_version"));
+        if (!version) return fail(version.error());
+        auto use = (*version)->use();
+        auto row = use.step();
+        if (!row) return fail(row.error());
+        current = *row && use.integer(0) == CatalogSql::schemaVersion;
     }
-    if (auto committed = (*db)->execute(QStringLiteral("COMMIT")); !committed) return fail(committed.error());
+    if (!current) {
+        // One write transaction for the schema: taking the write lock up front lets the
+        // busy timeout arbitrate between processes creating the same catalog at once.
+        if (auto begun = (*db)->execute(QStringLiteral("BEGIN IMMEDIATE")); !begun) return fail(begun.error());
+        for (const char* sql : CatalogSql::schema) {
+            if (auto done = (*db)->execute(QString::fromUtf8(sql)); !done) {
+                (void)(*db)->execute(QStringLiteral("ROLLBACK"));
+                return fail(done.error());
+            }
+        }
+        const QString stamp = QStringLiteral("PRAGMA user_version = %1").arg(CatalogSql::schemaVersion);
+        if (auto stamped = (*db)->execute(stamp); !stamped) {
+            (void)(*db)->execute(QStringLiteral("ROLLBACK"));
+            return fail(stamped.error());
+        }
+        if (auto committed = (*db)->execute(QStringLiteral("COMMIT")); !committed) return fail(committed.error());
+    }
 
     auto statements = std::make_unique<Statements>();
     const std::pair<std::unique_ptr<SqliteStatement>*, const char*> all[] = {
@@ -106,6 +124,8 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
         {&statements->state, CatalogSql::state},
         {&statements->storeListing, CatalogSql::storeListing},
         {&statements->markSemanticComplete, CatalogSql::markSemanticComplete},
+        {&statements->countKeywordInsertions, CatalogSql::countKeywordInsertions},
+        {&statements->countSemanticInsertions, CatalogSql::countSemanticInsertions},
         {&statements->deleteMetadata, CatalogSql::deleteMetadata},
         {&statements->deleteFts, CatalogSql::deleteFts},
         {&statements->deleteSemantic, CatalogSql::deleteSemantic},
@@ -500,6 +520,9 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
         if (progress_ && total > 0) progress_(total, total);
         // What the rows now mirror: notes that could not be read are left
         // out, so the next listing differs and they are tried again.
+        if (indexed > 0) {
+            if (auto counted = statements_->countKeywordInsertions->use().run(); !counted) return fail(counted.error());
+        }
         NoteListingDigest held;
         for (auto it = known.cbegin(); it != known.cend(); ++it) held.add(it.key(), it->modificationTime, it->fileSize);
         auto use = statements_->storeListing->use();
@@ -549,7 +572,7 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
                 if (bound) bound = insert.run();
                 if (!bound) return bound;
             }
-            return {};
+            return statements_->countSemanticInsertions->use().run();
         });
         if (!stored) return stored;
         ++lastSemanticCount_;
