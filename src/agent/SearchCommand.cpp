@@ -41,11 +41,15 @@ int runSearch(const QStringList& arguments, AgentIo& io) {
     }
     auto repository = repositoryFor(*options, io);
     if (!repository) return printError(io, repository.error());
+    auto listing = NoteSearchService::listInBackground(*repository);
     auto search = NoteSearchService::open(catalogPathFor(*options));
-    if (!search) return printError(io, search.error());
+    if (!search) {
+        listing.wait();
+        return printError(io, search.error());
+    }
     (*search)->keepSnapshotsBesideCatalog();
     if (*mode != NoteSearchMode::keyword) showProgressOnTerminal((*search)->catalog(), io);
-    auto response = (*search)->searchUpToDate(*repository, options->positional().front(), *mode, limit);
+    auto response = (*search)->searchUpToDate(*repository, std::move(listing), options->positional().front(), *mode, limit);
     if (!response) return printError(io, response.error());
     return printJson(io, NoteSearch::toJson(*response));
 }

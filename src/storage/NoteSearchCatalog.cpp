@@ -241,6 +241,8 @@ Result<NoteSearchCatalog::Generation> NoteSearchCatalog::generation() {
 }
 
 Result<bool> NoteSearchCatalog::linksHold() {
+    std::lock_guard guard(lock_);
+    if (auto open = requireOpen(); !open) return fail(open.error());
     if (linksVerified_) return true;
     auto intact = linksIntact();
     if (intact && *intact) linksVerified_ = true;

@@ -122,6 +122,9 @@ public:
     // `withSemanticRows`, every note embedded. Then synchronising would change
     // nothing, and what was read from the catalog at `seen` is up to date.
     Result<bool> mirrors(const Listing& listing, const Generation& seen, bool withSemanticRows);
+    // Whether every full-text row has its metadata row and the other way round;
+    // checked once a connection (another program may have broken the link).
+    Result<bool> linksHold();
 
     // Keeps the keyword ranking snapshot in a file beside the catalog between
     // runs. For one-shot commands, which would otherwise build it from every
@@ -142,8 +145,7 @@ private:
     NoteSearchCatalog(QString url, std::unique_ptr<SqliteDatabase> db, std::unique_ptr<Statements> statements);
     Result<void> requireOpen() const;
     Result<int> synchronizeKeywords(const NoteRepository& repository, Listing listing, std::stop_token stop);
-    // Whether the links were checked on this connection and hold, checking them once.
-    Result<bool> linksHold();
+
     Result<void> synchronizeSemantic(const NoteRepository& repository, const NoteSemanticProvider& semantic,
                                      std::stop_token stop);
     Result<void> deleteRows(const QString& identifier);

@@ -257,7 +257,7 @@ TEST_F(MeaningSearchTest, AOneShotSearchAnswersForTheFolderAsItIsNow) {
     const auto oneShot = [&](const QString& query, NoteSearchMode mode) {
         auto s = service();
         s->keepSnapshotsBesideCatalog();
-        auto response = s->searchUpToDate(repository, query, mode, 20);
+        auto response = s->searchUpToDate(repository, NoteSearchService::listInBackground(repository), query, mode, 20);
         EXPECT_TRUE(response) << (response ? "" : response.error().description().toStdString());
         return response ? identifiers(*response) : QStringList{"failed"};
     };
@@ -281,7 +281,8 @@ TEST_F(MeaningSearchTest, AOneShotSearchAnswersForTheFolderAsItIsNow) {
     // A folder that cannot be listed fails the search; nothing waits forever.
     const NoteRepository missing(folder.filePath("c.md"));
     auto s = service();
-    EXPECT_FALSE(s->searchUpToDate(missing, QStringLiteral("tomatoes"), NoteSearchMode::hybrid, 20));
+    EXPECT_FALSE(s->searchUpToDate(missing, NoteSearchService::listInBackground(missing), QStringLiteral("tomatoes"),
+                                   NoteSearchMode::hybrid, 20));
 }
 
 TEST(SemanticVectorIndex, ReadsBackWhatItWroteAndNothingElse) {

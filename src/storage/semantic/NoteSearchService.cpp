@@ -4,7 +4,6 @@
 #include <QSet>
 #include <QtEndian>
 #include <algorithm>
-#include <future>
 
 #include "CatalogSideFile.h"
 #include "NoteRepository.h"
@@ -202,11 +201,14 @@ Result<NoteSearchResponse> NoteSearchService::search(const QString& query, NoteS
     return hybridSearch(query, vector, limit);
 }
 
-Result<NoteSearchResponse> NoteSearchService::searchUpToDate(const NoteRepository& repository, const QString& query,
-                                                             NoteSearchMode mode, qint64 limit) {
-    auto listing = std::async(std::launch::async, [&repository] {
+NoteSearchService::PendingListing NoteSearchService::listInBackground(const NoteRepository& repository) {
+    return std::async(std::launch::async, [&repository] {
         return repository.enumerateMetadata(NoteRepository::ListingOrder::asFound);
     });
+}
+
+Result<NoteSearchResponse> NoteSearchService::searchUpToDate(const NoteRepository& repository, PendingListing listing,
+                                                             const QString& query, NoteSearchMode mode, qint64 limit) {
     // Waits for the listing on every path out: it reads the repository.
     const auto listed = [&listing]() -> Result<NoteSearchCatalog::Listing> { return listing.get(); };
     const bool withVectors = mode != NoteSearchMode::keyword && embedder_;
@@ -222,6 +224,11 @@ Result<NoteSearchResponse> NoteSearchService::searchUpToDate(const NoteRepositor
         }
     }
     auto early = search(query, mode, limit);
+    // While the folder is still being listed.
+    if (auto links = catalog_->linksHold(); !links) {
+        (void)listed();
+        return std::unexpected(links.error());
+    }
     auto notes = listed();
     if (!notes) return std::unexpected(notes.error());
     auto current = catalog_->mirrors(*notes, *seen, withVectors);

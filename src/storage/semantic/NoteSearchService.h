@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <atomic>
+#include <future>
 #include <memory>
 #include <mutex>
 #include <shared_mutex>
@@ -60,8 +61,12 @@ public:
     // catalog was up to date (the usual case) that answer stands, otherwise
     // the catalog is synchronised and the search runs again. A keyword search
     // neither embeds notes nor loads vectors.
-    Result<NoteSearchResponse> searchUpToDate(const NoteRepository& repository, const QString& query,
-                                              NoteSearchMode mode, qint64 limit);
+    // `listing` is the folder's listing begun on another thread (`listInBackground`)
+    // before anything else, the slowest part of a run.
+    using PendingListing = std::future<Result<NoteSearchCatalog::Listing>>;
+    static PendingListing listInBackground(const NoteRepository& repository);
+    Result<NoteSearchResponse> searchUpToDate(const NoteRepository& repository, PendingListing listing,
+                                              const QString& query, NoteSearchMode mode, qint64 limit);
 
     // Bytes of vectors held in memory.
     size_t vectorBytes() const;
