@@ -541,7 +541,10 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
                                                     const NoteSemanticProvider& semantic, std::stop_token stop) {
     auto found = notesWithoutSemanticRows();
     if (!found) return fail(found.error());
-    const QStringList missing = std::move(*found);
+    const QStringList missing = std::move(found->notes);
+    // This pass's own changes to the semantic rows: one count for each note's
+    // insertions, one for each row its deletion removed.
+    qint64 ownChanges = 0;
     lastSemanticCount_ = 0;
     const int total = static_cast<int>(missing.size());
     for (int done = 0; done < total; ++done) {
@@ -563,6 +566,7 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
             auto use = statements_->deleteSemantic->use();
             if (auto bound = use.bind(1, identifier); !bound) return bound;
             if (auto done = use.run(); !done) return done;
+            ownChanges += use.changes() + 1;
             for (size_t index = 0; index < chunks->size(); ++index) {
                 const SemanticIndexedChunk& chunk = (*chunks)[index];
                 auto insert = statements_->insertSemantic->use();
@@ -580,43 +584,55 @@ Result<void> NoteSearchCatalog::synchronizeSemantic(const NoteRepository& reposi
         ++lastSemanticCount_;
     }
     if (semanticProgress_ && total > 0) semanticProgress_(total, total);
-    // Checked again, to mark the catalog complete once every note is embedded.
     if (total > 0 && lastSemanticCount_ == total) {
-        if (auto again = notesWithoutSemanticRows(); !again) return fail(again.error());
+        // Every note that lacked rows has them. If no other program changed a
+        // row meanwhile, the generations tell by exactly this pass's changes.
+        const Generation& checked = found->checked;
+        auto now = generation();
+        if (!now) return fail(now.error());
+        if (now->catalogIdentifier == checked.catalogIdentifier && now->keyword == checked.keyword &&
+            now->semantic == checked.semantic + ownChanges) {
+            markSemanticComplete(*now);
+        } else if (auto again = notesWithoutSemanticRows(); !again) {
+            return fail(again.error());
+        }
     }
     return {};
 }
 
-Result<QStringList> NoteSearchCatalog::notesWithoutSemanticRows() {
+void NoteSearchCatalog::markSemanticComplete(const Generation& generation) {
+    std::lock_guard guard(lock_);
+    if (!db_) return;
+    // A hint for the next check; if another process wrote since, it is simply not set.
+    auto use = statements_->markSemanticComplete->use();
+    Result<void> marked = use.bind(1, generation.keyword);
+    if (marked) marked = use.bind(2, generation.semantic);
+    if (marked) (void)use.run();
+}
+
+Result<NoteSearchCatalog::SemanticGaps> NoteSearchCatalog::notesWithoutSemanticRows() {
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
-    QStringList missing;
-    std::optional<Generation> checked;
+    SemanticGaps gaps;
     {
         ReadTransaction reading(*this);
         auto state = readState();
         if (!state) return fail(state.error());
+        gaps.checked = state->generation;
         if (state->completeKeywordGeneration == state->generation.keyword &&
             state->completeSemanticGeneration == state->generation.semantic) {
-            return missing;
+            return gaps;
         }
         auto use = statements_->missingSemantic->use();
         for (;;) {
             auto row = use.step();
             if (!row) return fail(row.error());
             if (!*row) break;
-            missing.append(use.text(0));
+            gaps.notes.append(use.text(0));
         }
-        checked = state->generation;
     }
-    if (missing.isEmpty()) {
-        // A hint for the next check; if another process wrote since, it is simply not set.
-        auto use = statements_->markSemanticComplete->use();
-        Result<void> marked = use.bind(1, checked->keyword);
-        if (marked) marked = use.bind(2, checked->semantic);
-        if (marked) (void)use.run();
-    }
-    return missing;
+    if (gaps.notes.isEmpty()) markSemanticComplete(gaps.checked);
+    return gaps;
 }
 
 Result<std::vector<std::pair<QString, QString>>> NoteSearchCatalog::revisions() {

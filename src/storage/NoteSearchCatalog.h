@@ -158,9 +158,16 @@ private:
     Result<State> readState();
     // Whether every full-text row has its metadata row and the other way round.
     Result<bool> linksIntact();
-    // Notes whose current revision has no semantic rows. Marks the catalog
-    // complete when there are none, so that the next check reads only its state.
-    Result<QStringList> notesWithoutSemanticRows();
+    // Notes whose current revision has no semantic rows, and the generation at
+    // which that was so. Marks the catalog complete when there are none, so
+    // that the next check reads only its state.
+    struct SemanticGaps {
+        QStringList notes;
+        Generation checked;
+    };
+    Result<SemanticGaps> notesWithoutSemanticRows();
+    // Marks the catalog complete at `generation` if it is still there.
+    void markSemanticComplete(const Generation& generation);
     Result<const KeywordRankingSnapshot*> loadRankingSnapshot();
     template <typename Body>
     auto inTransaction(Body&& body) -> decltype(body());

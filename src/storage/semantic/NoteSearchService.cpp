@@ -209,27 +209,18 @@ NoteSearchService::PendingListing NoteSearchService::listInBackground(const Note
 
 Result<NoteSearchResponse> NoteSearchService::searchUpToDate(const NoteRepository& repository, PendingListing listing,
                                                              const QString& query, NoteSearchMode mode, qint64 limit) {
-    // Waits for the listing on every path out: it reads the repository.
-    const auto listed = [&listing]() -> Result<NoteSearchCatalog::Listing> { return listing.get(); };
+    // A future of std::async waits for its thread when it is destroyed: no
+    // return below leaves the listing running.
     const bool withVectors = mode != NoteSearchMode::keyword && embedder_;
     auto seen = catalog_->generation();
-    if (!seen) {
-        (void)listed();
-        return std::unexpected(seen.error());
-    }
+    if (!seen) return std::unexpected(seen.error());
     if (withVectors) {
-        if (auto refreshed = refreshVectors(); !refreshed) {
-            (void)listed();
-            return std::unexpected(refreshed.error());
-        }
+        if (auto refreshed = refreshVectors(); !refreshed) return std::unexpected(refreshed.error());
     }
     auto early = search(query, mode, limit);
     // While the folder is still being listed.
-    if (auto links = catalog_->linksHold(); !links) {
-        (void)listed();
-        return std::unexpected(links.error());
-    }
-    auto notes = listed();
+    if (auto links = catalog_->linksHold(); !links) return std::unexpected(links.error());
+    auto notes = listing.get();
     if (!notes) return std::unexpected(notes.error());
     auto current = catalog_->mirrors(*notes, *seen, withVectors);
     if (!current) return std::unexpected(current.error());
