@@ -87,14 +87,21 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
     }
     // A catalog with the current schema is only read here: opening it must not
     // wait for the write lock while another process indexes.
-    bool current = false;
-    {
-        auto version = (*db)->prepare(QStringLiteral("PRAGMA user_version"));
-        if (!version) return fail(version.error());
-        auto use = (*version)->use();
+    // Its state row too: without it, nothing derived from the catalog could be told apart.
+    const auto scalar = [&db](const char* sql) -> Result<qint64> {
+        auto statement = (*db)->prepare(QString::fromLatin1(sql));
+        if (!statement) return fail(statement.error());
+        auto use = (*statement)->use();
         auto row = use.step();
         if (!row) return fail(row.error());
-        current = *row && use.integer(0) == CatalogSql::schemaVersion;
+        return *row ? use.integer(0) : 0;
+    };
+    auto version = scalar("PRAGMA user_version");
+    if (!version) return fail(version.error());
+    bool current = *version == CatalogSql::schemaVersion;
+    if (current) {
+        auto rows = scalar("SELECT count(*) FROM catalog_state");
+        current = rows && *rows == 1;
     }
     if (!current) {
         // One write transaction for the schema: taking the write lock up front lets the

@@ -212,6 +212,15 @@ TEST_F(NoteSearchCatalogTest, AnUnchangedListingStillCatchesChangesToTheRows) {
     folder.write(QStringLiteral("latin1.md"), "caf\xc3\xa9, longer");
     EXPECT_EQ(sync(*catalog), 1);
     EXPECT_EQ(catalog->count(), 3);
+
+    // Without its state row the catalog makes a new one (a new identity: nothing
+    // derived before is trusted) and carries on.
+    catalog.reset();
+    exec("DELETE FROM catalog_state");
+    catalog = openCatalog();
+    ASSERT_TRUE(catalog);
+    EXPECT_EQ(sync(*catalog), 0);
+    EXPECT_EQ(catalog->search(QStringLiteral("river"), 10)->results.size(), 2u);
 }
 
 // What a one-shot search read stands only if the catalog still is what it read
