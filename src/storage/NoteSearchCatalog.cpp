@@ -56,6 +56,14 @@ bool isSkippableReadFailure(const Error& error) {
            error.code() == Error::Code::invalidEncoding;
 }
 
+// The first column of the statement's first row; 0 when it has no row.
+Result<qint64> firstInteger(SqliteStatement& statement) {
+    auto use = statement.use();
+    auto row = use.step();
+    if (!row) return fail(row.error());
+    return *row ? use.integer(0) : 0;
+}
+
 QByteArray digestOf(const std::vector<NoteFileMetadata>& listing) {
     NoteListingDigest digest;
     for (const NoteFileMetadata& entry : listing) {
@@ -89,12 +97,8 @@ Result<std::unique_ptr<NoteSearchCatalog>> NoteSearchCatalog::open(const QString
     // wait for the write lock while another process indexes.
     // Its state row too: without it, nothing derived from the catalog could be told apart.
     const auto scalar = [&db](const char* sql) -> Result<qint64> {
-        auto statement = (*db)->prepare(QString::fromLatin1(sql));
-        if (!statement) return fail(statement.error());
-        auto use = (*statement)->use();
-        auto row = use.step();
-        if (!row) return fail(row.error());
-        return *row ? use.integer(0) : 0;
+        auto statement = prepare(**db, sql);
+        return statement ? firstInteger(**statement) : fail(statement.error());
     };
     auto version = scalar("PRAGMA user_version");
     if (!version) return fail(version.error());
@@ -182,10 +186,9 @@ NoteSearchCatalog::ReadTransaction::~ReadTransaction() {
 
 Result<const KeywordRankingSnapshot*> NoteSearchCatalog::currentRankingSnapshot() {
     // data_version tells of commits by other connections; writes_ of this one's.
-    auto use = statements_->dataVersion->use();
-    auto row = use.step();
-    if (!row) return fail(row.error());
-    const qint64 version = *row ? use.integer(0) : 0;
+    auto dataVersion = firstInteger(*statements_->dataVersion);
+    if (!dataVersion) return fail(dataVersion.error());
+    const qint64 version = *dataVersion;
     if (!rankingSnapshot_ || version != rankingDataVersion_ || writes_ != rankingWrites_) {
         auto loaded = loadRankingSnapshot();
         if (!loaded) return loaded;
@@ -422,10 +425,9 @@ Result<int> NoteSearchCatalog::synchronizeKeywords(const NoteRepository& reposit
 
         // The fingerprints are kept between synchronisations and read again
         // only when another connection changed the catalog.
-        auto version = statements_->dataVersion->use();
-        auto versionRow = version.step();
-        if (!versionRow) return fail(versionRow.error());
-        const qint64 dataVersion = *versionRow ? version.integer(0) : 0;
+        auto version = firstInteger(*statements_->dataVersion);
+        if (!version) return fail(version.error());
+        const qint64 dataVersion = *version;
         if (!fingerprints_ || fingerprints_->dataVersion != dataVersion) {
             auto loaded = std::make_unique<FingerprintCache>();
             loaded->dataVersion = dataVersion;
@@ -697,19 +699,13 @@ Result<std::optional<NoteSearchResult>> NoteSearchCatalog::meaningResult(const Q
 Result<qint64> NoteSearchCatalog::dataVersion() {
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
-    auto use = statements_->dataVersion->use();
-    auto row = use.step();
-    if (!row) return fail(row.error());
-    return *row ? use.integer(0) : 0;
+    return firstInteger(*statements_->dataVersion);
 }
 
 Result<qint64> NoteSearchCatalog::count() {
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
-    auto use = statements_->count->use();
-    auto row = use.step();
-    if (!row) return fail(row.error());
-    return *row ? use.integer(0) : 0;
+    return firstInteger(*statements_->count);
 }
 
 Result<std::vector<SemanticSearchCatalogEntry>> NoteSearchCatalog::semanticEntries() {

@@ -31,18 +31,10 @@ struct Curl {
         auto library = RuntimeLibrary::open(QStringLiteral("libcurl.so.4"), QStringLiteral("libcurl4"));
         if (!library) return fail(library.error());
         Curl curl;
-        Result<void> bound;
-        const auto bind = [&](auto& function, const char* name) {
-            if (bound) bound = library->bind(function, name);
-        };
-        bind(curl.globalInit, "curl_global_init");
-        bind(curl.easyInit, "curl_easy_init");
-        bind(curl.easySetopt, "curl_easy_setopt");
-        bind(curl.easyPerform, "curl_easy_perform");
-        bind(curl.easyGetinfo, "curl_easy_getinfo");
-        bind(curl.easyCleanup, "curl_easy_cleanup");
-        bind(curl.slistAppend, "curl_slist_append");
-        bind(curl.slistFreeAll, "curl_slist_free_all");
+        auto bound = library->bindAll(
+            curl.globalInit, "curl_global_init", curl.easyInit, "curl_easy_init", curl.easySetopt, "curl_easy_setopt",
+            curl.easyPerform, "curl_easy_perform", curl.easyGetinfo, "curl_easy_getinfo", curl.easyCleanup,
+            "curl_easy_cleanup", curl.slistAppend, "curl_slist_append", curl.slistFreeAll, "curl_slist_free_all");
         if (!bound) return fail(bound.error());
         static std::once_flag once;
         std::call_once(once, [&] { curl.globalInit(CURL_GLOBAL_DEFAULT); });

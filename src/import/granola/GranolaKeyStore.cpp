@@ -24,17 +24,10 @@ struct Secret {
         auto library = RuntimeLibrary::open(QStringLiteral("libsecret-1.so.0"), QStringLiteral("libsecret-1-0"));
         if (!library) return fail(library.error());
         Secret secret;
-        Result<void> bound;
-        const auto bind = [&](auto& function, const char* name) {
-            if (bound) bound = library->bind(function, name);
-        };
-        bind(secret.lookup, "secret_password_lookup_sync");
-        bind(secret.store, "secret_password_store_sync");
-        bind(secret.clear, "secret_password_clear_sync");
-        bind(secret.freePassword, "secret_password_free");
-        bind(secret.serviceGet, "secret_service_get_sync");
-        bind(secret.errorFree, "g_error_free");
-        bind(secret.objectUnref, "g_object_unref");
+        auto bound = library->bindAll(
+            secret.lookup, "secret_password_lookup_sync", secret.store, "secret_password_store_sync", secret.clear,
+            "secret_password_clear_sync", secret.freePassword, "secret_password_free", secret.serviceGet,
+            "secret_service_get_sync", secret.errorFree, "g_error_free", secret.objectUnref, "g_object_unref");
         if (!bound) return fail(bound.error());
         return secret;
     }

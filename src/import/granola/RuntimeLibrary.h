@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QString>
+#include <utility>
 
 #include "Error.h"
 
@@ -25,6 +26,18 @@ public:
         if (!address) return fail(address.error());
         function = reinterpret_cast<Function>(*address);
         return {};
+    }
+
+    // Binds each function to the symbol named after it, in turn:
+    // bindAll(open, "open", close, "close"). Fails at the first missing symbol.
+    template <typename Function, typename... Rest>
+    Result<void> bindAll(Function& function, const char* name, Rest&&... rest) const {
+        if (auto bound = bind(function, name); !bound) return bound;
+        if constexpr (sizeof...(rest) > 0) {
+            return bindAll(std::forward<Rest>(rest)...);
+        } else {
+            return {};
+        }
     }
 
     // Tests make a library look missing by opening `replacement` in its place;
