@@ -74,7 +74,9 @@ void installEditCommands(QMenu& edit, QWidget& window) {
     const auto update = [actions] {
         for (const auto& [action, command] : actions) action->setEnabled(canRun(*command));
     };
-    QObject::connect(qApp, &QApplication::focusChanged, &window, update);
+    // Tied to the menu that owns the actions, not to the window: while the window is
+    // destroyed, a dialog of it closing moves the focus after the menu (and its actions) are gone.
+    QObject::connect(qApp, &QApplication::focusChanged, &edit, update);
     // Opening the menu asks again: Undo's state changes with every keystroke.
     QObject::connect(&edit, &QMenu::aboutToShow, &window, update);
     update();
