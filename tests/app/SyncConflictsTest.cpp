@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <QDir>
+#include <cerrno>
 #include <QSignalSpy>
 
 #include "AppTestSupport.h"
@@ -248,6 +249,26 @@ TEST_F(EngineReplacedSaveTest, ASaveReplacedByTextWithoutItsWordsIsKeptAsACopy) 
     ASSERT_EQ(copies().size(), 1);
     EXPECT_TRUE(QString::fromUtf8(folder.read(copies().front())).contains(QStringLiteral("saved here")));
     EXPECT_TRUE(test::waitUntil([&] { return store->note(url(copies().front())) != nullptr; })) << "and listed";
+}
+
+// When not even the copy can be written (a full disk), the words stay in the
+// store, in a conflict the user settles, and the user is told why.
+class EngineReplacedSaveWithoutRoomTest : public test::FaultyStoreTest {};
+
+TEST_F(EngineReplacedSaveWithoutRoomTest, TheWordsStayInAConflictAndTheUserIsTold) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    folder.write(QStringLiteral("Plan.md"), "# Plan\nfirst");
+    auto store = openStore();
+    QSignalSpy problems(store.get(), &NoteStore::problemOccurred);
+    store->setBody(url("Plan.md"), QStringLiteral("# Plan\nfirst\nsaved here"));
+    ASSERT_TRUE(store->flushPendingSaves());
+    test::spin(50);
+    files->failAlways(test::FaultyFileAccess::Operation::createAt, Error::system(ENOSPC, folder.path()));
+    folder.write(QStringLiteral("Plan.md"), "# Plan\nfirst\nwritten elsewhere");
+    ASSERT_TRUE(test::waitUntil([&] { return store->conflict(url("Plan.md")) != nullptr; }));
+    EXPECT_TRUE(store->conflict(url("Plan.md"))->userContent.contains(QStringLiteral("saved here")));
+    EXPECT_FALSE(problems.isEmpty());
+    EXPECT_TRUE(QDir(folder.path()).entryList({QStringLiteral("Plan (Conflict *).md")}, QDir::Files).isEmpty());
 }
 
 TEST_F(EngineReplacedSaveTest, ASuccessorThatKeepsTheWordsIsJustShown) {

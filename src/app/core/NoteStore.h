@@ -299,7 +299,9 @@ private:
     void applyExternalChanges(Scan scan, quint64 startGeneration);
     void reconcileSyncedLibraryFiles();
     void rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved);
-    bool keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming);
+    // Whether a save of ours was replaced by a sync engine, and where its words are now.
+    enum class EngineReplacement { none, keptAsCopy, copyFailed };
+    EngineReplacement keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming);
     struct ReferenceEdit;
     Result<void> saveBeforeRename(const QString& url);
     void carryFolderMetadata(const QString& oldName, const QString& newName);

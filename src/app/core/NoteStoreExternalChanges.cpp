@@ -155,7 +155,14 @@ void NoteStore::applyExternalChanges(Scan scan, quint64 startGeneration) {
             beginConflict(stored.url, stored, userContent);
             ++conflicts;
         } else {
-            if (keepSaveReplacedByEngine(stored.url, stored)) ++conflicts;
+            const EngineReplacement replaced = keepSaveReplacedByEngine(stored.url, stored);
+            if (replaced == EngineReplacement::copyFailed) {
+                // No copy could be written: the words stay here, in a conflict the user settles.
+                beginConflict(stored.url, stored, existing->content);
+                ++conflicts;
+                continue;
+            }
+            if (replaced == EngineReplacement::keptAsCopy) ++conflicts;
             // A body nobody has opened stays unread; an open one takes the new text.
             Note fresh = existing->bodyLoaded ? noteFromStored(stored) : noteListEntryFromStored(stored);
             touch(fresh);

@@ -138,14 +138,14 @@ void NoteStore::rememberSave(const QString& url, const QString& baseBody, const 
 // a text that lacks words our save added, our text is kept as a conflict copy.
 // (A writer that really removed those words at once leaves one copy too many,
 // never a word too few.)
-bool NoteStore::keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming) {
+NoteStore::EngineReplacement NoteStore::keepSaveReplacedByEngine(const QString& url, const StoredNote& incoming) {
     const auto recent = recentSaves_.constFind(url);
-    if (recent == recentSaves_.cend()) return false;
+    if (recent == recentSaves_.cend()) return EngineReplacement::none;
     const RecentSave save = *recent;
     recentSaves_.erase(recent);
-    if (QDateTime::currentMSecsSinceEpoch() - save.savedAtMs > recentSaveMilliseconds) return false;
-    if (keepsAddedWords(save.baseBody, save.body, incoming.document.body)) return false;
-    if (syncthingKeptText(incoming.url, save.fileText)) return false;  // the usual case: a conflict it saw
+    if (QDateTime::currentMSecsSinceEpoch() - save.savedAtMs > recentSaveMilliseconds) return EngineReplacement::none;
+    if (keepsAddedWords(save.baseBody, save.body, incoming.document.body)) return EngineReplacement::none;
+    if (syncthingKeptText(incoming.url, save.fileText)) return EngineReplacement::none;  // the usual case: a conflict it saw
     const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     Result<StoredNote> kept = fail(Error::alreadyExists(incoming.identifier));
     for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
@@ -154,11 +154,11 @@ bool NoteStore::keepSaveReplacedByEngine(const QString& url, const StoredNote& i
     }
     if (!kept) {
         emit problemOccurred(kept.error().description());
-        return false;
+        return EngineReplacement::copyFailed;
     }
     // Not added to the list here: the caller holds a note of it. The folder's next look lists the copy.
     diagnostics().event(QStringLiteral("Save replaced by a sync engine kept as a conflict copy"));
-    return true;
+    return EngineReplacement::keptAsCopy;
 }
 
 // Library files that sync engines move between machines: Mossly's ignore
