@@ -4,6 +4,7 @@
 
 #include "AgentCommand.h"
 #include "NoteHistory.h"
+#include "SyncthingWrites.h"
 
 namespace mossly::agent {
 
@@ -65,7 +66,9 @@ Result<StoredNote> mcpRestoreNoteVersion(const NoteRepository& repository, const
         return fail(Error::invalidArgument(
             QStringLiteral("restore_note_version needs an identifier, a version and expectedRevision")));
     }
-    return restoreNoteVersion(repository, *identifier, *version, *expected, editor);
+    return writeWatchingSyncthing(repository, *identifier, [&] {
+        return restoreNoteVersion(repository, *identifier, *version, *expected, editor);
+    });
 }
 
 }  // namespace mossly::agent

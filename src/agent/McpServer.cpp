@@ -10,6 +10,7 @@
 #include "McpHistoryTools.h"
 #include "McpToolSchemas.h"
 #include "SyncConflictCopies.h"
+#include "SyncthingWrites.h"
 
 namespace mossly::agent {
 
@@ -346,7 +347,9 @@ Result<QJsonObject> McpServer::updateNote(const QJsonObject& arguments) {
     if (!body && fields->empty()) {
         return fail(Error::invalidArgument(QStringLiteral("update_note needs a body or fields to change")));
     }
-    auto updated = repository_.update(*identifier, *expected, body, editor(), std::nullopt, *fields);
+    auto updated = writeWatchingSyncthing(repository_, *identifier, [&] {
+        return repository_.update(*identifier, *expected, body, editor(), std::nullopt, *fields);
+    });
     if (!updated) return fail(updated.error());
     catalogStale_ = true;
     return noteObject(*updated);

@@ -1,5 +1,6 @@
 #include "AgentCommand.h"
 #include "NoteHistory.h"
+#include "SyncthingWrites.h"
 
 namespace mossly::agent {
 
@@ -15,8 +16,10 @@ int runRestore(const QStringList& arguments, AgentIo& io) {
     }
     auto repository = repositoryFor(*options, io);
     if (!repository) return printError(io, repository.error());
-    auto restored = restoreNoteVersion(*repository, options->positional().front(), *version, *expected,
-                                       NoteEditor::agent(agent->trimmed()));
+    const QString identifier = options->positional().front();
+    auto restored = writeWatchingSyncthing(*repository, identifier, [&] {
+        return restoreNoteVersion(*repository, identifier, *version, *expected, NoteEditor::agent(agent->trimmed()));
+    });
     if (!restored) return printError(io, restored.error());
     return printJson(io, noteJson(*restored));
 }

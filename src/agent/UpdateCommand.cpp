@@ -17,19 +17,11 @@ int runUpdate(const QStringList& arguments, AgentIo& io) {
 
     auto repository = repositoryFor(*options, io);
     if (!repository) return printError(io, repository.error());
-    const auto before = repository->read(options->positional().front());
-    auto note = repository->update(options->positional().front(), *revision, write->body, write->editor,
-                                   std::nullopt, write->fields);
+    const QString identifier = options->positional().front();
+    auto note = writeWatchingSyncthing(*repository, identifier, [&] {
+        return repository->update(identifier, *revision, write->body, write->editor, std::nullopt, write->fields);
+    });
     if (!note) return printError(io, note.error());
-    // Syncthing may rename a download over the note just after this write: never report such a write as done.
-    auto kept = keepWriteReplacedBySyncthing(*repository, before ? before->document.body : QString(), *note,
-                                             std::chrono::milliseconds(300));
-    if (!kept) return printError(io, kept.error());
-    if (*kept) {
-        io.err << "Syncthing replaced the note while it was written. Your text was kept as \"" << **kept
-               << "\"; read the note again before editing.\n";
-        return failure;
-    }
     return printJson(io, noteJson(*note));
 }
 

@@ -54,6 +54,14 @@ Error Error::stale(const QString& expectedRevision, const QString& actualRevisio
             expectedRevision, actualRevision};
 }
 
+Error Error::writeReplaced(const QString& keptAs) {
+    return {Code::writeReplaced,
+            QStringLiteral("Syncthing replaced the note while it was written. Your text was kept as \"%1\"; read the "
+                           "note again before editing.")
+                .arg(keptAs),
+            keptAs};
+}
+
 Error Error::unsupportedLocationVersion(qint64 version) {
     return {Code::unsupportedLocationVersion,
             QStringLiteral("Unsupported notes location configuration version ") + QString::number(version)};

@@ -25,6 +25,8 @@ public:
         invalidEditorName,
         trashFailed,
         stale,
+        // Syncthing renamed its download over a write just made; the text was kept as a copy.
+        writeReplaced,
         // Notes location
         unsupportedLocationVersion,
         malformedLocation,
@@ -63,6 +65,7 @@ public:
     static Error invalidEditorName(const QString& name);
     static Error trashFailed(const QString& identifier);
     static Error stale(const QString& expectedRevision, const QString& actualRevision);
+    static Error writeReplaced(const QString& keptAs);
     static Error unsupportedLocationVersion(qint64 version);
     static Error malformedLocation(const QString& detail);
     static Error locationUnresolved(const QString& description);

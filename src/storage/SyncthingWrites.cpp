@@ -31,11 +31,30 @@ bool syncthingKeptText(const QString& notePath, const QString& text) {
     return false;
 }
 
+bool isSyncthingFolder(const QString& directory) {
+    return QFileInfo::exists(QDir(directory).filePath(QStringLiteral(".stfolder")));
+}
+
+Result<StoredNote> writeWatchingSyncthing(const NoteRepository& repository, const QString& identifier,
+                                         const std::function<Result<StoredNote>()>& write,
+                                         std::chrono::milliseconds settle) {
+    auto directory = repository.directoryURL();
+    if (!directory || !isSyncthingFolder(*directory)) return write();
+    // Read before the write: a successful write was checked against this revision, so this is what it replaced.
+    const auto before = repository.read(identifier);
+    auto written = write();
+    if (!written) return written;
+    auto kept = keepWriteReplacedBySyncthing(repository, before ? before->document.body : QString(), *written, settle);
+    if (!kept) return fail(kept.error());
+    if (*kept) return fail(Error::writeReplaced(**kept));
+    return written;
+}
+
 Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository& repository, const QString& beforeBody,
                                                             const StoredNote& written,
                                                             std::chrono::milliseconds settle) {
     auto directory = repository.directoryURL();
-    if (!directory || !QFileInfo::exists(QDir(*directory).filePath(QStringLiteral(".stfolder")))) return std::nullopt;
+    if (!directory || !isSyncthingFolder(*directory)) return std::nullopt;
     std::this_thread::sleep_for(settle);
     auto now = repository.read(written.identifier);
     if (now && now->document.revision() == written.document.revision()) return std::nullopt;

@@ -2,6 +2,7 @@
 
 #include <QString>
 #include <chrono>
+#include <functional>
 #include <optional>
 
 #include "Error.h"
@@ -18,6 +19,17 @@ namespace mossly {
 Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository& repository, const QString& beforeBody,
                                                             const StoredNote& written,
                                                             std::chrono::milliseconds settle);
+
+// A write of the note `identifier` (an update or a restore, through `write`)
+// that is checked as above in a Syncthing folder: a write that Syncthing
+// replaced fails with `writeReplaced`, naming the copy its text was kept in,
+// so that no writer reports it as done.
+Result<StoredNote> writeWatchingSyncthing(const NoteRepository& repository, const QString& identifier,
+                                         const std::function<Result<StoredNote>()>& write,
+                                         std::chrono::milliseconds settle = std::chrono::milliseconds(300));
+
+// Whether `directory` is a folder Syncthing shares (it holds ".stfolder").
+bool isSyncthingFolder(const QString& directory);
 
 // Whether Syncthing itself kept `text` as a conflict copy of the note at `notePath`
 // ("Plan.sync-conflict-….md" beside it): then nothing more needs keeping.

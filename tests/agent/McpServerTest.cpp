@@ -5,10 +5,13 @@
 #include <QJsonArray>
 #include <QJsonObject>
 #include <QJsonDocument>
+#include <chrono>
+#include <thread>
 
 #include "AgentAccess.h"
 #include "AgentCommand.h"
 #include "McpServer.h"
+#include "NoteDocument.h"
 #include "TestSupport.h"
 
 namespace mossly::agent {
@@ -69,6 +72,33 @@ TEST_F(McpServerTest, ProtocolErrorsAreJsonRpcErrorsAndNotificationsGetNoAnswer)
                                 {"params", QJsonObject{{"requestId", 7}}}}));
     EXPECT_FALSE(server.handle({{"jsonrpc", "2.0"}, {"id", 7}, {"method", "ping"}}));
     EXPECT_TRUE(request(8, "ping").contains("result"));
+}
+
+// Syncthing renames its download over the note just after the agent's update:
+// the agent is told, and its text is in a conflict copy.
+TEST_F(McpServerTest, AnUpdateSyncthingReplacedIsAnErrorAndTheTextIsKept) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    folder.write(QStringLiteral("Plan.md"), "first");
+    std::jthread syncthing([&](std::stop_token stop) {
+        while (!stop.stop_requested() && !folder.read(QStringLiteral("Plan.md")).contains("added by the agent")) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1));
+        }
+        if (!stop.stop_requested()) folder.write(QStringLiteral("Plan.md"), "first\nfrom the other machine");
+    });
+    const QJsonObject result =
+        request(1, "tools/call",
+                {{"name", "update_note"},
+                 {"arguments", QJsonObject{{"identifier", "Plan.md"},
+                                           {"expectedRevision", NoteDocument::revision(QByteArray("first"))},
+                                           {"body", "first\nadded by the agent"}}}})
+            .value("result")
+            .toObject();
+    syncthing.request_stop();
+    EXPECT_TRUE(result.value("isError").toBool());
+    const QStringList copies = QDir(folder.path()).entryList({QStringLiteral("Plan (Conflict *).md")}, QDir::Files);
+    ASSERT_EQ(copies.size(), 1);
+    EXPECT_TRUE(folder.read(copies.front()).contains("added by the agent"));
+    EXPECT_TRUE(QJsonDocument(result).toJson().contains(copies.front().toUtf8()));
 }
 
 TEST_F(McpServerTest, ToolFailuresAreResultsTheAgentCanRead) {

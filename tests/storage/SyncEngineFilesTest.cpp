@@ -157,6 +157,33 @@ TEST_F(SyncthingWritesTest, OutsideASyncthingFolderNothingIsChecked) {
     EXPECT_TRUE(copies().isEmpty());
 }
 
+// Every agent write (update, restore) goes through this: a replaced write is an
+// error naming the copy, never a success.
+TEST_F(SyncthingWritesTest, AWriteThatSyncthingReplacedFailsAndNamesTheCopy) {
+    folder.write(QStringLiteral(".stfolder"), "");
+    folder.write(QStringLiteral("Plan.md"), "first");
+    const auto update = [&] {
+        auto note = repository.update(QStringLiteral("Plan.md"), NoteDocument::revision(QByteArray("first")),
+                                      QStringLiteral("first\nadded here"), NoteEditor::agent(QStringLiteral("codex")));
+        folder.write(QStringLiteral("Plan.md"), "first\nfrom the other machine");  // the engine's rename
+        return note;
+    };
+    auto written = writeWatchingSyncthing(repository, QStringLiteral("Plan.md"), update, std::chrono::milliseconds(0));
+    ASSERT_FALSE(written);
+    EXPECT_EQ(written.error().code(), Error::Code::writeReplaced);
+    ASSERT_EQ(copies().size(), 1);
+    EXPECT_TRUE(written.error().description().contains(copies().front()));
+    EXPECT_TRUE(folder.read(copies().front()).contains("added here"));
+
+    QFile::remove(folder.filePath(QStringLiteral(".stfolder")));
+    folder.write(QStringLiteral("Other.md"), "first");
+    auto plain = writeWatchingSyncthing(repository, QStringLiteral("Other.md"), [&] {
+        return repository.update(QStringLiteral("Other.md"), NoteDocument::revision(QByteArray("first")),
+                                 QStringLiteral("first\nadded"), NoteEditor::agent(QStringLiteral("codex")));
+    });
+    EXPECT_TRUE(plain) << "outside a Syncthing folder the write is just done";
+}
+
 TEST_F(SyncthingWritesTest, AWordRemovedFromWhatWasAddedCounts) {
     EXPECT_TRUE(keepsAddedWords(QStringLiteral("a b"), QStringLiteral("a b c"), QStringLiteral("x a b c y")));
     EXPECT_FALSE(keepsAddedWords(QStringLiteral("a b"), QStringLiteral("a b c"), QStringLiteral("a b")));

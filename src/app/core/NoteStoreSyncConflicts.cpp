@@ -127,7 +127,7 @@ Result<void> NoteStore::resolveSyncConflict(QString url, QString copyUrl, SyncCo
 }
 
 void NoteStore::rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved) {
-    if (!QFileInfo::exists(directory_ + QStringLiteral("/.stfolder"))) return;
+    if (!isSyncthingFolder(directory_)) return;
     recentSaves_.insert(url, RecentSave{baseBody, saved.document.body, saved.persistedContent,
                                         QDateTime::currentMSecsSinceEpoch()});
 }
