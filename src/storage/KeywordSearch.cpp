@@ -306,17 +306,26 @@ Result<QString> NoteSearchCatalog::matchExcerpt(const QString& expression, qint6
     return *row ? NoteSearch::clippedExcerpt(snippet.text(0)) : QString();
 }
 
-Result<QString> NoteSearchCatalog::keywordExcerpt(const QString& query, const QString& identifier) {
+Result<QStringList> NoteSearchCatalog::keywordExcerpts(const QString& query, const QStringList& identifiers) {
     const std::optional<PreparedQuery> prepared = prepareQuery(query, 1);
-    if (!prepared) return QString();
+    if (!prepared) return QStringList(identifiers.size(), QString());
     std::lock_guard guard(lock_);
     if (auto open = requireOpen(); !open) return fail(open.error());
-    auto use = statements_->metadataRowid->use();
-    if (auto bound = use.bind(1, identifier); !bound) return fail(bound.error());
-    auto row = use.step();
-    if (!row) return fail(row.error());
-    if (!*row) return QString();
-    return matchExcerpt(prepared->expression, use.integer(0));
+    QStringList excerpts;
+    for (const QString& identifier : identifiers) {
+        std::optional<qint64> rowid;
+        {
+            auto use = statements_->metadataRowid->use();
+            if (auto bound = use.bind(1, identifier); !bound) return fail(bound.error());
+            auto row = use.step();
+            if (!row) return fail(row.error());
+            if (*row) rowid = use.integer(0);
+        }
+        auto excerpt = rowid ? matchExcerpt(prepared->expression, *rowid) : Result<QString>(QString());
+        if (!excerpt) return fail(excerpt.error());
+        excerpts.append(std::move(*excerpt));
+    }
+    return excerpts;
 }
 
 Result<void> NoteSearchCatalog::scanMatches(const QString& expression, std::optional<qint64> rowid, bool presenceOnly,

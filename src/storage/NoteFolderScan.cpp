@@ -102,7 +102,8 @@ public:
                     share.folders.emplace_back(QByteArray(name), identifier);
                     continue;
                 }
-                if (!S_ISREG(info.st_mode) || !policy_.accepts(identifier)) continue;
+                // A name from a DT_REG entry was checked above; one of unknown type not yet.
+                if (!S_ISREG(info.st_mode) || (type != DT_REG && !policy_.accepts(identifier))) continue;
                 share.notes.push_back({identifier, *noteContentTypeForFileName(identifier), fileTime(info.st_mtim),
                                        static_cast<qint64>(info.st_size)});
             }

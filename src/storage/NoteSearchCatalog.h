@@ -79,11 +79,11 @@ public:
 
     // Ranked keyword search; `limit` is clamped to 0…500. Without excerpts,
     // results carry none: for a caller that keeps only some of them and asks
-    // `keywordExcerpt` for those (each excerpt reads and tokenises a note's text).
+    // `keywordExcerpts` for those (each excerpt reads and tokenises a note's text).
     enum class Excerpts { included, left };
     Result<NoteSearchResponse> search(const QString& query, qint64 limit, Excerpts excerpts = Excerpts::included);
-    // The excerpt `search` gives a note found by `query`; empty if it no longer matches.
-    Result<QString> keywordExcerpt(const QString& query, const QString& identifier);
+    // The excerpts `search` gives these notes found by `query`, in order; empty for one that no longer matches.
+    Result<QStringList> keywordExcerpts(const QString& query, const QStringList& identifiers);
     // The same search run as one SQL statement over every matching row. Slower;
     // kept as the reference that `search` must agree with exactly.
     Result<NoteSearchResponse> searchWithReferenceStatement(const QString& query, qint64 limit);

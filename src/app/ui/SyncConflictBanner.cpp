@@ -5,6 +5,7 @@
 #include <QPushButton>
 #include <QTextBrowser>
 #include <QTextDocument>
+#include <QTimer>
 #include <QVBoxLayout>
 #include <algorithm>
 
@@ -66,8 +67,13 @@ SyncConflictBanner::SyncConflictBanner(NoteStore& store, QWidget* parent) : QFra
     connect(keepOther_, &QPushButton::clicked, this, [this] { resolve(SyncConflictChoice::keepOther); });
     connect(keepBoth_, &QPushButton::clicked, this, [this] { resolve(SyncConflictChoice::keepBoth); });
     connect(&store_, &NoteStore::notesChanged, this, &SyncConflictBanner::refresh);
+    rediff_ = new QTimer(this);
+    rediff_->setSingleShot(true);
+    rediff_->setInterval(150);
+    connect(rediff_, &QTimer::timeout, this, &SyncConflictBanner::refresh);
+    // Copies come and go with the list (notesChanged); a text change matters only while one is shown.
     connect(&store_, &NoteStore::noteContentChanged, this, [this](const QString& url) {
-        if (url == url_ || url == copyUrl_) refresh();
+        if (!copyUrl_.isEmpty() && (url == url_ || url == copyUrl_)) rediff_->start();
     });
     setVisible(false);
 }

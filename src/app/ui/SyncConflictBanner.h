@@ -6,6 +6,7 @@
 class QLabel;
 class QPushButton;
 class QTextBrowser;
+class QTimer;
 
 namespace mossly {
 
@@ -36,6 +37,7 @@ private:
     QPushButton* keepThis_;
     QPushButton* keepOther_;
     QPushButton* keepBoth_;
+    QTimer* rediff_;  // typing in a note with a copy shown re-diffs once the typing pauses
 };
 
 }  // namespace mossly

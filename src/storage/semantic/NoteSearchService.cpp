@@ -314,14 +314,17 @@ Result<NoteSearchResponse> NoteSearchService::hybridSearch(const QString& query,
         if (a.result.score != b.result.score) return a.result.score > b.result.score;
         return a.result.identifier < b.result.identifier;
     });
+    QStringList keptByWords;
     for (Ranked& entry : ranked) {
         if (static_cast<qint64>(response.results.size()) == limit) break;
-        if (seen.contains(entry.result.identifier)) {
-            auto excerpt = catalog_->keywordExcerpt(query, entry.result.identifier);
-            if (!excerpt) return std::unexpected(excerpt.error());
-            entry.result.excerpt = std::move(*excerpt);
-        }
+        if (seen.contains(entry.result.identifier)) keptByWords.append(entry.result.identifier);
         response.results.push_back(std::move(entry.result));
+    }
+    auto excerpts = catalog_->keywordExcerpts(query, keptByWords);
+    if (!excerpts) return std::unexpected(excerpts.error());
+    qsizetype next = 0;
+    for (NoteSearchResult& result : response.results) {
+        if (next < excerpts->size() && result.identifier == keptByWords[next]) result.excerpt = (*excerpts)[next++];
     }
     return response;
 }
