@@ -1,6 +1,9 @@
 #include "SyncConflictCopies.h"
 
+#include <QDateTime>
 #include <QRegularExpression>
+
+#include "NoteRepository.h"
 
 namespace mossly {
 
@@ -56,6 +59,16 @@ QString conflictCopyIdentifier(const QString& identifier, const QString& stamp, 
     const QString extension = identifier.mid(dot + 1);
     return counter == 1 ? QStringLiteral("%1 (Conflict %2).%3").arg(base, stamp, extension)
                         : QStringLiteral("%1 (Conflict %2)-%3.%4").arg(base, stamp).arg(counter).arg(extension);
+}
+
+Result<StoredNote> createConflictCopy(const QString& identifier,
+                                      const std::function<Result<StoredNote>(const QString& name)>& createAt) {
+    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
+    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
+        auto copy = createAt(conflictCopyIdentifier(identifier, stamp, counter));
+        if (copy || copy.error().code() != Error::Code::alreadyExists) return copy;
+    }
+    return fail(Error::alreadyExists(identifier));
 }
 
 }  // namespace mossly

@@ -1,7 +1,11 @@
 #pragma once
 
 #include <QString>
+#include <functional>
 #include <optional>
+
+#include "Error.h"
+#include "StoredNote.h"
 
 namespace mossly {
 
@@ -23,5 +27,11 @@ std::optional<SyncConflictCopy> syncConflictCopyOf(const QString& path);
 // Mossly's own conflict copy of `identifier` made at `stamp`: "Plan (Conflict 2026-11-24 09.30.12).md",
 // with "-2", "-3"… before the extension when `counter` > 1 because the name is taken.
 QString conflictCopyIdentifier(const QString& identifier, const QString& stamp, int counter);
+
+// Writes Mossly's conflict copy of `identifier`, stamped now, under the first
+// name not yet taken; `createAt` writes the copy's text at a name and fails
+// with `alreadyExists` when the name is taken.
+Result<StoredNote> createConflictCopy(const QString& identifier,
+                                      const std::function<Result<StoredNote>(const QString& name)>& createAt);
 
 }  // namespace mossly

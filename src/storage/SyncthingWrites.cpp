@@ -60,14 +60,11 @@ Result<std::optional<QString>> keepWriteReplacedBySyncthing(const NoteRepository
     if (now && now->document.revision() == written.document.revision()) return std::nullopt;
     if (now && keepsAddedWords(beforeBody, written.document.body, now->document.body)) return std::nullopt;
     if (syncthingKeptText(written.url, written.persistedContent)) return std::nullopt;
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
-    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-        const QString name = conflictCopyIdentifier(written.identifier, stamp, counter);
-        auto kept = repository.createAt(name, written.persistedContent);
-        if (kept) return std::optional<QString>(kept->identifier);
-        if (kept.error().code() != Error::Code::alreadyExists) return fail(kept.error());
-    }
-    return fail(Error::alreadyExists(written.identifier));
+    auto kept = createConflictCopy(written.identifier, [&](const QString& name) {
+        return repository.createAt(name, written.persistedContent);
+    });
+    if (!kept) return fail(kept.error());
+    return std::optional<QString>(kept->identifier);
 }
 
 }  // namespace mossly

@@ -87,8 +87,4 @@ std::optional<QString> conflictCopyStamp(const QString& fileName) {
     return match.captured(1);
 }
 
-QString conflictCopyName(const QString& identifier, const QString& stamp, int counter) {
-    return conflictCopyIdentifier(identifier, stamp, counter);
-}
-
 }  // namespace mossly

@@ -13,7 +13,5 @@ Note noteListEntryFromStored(const StoredNote& stored);
 // "Plan (Conflict 2026-11-24 09.30.12).md" is a conflict copy of "Plan.md":
 // the stamp ("2026-11-24 09.30.12"), so that lists can tell it from its note.
 std::optional<QString> conflictCopyStamp(const QString& fileName);
-// The name of a conflict copy of `identifier` made at `stamp`; `counter` > 1 when that name is taken.
-QString conflictCopyName(const QString& identifier, const QString& stamp, int counter);
 
 }  // namespace mossly

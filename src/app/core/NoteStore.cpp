@@ -1,4 +1,5 @@
 #include "NoteStore.h"
+#include "SyncConflictCopies.h"
 
 #include <QDateTime>
 #include <QDeadlineTimer>
@@ -746,18 +747,15 @@ void NoteStore::reloadConflict(const QString& url) {
 
 Result<StoredNote> NoteStore::createConflictCopyBeside(const QString& url, const QString& identifier,
                                                       const QString& text, std::chrono::milliseconds busyPatience) {
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
     const QDeadlineTimer deadline(busyPatience);
-    Result<StoredNote> copy = fail(Error::alreadyExists(identifier));
-    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-        const QString name = conflictCopyName(identifier, stamp, counter);
-        copy = files_->createAt(name, text);
-        while (!copy && copy.error().code() == Error::Code::busy && !deadline.hasExpired()) {
+    const Result<StoredNote> copy = createConflictCopy(identifier, [&](const QString& name) {
+        auto created = files_->createAt(name, text);
+        while (!created && created.error().code() == Error::Code::busy && !deadline.hasExpired()) {
             QThread::msleep(50);
-            copy = files_->createAt(name, text);
+            created = files_->createAt(name, text);
         }
-        if (copy || copy.error().code() != Error::Code::alreadyExists) break;
-    }
+        return created;
+    });
     if (!copy) {
         emit problemOccurred(copy.error().description());
         return copy;

@@ -146,12 +146,8 @@ NoteStore::EngineReplacement NoteStore::keepSaveReplacedByEngine(const QString& 
     if (QDateTime::currentMSecsSinceEpoch() - save.savedAtMs > recentSaveMilliseconds) return EngineReplacement::none;
     if (keepsAddedWords(save.baseBody, save.body, incoming.document.body)) return EngineReplacement::none;
     if (syncthingKeptText(incoming.url, save.fileText)) return EngineReplacement::none;  // the usual case: a conflict it saw
-    const QString stamp = QDateTime::currentDateTime().toString(QStringLiteral("yyyy-MM-dd HH.mm.ss"));
-    Result<StoredNote> kept = fail(Error::alreadyExists(incoming.identifier));
-    for (int counter = 1; counter <= NoteRepository::maximumNameAttempts; ++counter) {
-        kept = files_->createAt(conflictCopyName(incoming.identifier, stamp, counter), save.fileText);
-        if (kept || kept.error().code() != Error::Code::alreadyExists) break;
-    }
+    const Result<StoredNote> kept = createConflictCopy(
+        incoming.identifier, [&](const QString& name) { return files_->createAt(name, save.fileText); });
     if (!kept) {
         emit problemOccurred(kept.error().description());
         return EngineReplacement::copyFailed;
