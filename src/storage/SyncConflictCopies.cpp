@@ -47,8 +47,15 @@ std::optional<SyncConflictCopy> conflictedCopy(const QString& folder, const QStr
 
 std::optional<SyncConflictCopy> syncConflictCopyOf(const QString& path) {
     const qsizetype slash = path.lastIndexOf(u'/');
+    const QStringView nameView = QStringView(path).sliced(slash + 1);
+    // Cheap before the patterns, each of which needs one of these: almost no note is a copy,
+    // and every listing asks of every note.
+    if (!nameView.contains(QLatin1String(".sync-conflict-")) &&
+        !nameView.contains(QLatin1String("conflicted copy"), Qt::CaseInsensitive)) {
+        return std::nullopt;
+    }
     const QString folder = path.left(slash + 1);
-    const QString name = path.mid(slash + 1);
+    const QString name = nameView.toString();
     if (auto copy = syncthingCopy(folder, name)) return copy;
     return conflictedCopy(folder, name);
 }

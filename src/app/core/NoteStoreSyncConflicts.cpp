@@ -19,16 +19,6 @@ DiagnosticsCenter& diagnostics() { return DiagnosticsCenter::shared(); }
 // Longer than Syncthing takes from deciding to fetch a file to renaming it into place.
 constexpr qint64 recentSaveMilliseconds = 10'000;
 
-// Cheap before the pattern: almost no note is a conflict copy.
-std::optional<SyncConflictCopy> copyOf(const Note& note) {
-    const QString name = note.fileName();
-    if (!name.contains(QLatin1String(".sync-conflict-")) &&
-        !name.contains(QLatin1String("conflicted copy"), Qt::CaseInsensitive)) {
-        return std::nullopt;
-    }
-    return syncConflictCopyOf(note.identifier);
-}
-
 }  // namespace
 
 std::optional<QString> NoteStore::syncConflictOriginal(const QString& url) const {
@@ -38,7 +28,7 @@ std::optional<QString> NoteStore::syncConflictOriginal(const QString& url) const
 }
 
 std::optional<QString> NoteStore::syncConflictOriginal(const Note& copy) const {
-    const auto found = copyOf(copy);
+    const auto found = syncConflictCopyOf(copy.identifier);
     if (!found) return std::nullopt;
     const QString original = directory_ + u'/' + found->original;
     if (!note(original)) return std::nullopt;  // a copy without its note is a note of its own
@@ -50,7 +40,7 @@ std::vector<const Note*> NoteStore::syncConflictCopies(const QString& url) const
     const Note* original = note(url);
     if (!original) return copies;
     for (const Note& candidate : notes_) {
-        const auto found = copyOf(candidate);
+        const auto found = syncConflictCopyOf(candidate.identifier);
         if (found && found->original == original->identifier) copies.push_back(&candidate);
     }
     std::sort(copies.begin(), copies.end(), [](const Note* a, const Note* b) { return a->identifier < b->identifier; });
@@ -59,7 +49,7 @@ std::vector<const Note*> NoteStore::syncConflictCopies(const QString& url) const
 
 QString NoteStore::syncConflictDescription(const QString& copyUrl) const {
     const Note* copy = note(copyUrl);
-    const auto found = copy ? copyOf(*copy) : std::nullopt;
+    const auto found = copy ? syncConflictCopyOf(copy->identifier) : std::nullopt;
     if (!found) return {};
     return QStringLiteral("%1, %2").arg(found->engine, found->detail);
 }
