@@ -15,6 +15,7 @@
 #include "NoteHistoryDiff.h"
 #include "NoteStore.h"
 #include "NoteStoreHistory.h"
+#include "WordDiffHtml.h"
 
 namespace mossly {
 
@@ -27,27 +28,6 @@ QString whenText(FileTime time) {
 }
 
 QString sizeText(qint64 bytes) { return QLocale().formattedDataSize(bytes, 1, QLocale::DataSizeSIFormat); }
-
-// The comparison as HTML: removed words struck through in red, added ones in green.
-QString comparisonHtml(const std::vector<NoteTextChange>& changes) {
-    QString html = QStringLiteral("<div style=\"white-space: pre-wrap; font-family: sans-serif;\">");
-    for (const NoteTextChange& change : changes) {
-        const QString text = change.text.toHtmlEscaped();
-        switch (change.kind) {
-        case NoteTextChange::Kind::same:
-            html += text;
-            break;
-        case NoteTextChange::Kind::removed:
-            html += QStringLiteral("<span style=\"background:#fbd7d7; color:#8a1111; text-decoration:line-through;\">") +
-                    text + QStringLiteral("</span>");
-            break;
-        case NoteTextChange::Kind::inserted:
-            html += QStringLiteral("<span style=\"background:#d3f2d3; color:#115511;\">") + text + QStringLiteral("</span>");
-            break;
-        }
-    }
-    return html + QStringLiteral("</div>");
-}
 
 QString bodyOf(const QString& text, const QString& identifier) {
     const auto type = noteContentTypeForFileName(identifier);
@@ -153,7 +133,7 @@ void NoteHistoryWindow::compareSelected() {
             if (!before) return fail(before.error());
             auto after = noteVersionText(repository, identifier, current);
             if (!after) return fail(after.error());
-            return comparisonHtml(wordDiff(bodyOf(*before, identifier), bodyOf(*after, identifier)));
+            return wordDiffHtml(wordDiff(bodyOf(*before, identifier), bodyOf(*after, identifier)));
         },
         [this, wanted](Result<QString> html) {
             if (wanted != comparison_) return;

@@ -9,33 +9,11 @@
 #include <QVBoxLayout>
 #include <algorithm>
 
-#include "NoteStore.h"
 #include "NoteHistoryDiff.h"
+#include "NoteStore.h"
+#include "WordDiffHtml.h"
 
 namespace mossly {
-
-namespace {
-
-QString diffHtml(const std::vector<NoteTextChange>& runs) {
-    QString html = QStringLiteral("<div style=\"white-space: pre-wrap;\">");
-    for (const NoteTextChange& run : runs) {
-        const QString text = run.text.toHtmlEscaped();
-        switch (run.kind) {
-            case NoteTextChange::Kind::same: html += text; break;
-            case NoteTextChange::Kind::removed:
-                html += QStringLiteral("<span style=\"background:#f6d0d0; color:#7a1010; text-decoration:line-through;\">") +
-                        text + QStringLiteral("</span>");
-                break;
-            case NoteTextChange::Kind::inserted:
-                html += QStringLiteral("<span style=\"background:#cdeccd; color:#0d5a0d;\">") + text +
-                        QStringLiteral("</span>");
-                break;
-        }
-    }
-    return html + QStringLiteral("</div>");
-}
-
-}  // namespace
 
 SyncConflictBanner::SyncConflictBanner(NoteStore& store, QWidget* parent) : QFrame(parent), store_(store) {
     setObjectName(QStringLiteral("syncConflictBanner"));
@@ -99,7 +77,7 @@ void SyncConflictBanner::refresh() {
                       "version, highlighted words only in the other.")
                        .arg(store_.syncConflictDescription(copy), more));
     if (copy != copyUrl_ || diff_->property("mine") != mine || diff_->property("other") != other) {
-        diff_->setHtml(diffHtml(wordDiff(mine, other)));
+        diff_->setHtml(wordDiffHtml(wordDiff(mine, other)));
         // As tall as the differences need, up to a few lines: the note stays in view below.
         const int available = parentWidget() ? parentWidget()->width() - 40 : diff_->viewport()->width();
         diff_->document()->setTextWidth(std::max(diff_->viewport()->width(), available));
