@@ -1,7 +1,6 @@
 #include "RuntimeLibrary.h"
 
 #include <QHash>
-#include <dlfcn.h>
 #include <mutex>
 
 namespace mossly {
@@ -9,36 +8,30 @@ namespace mossly {
 namespace {
 
 std::mutex mutex;
-QHash<QString, void*> opened;         // by the file name actually opened
 QHash<QString, QString> substitutes;  // file name → the file tests open instead
-
-QString lastLoaderError() {
-    const char* text = dlerror();
-    return text ? QString::fromLocal8Bit(text) : QStringLiteral("unknown error");
-}
 
 }  // namespace
 
 Result<RuntimeLibrary> RuntimeLibrary::open(const QString& fileName, const QString& package) {
-    std::lock_guard lock(mutex);
-    const QString actual = substitutes.value(fileName, fileName);
-    void* handle = opened.value(actual);
-    if (!handle) {
-        handle = dlopen(actual.toLocal8Bit().constData(), RTLD_NOW | RTLD_LOCAL);
-        if (!handle) return fail(Error::libraryUnavailable(fileName, package, lastLoaderError()));
-        opened.insert(actual, handle);
+    QString actual;
+    {
+        std::lock_guard lock(mutex);
+        actual = substitutes.value(fileName, fileName);
     }
-    return RuntimeLibrary(handle, fileName, package);
+    // QLibrary counts its loads; one left unreleased keeps the library for the life of the process.
+    auto library = std::make_shared<QLibrary>(actual);
+    library->setLoadHints(QLibrary::ResolveAllSymbolsHint);
+    if (!library->load()) return fail(Error::libraryUnavailable(fileName, package, library->errorString()));
+    return RuntimeLibrary(std::move(library), fileName, package);
 }
 
 Result<void*> RuntimeLibrary::lookUp(const char* name) const {
-    dlerror();
-    void* address = dlsym(handle_, name);
+    const QFunctionPointer address = library_->resolve(name);
     if (!address) {
         return fail(Error::libraryUnavailable(
             fileName_, package_, QStringLiteral("it has no %1; it may be too old").arg(QString::fromLatin1(name))));
     }
-    return address;
+    return reinterpret_cast<void*>(address);
 }
 
 void RuntimeLibrary::substitute(const QString& fileName, const QString& replacement) {

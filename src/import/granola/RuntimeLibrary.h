@@ -1,6 +1,8 @@
 #pragma once
 
+#include <QLibrary>
 #include <QString>
+#include <memory>
 #include <utility>
 
 #include "Error.h"
@@ -45,11 +47,11 @@ public:
     static void substitute(const QString& fileName, const QString& replacement);
 
 private:
-    RuntimeLibrary(void* handle, QString fileName, QString package)
-        : handle_(handle), fileName_(std::move(fileName)), package_(std::move(package)) {}
+    RuntimeLibrary(std::shared_ptr<QLibrary> library, QString fileName, QString package)
+        : library_(std::move(library)), fileName_(std::move(fileName)), package_(std::move(package)) {}
     Result<void*> lookUp(const char* name) const;
 
-    void* handle_;
+    std::shared_ptr<QLibrary> library_;  // never unloaded
     QString fileName_;
     QString package_;
 };
