@@ -118,8 +118,10 @@ Result<void> NoteStore::resolveSyncConflict(QString url, QString copyUrl, SyncCo
 
 void NoteStore::rememberSave(const QString& url, const QString& baseBody, const StoredNote& saved) {
     if (!isSyncthingFolder(directory_)) return;
-    recentSaves_.insert(url, RecentSave{baseBody, saved.document.body, saved.persistedContent,
-                                        QDateTime::currentMSecsSinceEpoch()});
+    const qint64 now = QDateTime::currentMSecsSinceEpoch();
+    // Older saves can no longer be replaced unseen: their texts need not stay in memory.
+    recentSaves_.removeIf([now](const auto& entry) { return now - entry.value().savedAtMs > recentSaveMilliseconds; });
+    recentSaves_.insert(url, RecentSave{baseBody, saved.document.body, saved.persistedContent, now});
 }
 
 // Syncthing checks that a file is unchanged, then renames the version it
